@@ -154,7 +154,7 @@ TEST(FixedPalettes, Tables) {
   std::fill(out.begin(), out.end(), q(1, 2, 3, 4));
   EXPECT_EQ(V_GetFixedPalette(out.data(), 4), RESULT_OK);
   EXPECT_EQ(std::memcmp(out.data(), V_IntGetFixedPalette(4), 16 * 4), 0);
-  EXPECT_EQ(rgb(out[16]), (std::vector<int>{3, 2, 1, 4}));  // nothing past 2^bits written
+  EXPECT_EQ(rgb(out[16]), (std::vector<int>{1, 2, 3, 4}));  // nothing past 2^bits written
   EXPECT_EQ(V_GetFixedPalette(out.data(), 9), RESULT_BAD_PARAMETER);
   EXPECT_EQ(V_GetFixedPalette(out.data(), -1), RESULT_BAD_PARAMETER);
   EXPECT_EQ(V_GetFixedPalette(nullptr, 1), RESULT_BAD_PARAMETER);
