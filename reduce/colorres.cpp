@@ -9,7 +9,9 @@
 #include <cstring>
 
 #include "core.h"
+#include "lookup.h"
 #include "optimize.h"
+#include "palette_tables.h"
 #include "platform.h"
 
 namespace vk::cres {
@@ -53,20 +55,6 @@ int32_t deep_order(uint32_t flags) {
     case RESOLVE_ORDER5: return ORDER_BGR_ALT;
     default: return -1;
   }
-}
-
-// The 216-colour cube: entry (r * 6 + g) * 6 + b has levels 51 r, 51 g,
-// 51 b; entries 216-255 are black.
-void cube_palette(RGBQUAD* out) {
-  std::memset(out, 0, 256 * sizeof(RGBQUAD));
-  for (uint32_t r = 0; r < 6; ++r)
-    for (uint32_t g = 0; g < 6; ++g)
-      for (uint32_t b = 0; b < 6; ++b) {
-        RGBQUAD& q = out[(r * 6 + g) * 6 + b];
-        q.rgbRed = static_cast<uint8_t>(r * 51);
-        q.rgbGreen = static_cast<uint8_t>(g * 51);
-        q.rgbBlue = static_cast<uint8_t>(b * 51);
-      }
 }
 
 // Up to n entries of the caller's palette (array or platform handle); the
@@ -159,13 +147,6 @@ struct Plan {
   bool dither = true;
   uint32_t* table = nullptr;  // match table handed to the dithering engine
 };
-
-// The current user match table of the thread, without changing it.
-uint32_t* current_user_table() {
-  uint32_t* t = V_SetUserMatchTable(nullptr);
-  V_SetUserMatchTable(t);
-  return t;
-}
 
 // A snapshot of a user match table; restores the cells on failure.
 class TableGuard {
@@ -364,12 +345,12 @@ int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, u
         break;
       case Selection::cube:
         plan.count = 256;
-        cube_palette(plan.pal);
+        std::memcpy(plan.pal, color_cube(), 256 * sizeof(RGBQUAD));
         break;
       case Selection::user:
         plan.count = caller_entries(palette, handle, n, plan.pal);
         if (plan.count == 0) return RESULT_BAD_PARAMETER;
-        if (user_table) plan.table = current_user_table();
+        if (user_table) plan.table = current_user_match_table();
         break;
       default:
         VK_TRY(plan_optimised(plan, &src, bits, flags, palette, handle, n));
