@@ -93,12 +93,14 @@ uint64_t section_size(Section h) { return h ? static_cast<SectionObj*>(h)->size 
 // ---- global memory ---------------------------------------------------------------
 namespace {
 constexpr uint32_t kGlobalMagic = 0x474C4F42;  // "GLOB"
-struct alignas(32) GlobalHeader {
+// 32 bytes, so the data keeps the heap's 16-byte alignment.
+struct GlobalHeader {
   uint32_t magic;
   uint32_t locks;
-  size_t size;
+  uint64_t size;
+  uint64_t pad[2];
 };
-static_assert(sizeof(GlobalHeader) == 32, "data stays 32-byte aligned relative to the header");
+static_assert(sizeof(GlobalHeader) == 32, "header size");
 
 GlobalHeader* header_of(VK_HGLOBAL h) {
   auto* g = static_cast<GlobalHeader*>(h);
