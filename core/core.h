@@ -160,6 +160,11 @@ ScopeExit(F) -> ScopeExit<F>;
 // record when a thread record cannot be made.  Never null.
 ThreadSettings& settings();
 
+// The critical section that guards the caller-slot table of V_TlsAlloc and
+// V_TlsFree (and nothing else).
+void runtime_cs_enter();
+void runtime_cs_leave();
+
 // ---- bitmap guards ----------------------------------------------------------------
 
 // Locks a bitmap's storage for the guard's lifetime (global-memory bitmaps

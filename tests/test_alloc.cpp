@@ -1,0 +1,121 @@
+// Allocators, fault injection, per-thread settings and progress reporting.
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "core.h"
+#include "platform.h"
+
+namespace {
+
+TEST(Alloc, OsBlocksKeepTheirHandleAndGrowZeroed) {
+  const long base = vk::fault::live_total();
+  auto* p = static_cast<uint8_t*>(V_OsAllocInit(100, 1));
+  ASSERT_NE(p, nullptr);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(p[i], 0);
+  VK_HGLOBAL h = vk::plat::global_handle(p);
+  ASSERT_NE(h, nullptr);
+  EXPECT_EQ(vk::plat::global_size(h), 100u);
+  EXPECT_EQ(vk::plat::global_lock_count(h), 1u);  // kept locked for life
+  std::memset(p, 0xAB, 100);
+  p = static_cast<uint8_t*>(V_OsReAllocInit(p, 5000));
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(p[99], 0xAB);
+  EXPECT_EQ(p[100], 0);
+  EXPECT_EQ(p[4999], 0);
+  EXPECT_EQ(V_OsFree(p), 0);
+  EXPECT_EQ(V_OsFree(nullptr), 0);
+  EXPECT_EQ(vk::fault::live_total(), base);
+}
+
+TEST(Alloc, FailedOsReallocKeepsTheOldBlock) {
+  auto* p = static_cast<uint8_t*>(V_OsAlloc(16));
+  ASSERT_NE(p, nullptr);
+  p[0] = 7;
+  vk::fault::arm(1);
+  EXPECT_EQ(V_OsReAlloc(p, 1 << 20), nullptr);
+  vk::fault::disarm();
+  EXPECT_EQ(p[0], 7);
+  EXPECT_EQ(vk::plat::global_lock_count(vk::plat::global_handle(p)), 1u);
+  V_OsFree(p);
+}
+
+TEST(Alloc, FaultSwitchFailsExactlyTheNthPoint) {
+  vk::fault::arm(2);
+  void* a = V_Malloc(8);
+  void* b = V_Malloc(8);
+  void* c = V_Malloc(8);
+  vk::fault::disarm();
+  EXPECT_NE(a, nullptr);
+  EXPECT_EQ(b, nullptr);
+  EXPECT_NE(c, nullptr);
+  EXPECT_TRUE(vk::fault::fired());
+  V_Free(a);
+  V_Free(c);
+
+  vk::fault::arm(1, /*persistent=*/true);
+  EXPECT_EQ(V_Calloc(1, 8), nullptr);
+  EXPECT_EQ(V_OsAlloc(8), nullptr);
+  vk::fault::disarm();
+}
+
+TEST(Alloc, ReallocNullAllocatesAndFreeNullIsHarmless) {
+  void* p = V_Realloc(nullptr, 10);
+  ASSERT_NE(p, nullptr);
+  V_Free(p);
+  V_Free(nullptr);
+}
+
+TEST(Settings, ThreadsKeepIndependentRecordsReleasedAtExit) {
+  ThreadSettings* mine = &vk::settings();
+  const long base = vk::fault::live_total();
+  ThreadSettings* theirs = nullptr;
+  std::thread t([&] {
+    theirs = &vk::settings();
+    EXPECT_EQ(theirs->DefaultDithering, DITHER_ORDERED);
+    EXPECT_EQ(theirs->MappedTileLimit, 1);
+    EXPECT_EQ(theirs->MemoryTileLimit, -100);
+    EXPECT_EQ(theirs->TiledThreshold, 0x7FFFFFFF);
+    EXPECT_NE(theirs->Slots, nullptr);
+    theirs->DefaultXResolution = 999;
+  });
+  t.join();
+  EXPECT_NE(mine, theirs);
+  EXPECT_EQ(mine->DefaultXResolution, 150);
+  EXPECT_EQ(vk::fault::live_total(), base);  // the thread's record went with it
+}
+
+TEST(Settings, FallsBackToTheProcessRecordWhenNoneCanBeMade) {
+  ThreadSettings* fallback = nullptr;
+  std::thread t([&] {
+    vk::fault::arm(1, true);
+    fallback = &vk::settings();
+    vk::fault::disarm();
+    EXPECT_EQ(fallback->DefaultYResolution, 150);
+  });
+  t.join();
+  ASSERT_NE(fallback, nullptr);
+  EXPECT_NE(fallback, &vk::settings());
+}
+
+int32_t VK_CALL record_percent(int32_t percent, intptr_t data) {
+  reinterpret_cast<std::vector<int>*>(data)->push_back(percent);
+  return RESULT_OK;
+}
+
+TEST(Progress, CarriesTheRemainderAgainstTheTotal) {
+  std::vector<int> seen;
+  StatusCallback old = V_SetStatusCallBack(record_percent, reinterpret_cast<intptr_t>(&seen));
+  {
+    vk::Progress p(3);
+    EXPECT_EQ(p.start(), RESULT_OK);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(p.step(), RESULT_OK);
+    EXPECT_EQ(p.finish(), RESULT_OK);
+  }
+  V_SetStatusCallBack(old, 0);
+  // 100 / 3 = 33 remainder 1: 33, 66, and the carried thirds reach 100.
+  EXPECT_EQ(seen, (std::vector<int>{0, 33, 66, 100}));
+}
+
+}  // namespace

@@ -1,0 +1,168 @@
+// Nearest-colour search, user match tables, palette maps and the fixed palettes.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "lookup.h"
+#include "palette_tables.h"
+#include "vkkrn.h"
+
+namespace {
+
+RGBQUAD q(int r, int g, int b, int reserved = 0) {
+  return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(reserved)};
+}
+
+// Straightforward restatement of the search for cross-checking table cells.
+uint32_t brute_nearest(const std::vector<RGBQUAD>& pal, int r, int g, int b) {
+  return V_FindPaletteIndex(pal.data(), uint32_t(pal.size()), r, g, b);
+}
+
+TEST(Lookup, EdgeCases) {
+  struct Case {
+    std::vector<RGBQUAD> pal;
+    int r, g, b;
+    uint32_t want;
+    const char* why;
+  } cases[] = {
+      {{q(0, 0, 0), q(255, 255, 255), q(0, 0, 0)}, 0, 0, 0, 0, "black prefers entry 0"},
+      {{q(0, 0, 0), q(255, 255, 255), q(0, 0, 0)}, 255, 255, 255, 1, "white found by the search"},
+      {{q(255, 255, 255), q(128, 128, 128), q(255, 255, 255)}, 255, 255, 255, 2, "white prefers the last entry"},
+      {{q(9, 9, 9), q(5, 5, 5), q(0, 0, 0)}, 0, 0, 0, 2, "black in the last entry"},
+      {{q(255, 255, 255), q(5, 5, 5), q(9, 9, 9)}, 255, 255, 255, 0, "white in entry 0 only"},
+      {{q(10, 0, 0), q(0, 10, 0)}, 5, 5, 0, 0, "tie, later entry has another order code"},
+      {{q(0, 10, 0), q(10, 0, 0)}, 5, 5, 0, 1, "tie, later entry has the target's order code"},
+      {{q(1, 2, 3), q(50, 50, 50), q(50, 50, 50)}, 50, 50, 50, 1, "first exact match stops"},
+      {{q(0, 0, 0, 3), q(200, 0, 0)}, 0, 0, 0, 0, "reserved bytes do not hide black"},
+      {{q(100, 100, 100), q(0, 0, 200)}, 0, 0, 255, 1, "plain nearest"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(V_FindPaletteIndex(c.pal.data(), uint32_t(c.pal.size()), c.r, c.g, c.b), c.want) << c.why;
+
+  const RGBQUAD one = q(1, 1, 1);
+  EXPECT_EQ(V_FindPaletteIndex(&one, 0, 1, 1, 1), 0xFFFFFFFFu);
+  EXPECT_EQ(V_FindPaletteIndex(&one, 0, 0, 0, 0), 0xFFFFFFFFu);
+  EXPECT_EQ(V_FindPaletteIndex(nullptr, 16, 7, 7, 7), 0u);
+}
+
+TEST(Lookup, FixedPaletteSearchFindsExactEntries) {
+  // Every entry of a fixed palette with distinct colours is found at its own
+  // index (first exact match, shortcuts agree).
+  for (int bits = 1; bits <= 8; ++bits) {
+    const RGBQUAD* p = V_IntGetFixedPalette(bits);
+    ASSERT_NE(p, nullptr);
+    const uint32_t n = 1u << bits;
+    for (uint32_t i = 0; i < n; ++i)
+      EXPECT_EQ(V_FindPaletteIndex(p, n, p[i].rgbRed, p[i].rgbGreen, p[i].rgbBlue), i) << bits << " " << i;
+  }
+}
+
+TEST(Lookup, UserMatchTableAgreesOnCellCorners) {
+  std::vector<RGBQUAD> pal;
+  for (int i = 0; i < 37; ++i) pal.push_back(q((i * 97) & 255, (i * 53 + 11) & 255, (i * 31 + 7) & 255));
+  pal.push_back(q(0, 0, 0));
+  uint32_t* t = V_CreateUserMatchTable(pal.data(), uint32_t(pal.size()));
+  ASSERT_NE(t, nullptr);
+  for (uint32_t i = 0; i < vk::kMatchTableCells; ++i) {
+    const int r = int((i >> 10) & 31) * 8, g = int((i >> 5) & 31) * 8, b = int(i & 31) * 8;
+    ASSERT_EQ(t[i], brute_nearest(pal, r, g, b) + 1) << i;
+  }
+  EXPECT_EQ(V_FreeUserMatchTable(t), RESULT_OK);
+  EXPECT_EQ(V_FreeUserMatchTable(nullptr), RESULT_OK);
+  EXPECT_EQ(V_CreateUserMatchTable(nullptr, 4), nullptr);
+}
+
+TEST(Lookup, UserMatchTableIsPerThread) {
+  uint32_t dummy[4] = {};
+  uint32_t* before = V_SetUserMatchTable(dummy);
+  EXPECT_EQ(vk::current_user_match_table(), dummy);
+  uint32_t* seen_elsewhere = dummy;
+  uint32_t* old_elsewhere = dummy;
+  std::thread([&] {
+    seen_elsewhere = vk::current_user_match_table();
+    old_elsewhere = V_SetUserMatchTable(nullptr);
+  }).join();
+  EXPECT_EQ(seen_elsewhere, nullptr);
+  EXPECT_EQ(old_elsewhere, nullptr);  // a thread that never installed one
+  EXPECT_EQ(V_SetUserMatchTable(before), dummy);
+}
+
+TEST(Lookup, PaletteMapRules) {
+  uint8_t map[256];
+  EXPECT_EQ(vk::build_palette_map(nullptr, 0, nullptr, 0, map), 1);
+
+  // Equal prefixes (reserved bytes included) give the identity.
+  const RGBQUAD* p8 = V_IntGetFixedPalette(8);
+  std::memset(map, 0xAA, sizeof map);
+  EXPECT_EQ(vk::build_palette_map(p8, 16, p8, 256, map), 1);
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(map[i], i);
+  EXPECT_EQ(map[16], 0xAA);  // entries beyond the source count are untouched
+
+  // A reserved-byte difference defeats the shortcut but the search still maps
+  // every entry to itself.
+  std::vector<RGBQUAD> marked(p8, p8 + 256);
+  marked[3].rgbReserved = 1;
+  EXPECT_EQ(vk::build_palette_map(marked.data(), 256, p8, 256, map), 1);
+
+  // Gray destination: the gray formula.
+  const RGBQUAD src[3] = {q(0, 0, 255), q(0, 255, 0), q(255, 0, 0)};
+  EXPECT_EQ(vk::build_palette_map(src, 3, nullptr, 0, map), 0);
+  EXPECT_EQ(map[0], 32);
+  EXPECT_EQ(map[1], 159);
+  EXPECT_EQ(map[2], 64);
+
+  // Gray source: nearest entry of each level.
+  const RGBQUAD* p1 = V_IntGetFixedPalette(1);
+  EXPECT_EQ(vk::build_palette_map(nullptr, 0, p1, 2, map), 0);
+  EXPECT_EQ(map[0], 0);
+  EXPECT_EQ(map[127], 0);
+  EXPECT_EQ(map[128], 1);
+  EXPECT_EQ(map[255], 1);
+  EXPECT_EQ(vk::build_palette_map(nullptr, 0, vk::gray_ramp(), 256, map), 1);
+
+  // A larger source than destination is searched.
+  EXPECT_EQ(vk::build_palette_map(p8, 256, V_IntGetFixedPalette(3), 8, map), 0);
+  EXPECT_EQ(map[255], 7);
+  EXPECT_EQ(map[0], 0);
+}
+
+TEST(FixedPalettes, Tables) {
+  EXPECT_EQ(V_IntGetFixedPalette(0), nullptr);
+  EXPECT_EQ(V_IntGetFixedPalette(9), nullptr);
+  EXPECT_EQ(V_IntGetFixedPalette(-1), nullptr);
+
+  auto rgb = [](const RGBQUAD& e) { return std::vector<int>{e.rgbRed, e.rgbGreen, e.rgbBlue, e.rgbReserved}; };
+  struct Case {
+    int bits, index, r, g, b;
+  } cases[] = {
+      {1, 0, 0, 0, 0},       {1, 1, 255, 255, 255}, {2, 1, 85, 85, 85},    {2, 2, 170, 170, 170},
+      {3, 4, 255, 0, 0},     {3, 2, 0, 255, 0},     {3, 1, 0, 0, 255},     {4, 1, 128, 0, 0},
+      {4, 7, 128, 128, 128}, {4, 8, 192, 192, 192}, {4, 9, 255, 0, 0},     {4, 14, 0, 255, 255},
+      {5, 8, 85, 0, 0},      {5, 2, 0, 85, 0},      {5, 31, 255, 255, 255}, {6, 16 + 8 + 3, 85, 170, 255},
+      {7, 32 + 4 * 3 + 2, 85, 109, 170}, {7, 127, 255, 255, 255}, {8, 32 * 5 + 4 * 6 + 1, 182, 219, 85},
+      {8, 4 * 1, 0, 36, 0},  {8, 255, 255, 255, 255},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(rgb(V_IntGetFixedPalette(c.bits)[c.index]), (std::vector<int>{c.r, c.g, c.b, 0}))
+        << c.bits << ":" << c.index;
+
+  std::vector<RGBQUAD> out(256, q(1, 2, 3, 4));
+  EXPECT_EQ(V_GetFixedPalette(out.data(), 0), RESULT_OK);
+  for (int i = 0; i < 256; ++i) EXPECT_EQ(rgb(out[i]), (std::vector<int>{i, i, i, 0}));
+  std::fill(out.begin(), out.end(), q(1, 2, 3, 4));
+  EXPECT_EQ(V_GetFixedPalette(out.data(), 4), RESULT_OK);
+  EXPECT_EQ(std::memcmp(out.data(), V_IntGetFixedPalette(4), 16 * 4), 0);
+  EXPECT_EQ(rgb(out[16]), (std::vector<int>{1, 2, 3, 4}));  // nothing past 2^bits written
+  EXPECT_EQ(V_GetFixedPalette(out.data(), 9), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_GetFixedPalette(out.data(), -1), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_GetFixedPalette(nullptr, 1), RESULT_BAD_PARAMETER);
+
+  const RGBQUAD* cube = vk::color_cube();
+  EXPECT_EQ(rgb(cube[vk::cube_index(5, 2, 1)]), (std::vector<int>{255, 102, 51, 0}));
+  EXPECT_EQ(rgb(cube[215]), (std::vector<int>{255, 255, 255, 0}));
+  for (int i = 216; i < 256; ++i) EXPECT_EQ(rgb(cube[i]), (std::vector<int>{0, 0, 0, 0}));
+}
+
+}  // namespace
