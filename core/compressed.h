@@ -38,3 +38,9 @@ int32_t write_record(BitmapHandle* b, uint32_t row, const void* record);
 uint32_t heap_size(const BitmapHandle* b);
 
 }  // namespace vk::cmp
+
+namespace vk::cmp {
+// Sum of the stored (compressed) lengths of all Height rows, in bytes: what
+// V_UpdateBitmapSize puts in Size for compressed storage.
+uint32_t stored_size(const BitmapHandle* b);
+}  // namespace vk::cmp

@@ -1,0 +1,145 @@
+// Bitmap records: initialisation, shallow copies and the per-thread defaults
+// that new records take.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "core.h"
+
+namespace {
+
+bool all_zero(const BitmapHandle& b) {
+  static const BitmapHandle zero{};
+  return std::memcmp(&b, &zero, sizeof b) == 0;
+}
+
+TEST(Record, InitGeometryPerDepth) {
+  const struct {
+    int32_t w, h, bits;
+    uint32_t bpl, colours;
+    int32_t order;
+  } cases[] = {
+      {1, 1, 1, 4, 2, ORDER_RGB},       {32, 2, 1, 4, 2, ORDER_RGB},     {33, 2, 1, 8, 2, ORDER_RGB},
+      {3, 5, 24, 12, 0, ORDER_BGR},     {5, 1, 3, 4, 8, ORDER_RGB},      {11, 1, 7, 12, 128, ORDER_RGB},
+      {7, 3, 8, 8, 256, ORDER_RGB},     {3, 2, 12, 8, 0, ORDER_GRAY},    {2, 2, 16, 4, 0, ORDER_BGR},
+      {1, 1, 32, 4, 0, ORDER_BGR},      {1, 1, 48, 8, 0, ORDER_BGR},     {3, 1, 64, 24, 0, ORDER_BGR},
+      {0, 10, 8, 0, 256, ORDER_RGB},  // zero width is not refused here
+  };
+  for (const auto& c : cases) {
+    BitmapHandle b;
+    std::memset(&b, 0xAB, sizeof b);
+    ASSERT_EQ(V_InitBitmap(&b, c.w, c.h, c.bits), RESULT_OK) << c.bits;
+    EXPECT_EQ(b.Width, c.w);
+    EXPECT_EQ(b.Height, c.h);
+    EXPECT_EQ(b.BitsPerPixel, c.bits);
+    EXPECT_EQ(b.BytesPerLine, c.bpl) << c.w << "x" << c.bits;
+    EXPECT_EQ(b.Size, c.bpl * static_cast<uint32_t>(c.h));
+    EXPECT_EQ(b.ColorCount, c.colours) << c.bits;
+    EXPECT_EQ(b.Order, c.order) << c.bits;
+    EXPECT_EQ(b.ViewPerspective, 2);
+    EXPECT_EQ(b.DitheringMethod, DITHER_ORDERED);
+    EXPECT_EQ(b.XResolution, 150);
+    EXPECT_EQ(b.YResolution, 150);
+    EXPECT_EQ(b.LowBit, 0);
+    EXPECT_EQ(b.HighBit, c.bits - 1);
+    EXPECT_EQ(b.PaintLowBit, 0);
+    EXPECT_EQ(b.PaintHighBit, c.bits - 1);
+    EXPECT_EQ(b.PaintPercent, 100);
+    EXPECT_EQ(b.Flags, 0u);
+    EXPECT_EQ(b.Data, nullptr);
+    EXPECT_EQ(b.Palette, nullptr);
+    EXPECT_EQ(b.DitherState, nullptr);
+    EXPECT_EQ(b.MinValue, 0);
+    EXPECT_EQ(b.MaxValue, 0);
+    EXPECT_EQ(b.PaintLut, nullptr);
+  }
+}
+
+TEST(Record, BlankAndBadDepthLeaveAZeroRecord) {
+  BitmapHandle b;
+  std::memset(&b, 0xAB, sizeof b);
+  EXPECT_EQ(V_InitBitmap(&b, 0, 0, 0), RESULT_OK);
+  EXPECT_TRUE(all_zero(b));
+
+  const struct { int32_t w, h, bits; } bad[] = {{10, 10, 9}, {10, 10, 10}, {10, 10, 11}, {10, 10, 0},
+                                                {0, 1, 0},   {1, 0, 13},   {4, 4, 128}, {4, 4, -8}};
+  for (const auto& c : bad) {
+    std::memset(&b, 0xAB, sizeof b);
+    EXPECT_EQ(V_InitBitmap(&b, c.w, c.h, c.bits), RESULT_BAD_BITS_PER_PIXEL) << c.bits;
+    EXPECT_TRUE(all_zero(b)) << c.bits;
+  }
+  EXPECT_EQ(V_InitBitmap(nullptr, 1, 1, 8), RESULT_BAD_PARAMETER);
+}
+
+TEST(Record, SizeUsesUnsignedArithmetic) {
+  BitmapHandle b;
+  // 65536 x 65536 at 8 bits: the 32-bit product wraps, as the record's
+  // unsigned Size field does.
+  ASSERT_EQ(V_InitBitmap(&b, 65536, 65536, 8), RESULT_OK);
+  EXPECT_EQ(b.BytesPerLine, 65536u);
+  EXPECT_EQ(b.Size, 0u);
+  ASSERT_EQ(V_InitBitmap(&b, -1, 2, 8), RESULT_OK);  // not checked for sign
+  EXPECT_EQ(b.BytesPerLine, 0u);  // (8 * 0xFFFFFFFF + 31) wraps to 23
+}
+
+TEST(Record, NewRecordsTakeTheThreadDefaults) {
+  const int32_t old_x = V_SetDefaultXResolution(300);
+  const int32_t old_y = V_SetDefaultYResolution(72);
+  EXPECT_EQ(V_SetDefaultXResolution(300), 300);  // returns the previous value
+  ASSERT_EQ(V_DefaultDithering(DITHER_CLUSTERED), RESULT_OK);
+  BitmapHandle b;
+  ASSERT_EQ(V_InitBitmap(&b, 4, 4, 8), RESULT_OK);
+  EXPECT_EQ(b.XResolution, 300);
+  EXPECT_EQ(b.YResolution, 72);
+  EXPECT_EQ(b.DitheringMethod, DITHER_CLUSTERED);
+
+  // Unset (0 or negative) resolutions fall back to 150.
+  const int32_t unset[][2] = {{0, 0}, {-5, -1}, {0, 96}};
+  for (const auto& u : unset) {
+    V_SetDefaultXResolution(u[0]);
+    V_SetDefaultYResolution(u[1]);
+    EXPECT_EQ(V_GetDefaultXResolution(), u[0]);
+    ASSERT_EQ(V_InitBitmap(&b, 4, 4, 8), RESULT_OK);
+    EXPECT_EQ(b.XResolution, 150);
+    EXPECT_EQ(b.YResolution, u[1] > 0 ? u[1] : 150);
+  }
+  V_SetDefaultXResolution(old_x);
+  V_SetDefaultYResolution(old_y);
+  V_DefaultDithering(DITHER_ORDERED);
+}
+
+TEST(Record, DefaultSettersCheckTheirValues) {
+  EXPECT_EQ(V_DefaultDithering(9), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_DefaultDithering(-1), RESULT_BAD_PARAMETER);  // compared unsigned
+  EXPECT_EQ(V_GetDefaultDithering(), DITHER_ORDERED);
+  EXPECT_EQ(V_DefaultDithering(8), RESULT_OK);
+  EXPECT_EQ(V_DefaultDithering(0), RESULT_OK);
+  EXPECT_EQ(V_GetDefaultDithering(), 0);
+  V_DefaultDithering(DITHER_ORDERED);
+
+  int32_t type = 0;
+  EXPECT_EQ(V_GetDefaultMemoryType(nullptr), RESULT_BAD_PARAMETER);
+  ASSERT_EQ(V_GetDefaultMemoryType(&type), RESULT_OK);
+  EXPECT_EQ(type, TYPE_CONVENTIONAL);
+  for (int32_t bad : {0, 2, 4, 8, 256, 512, 1024, 129})
+    EXPECT_EQ(V_SetDefaultMemoryType(bad), RESULT_BAD_PARAMETER) << bad;
+  EXPECT_EQ(V_SetDefaultMemoryType(TYPE_DISK), RESULT_OK);
+  V_GetDefaultMemoryType(&type);
+  EXPECT_EQ(type, TYPE_DISK);
+  EXPECT_EQ(V_SetDefaultMemoryType(TYPE_CONVENTIONAL), RESULT_OK);
+}
+
+TEST(Record, CopyHandleIsShallowAndWhole) {
+  BitmapHandle src, dst;
+  auto* words = reinterpret_cast<uint8_t*>(&src);
+  for (size_t i = 0; i < sizeof src; ++i) words[i] = static_cast<uint8_t>(i * 7 + 1);
+  std::memset(&dst, 0, sizeof dst);
+  V_CopyBitmapHandle(&dst, &src);
+  EXPECT_EQ(std::memcmp(&dst, &src, sizeof src), 0);
+  V_CopyBitmapHandle(nullptr, &src);  // no effect, no crash
+  std::memset(&dst, 0x11, sizeof dst);
+  V_CopyBitmapHandle(&dst, nullptr);
+  EXPECT_EQ(dst.Width, 0x11111111);
+}
+
+}  // namespace

@@ -1,0 +1,328 @@
+// Runtime services: per-thread isolation of settings through the public
+// calls, the caller-slot store, status callbacks, utilities, and the
+// platform's palette, screen and MulDiv calls.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core.h"
+#include "platform.h"
+#include "vkkrn_platform.h"
+
+namespace {
+
+int32_t VK_CALL status_a(int32_t, intptr_t) { return RESULT_OK; }
+int32_t VK_CALL status_b(int32_t, intptr_t) { return RESULT_OK; }
+VK_FILE VK_CALL my_open(const char*, int32_t, int32_t, intptr_t) { return 100; }
+
+TEST(Runtime, ThreadsKeepIndependentDefaultsTablesAndCallbacks) {
+  const int32_t old_x = V_SetDefaultXResolution(300);
+  ASSERT_EQ(V_DefaultDithering(DITHER_STUCKI), RESULT_OK);
+  StatusCallback old_status = V_SetStatusCallBack(status_a, 11);
+  StatusCallback old_copy = V_SetCopyStatusCallBack(status_b, 22);
+  V_RedirectIO(my_open, nullptr, nullptr, nullptr, nullptr, 33);
+  const long base = vk::fault::live_total();
+
+  std::thread t([] {
+    // A new thread starts from the initial values, whatever this one set.
+    EXPECT_EQ(V_GetDefaultXResolution(), 150);
+    EXPECT_EQ(V_GetDefaultDithering(), DITHER_ORDERED);
+    intptr_t data = -1;
+    EXPECT_EQ(V_GetStatusCallBack(&data), nullptr);
+    EXPECT_EQ(data, 0);
+    EXPECT_EQ(V_GetCopyStatusCallBack(&data), nullptr);
+    intptr_t od = -1;
+    V_GetFilterIOData(&od, nullptr, nullptr, nullptr, nullptr);
+    EXPECT_EQ(od, 0);
+    EXPECT_EQ(V_RedirectedOpen("/nonexistent/dir/x", 0, 0), -1);  // the V_Os default, not my_open
+    // Its own changes stay with it.
+    V_SetDefaultXResolution(72);
+    V_DefaultDithering(DITHER_NONE);
+    V_SetStatusCallBack(status_b, 5);
+    V_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, 44);
+  });
+  t.join();
+  EXPECT_EQ(vk::fault::live_total(), base);  // the thread's record went with it
+
+  EXPECT_EQ(V_GetDefaultXResolution(), 300);
+  EXPECT_EQ(V_GetDefaultDithering(), DITHER_STUCKI);
+  intptr_t data = 0;
+  EXPECT_EQ(V_GetStatusCallBack(&data), status_a);
+  EXPECT_EQ(data, 11);
+  EXPECT_EQ(V_GetCopyStatusCallBack(&data), status_b);
+  EXPECT_EQ(data, 22);
+  EXPECT_EQ(V_RedirectedOpen("any", 0, 0), 100);
+  V_GetFilterIOData(&data, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(data, 33);
+
+  V_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, 0);
+  V_SetStatusCallBack(old_status, 0);
+  V_SetCopyStatusCallBack(old_copy, 0);
+  V_DefaultDithering(DITHER_ORDERED);
+  V_SetDefaultXResolution(old_x);
+}
+
+// A thread whose record cannot be made (each allocation of the record failed
+// in turn, and every one after it) still gets working defaults from the
+// process-wide record, and nothing is left behind when it exits.
+TEST(Runtime, ThreadRecordFaultSweep) {
+  const long base = vk::fault::live_total();
+  for (long n = 1;; ++n) {
+    bool fired = false;
+    std::thread t([&] {
+      vk::fault::arm(n, /*persistent=*/true);
+      const int32_t before = V_SetDefaultXResolution(500);
+      const int32_t now = V_GetDefaultXResolution();
+      const uint32_t slot = V_TlsAlloc();
+      const int32_t set = V_TlsSetValue(slot, 42);
+      const uintptr_t got = V_TlsGetValue(slot);
+      // Put back what was changed on the same record (the process-wide one
+      // when it served), before disarming lets a thread record be made.
+      V_TlsSetValue(slot, 0);
+      V_SetDefaultXResolution(150);
+      vk::fault::disarm();
+      fired = vk::fault::fired();
+      EXPECT_EQ(before, 150) << n;
+      EXPECT_EQ(now, 500) << n;
+      EXPECT_EQ(set, 1) << n;
+      EXPECT_EQ(got, 42u) << n;
+      V_TlsFree(slot);
+    });
+    t.join();
+    EXPECT_EQ(vk::fault::live_total(), base) << n;
+    if (!fired) break;
+    ASSERT_LT(n, 20);
+  }
+}
+
+TEST(Runtime, StatusCallbackSetReturnsThePreviousOne) {
+  StatusCallback old = V_SetStatusCallBack(status_a, 1);
+  EXPECT_EQ(V_SetStatusCallBack(status_b, 2), status_a);
+  EXPECT_EQ(V_GetStatusCallBack(nullptr), status_b);  // null user-data output is allowed
+  EXPECT_EQ(V_SetStatusCallBack(old, 0), status_b);
+}
+
+// ---- caller slots ------------------------------------------------------------------
+
+TEST(TlsSlots, FreedSlotsBelowTheMarkAreNotReusedWhileTheMarkCanGrow) {
+  const uint32_t a = V_TlsAlloc(), b = V_TlsAlloc(), c = V_TlsAlloc();
+  ASSERT_NE(a, 0xFFFFFFFFu);
+  EXPECT_EQ(b, a + 1);
+  EXPECT_EQ(c, a + 2);
+  EXPECT_EQ(V_TlsFree(a), 1);
+  EXPECT_EQ(V_TlsFree(a), 0);  // already free
+  const uint32_t d = V_TlsAlloc();
+  EXPECT_EQ(d, c + 1);  // the mark grows; a waits
+  // The mark is one past the top slot: values at or above it are refused.
+  EXPECT_EQ(V_TlsSetValue(d + 1, 7), 0);
+  EXPECT_EQ(V_TlsGetValue(d + 1), 0u);
+  EXPECT_EQ(V_TlsFree(d + 1), 0);
+  EXPECT_EQ(V_TlsFree(5000), 0);
+
+  // Freeing the top slot lowers the mark by exactly one, even though slot
+  // c - 1 below is free too.
+  EXPECT_EQ(V_TlsFree(b), 1);
+  EXPECT_EQ(V_TlsFree(d), 1);
+  EXPECT_EQ(V_TlsSetValue(d, 1), 0);   // d is now at the mark
+  EXPECT_EQ(V_TlsSetValue(c, 9), 1);   // c is still below it
+  EXPECT_EQ(V_TlsSetValue(b, 9), 1);   // free but below the mark: not checked
+  EXPECT_EQ(V_TlsGetValue(b), 9u);
+  EXPECT_EQ(V_TlsAlloc(), d);          // the mark slot again
+  EXPECT_EQ(V_TlsFree(d), 1);
+  EXPECT_EQ(V_TlsFree(c), 1);
+}
+
+TEST(TlsSlots, ValuesArePerThread) {
+  const uint32_t s = V_TlsAlloc();
+  ASSERT_NE(s, 0xFFFFFFFFu);
+  EXPECT_EQ(V_TlsSetValue(s, 1234), 1);
+  std::thread t([s] {
+    EXPECT_EQ(V_TlsGetValue(s), 0u);
+    EXPECT_EQ(V_TlsSetValue(s, 99), 1);
+    EXPECT_EQ(V_TlsGetValue(s), 99u);
+  });
+  t.join();
+  EXPECT_EQ(V_TlsGetValue(s), 1234u);
+  V_TlsSetValue(s, 0);
+  V_TlsFree(s);
+}
+
+TEST(TlsSlots, AFullTableSearchesForFreedSlotsThenRefuses) {
+  std::vector<uint32_t> mine;
+  for (;;) {
+    const uint32_t s = V_TlsAlloc();
+    if (s == 0xFFFFFFFFu) break;
+    mine.push_back(s);
+    ASSERT_LT(mine.size(), 2000u);
+  }
+  ASSERT_FALSE(mine.empty());
+  EXPECT_EQ(std::find(mine.begin(), mine.end(), 1023u) != mine.end(), true);
+  // With the mark at 1024, a freed slot in the middle is found again.
+  const uint32_t middle = mine[mine.size() / 2];
+  if (middle != 1023u) {
+    EXPECT_EQ(V_TlsFree(middle), 1);
+    EXPECT_EQ(V_TlsAlloc(), middle);
+    EXPECT_EQ(V_TlsAlloc(), 0xFFFFFFFFu);
+  }
+  std::sort(mine.rbegin(), mine.rend());
+  for (uint32_t s : mine) EXPECT_EQ(V_TlsFree(s), 1);
+}
+
+// ---- utilities ---------------------------------------------------------------------
+
+TEST(Utility, SqrtIsTheFlooredRoot) {
+  const struct { uint32_t n, r; } cases[] = {
+      {0, 0}, {1, 1}, {2, 1}, {3, 1}, {4, 2}, {8, 2}, {9, 3}, {15, 3}, {16, 4}, {24, 4}, {35, 5},
+      {48, 6}, {99, 9}, {100, 10}, {65535u * 65535u, 65535}, {0xFFFFFFFFu, 65535}, {0x80000000u, 46340}};
+  for (const auto& c : cases) EXPECT_EQ(V_SQRT(c.n), c.r) << c.n;
+  for (uint32_t n = 0; n < 70000; ++n)
+    ASSERT_EQ(V_SQRT(n), static_cast<uint32_t>(std::sqrt(static_cast<double>(n)))) << n;
+}
+
+TEST(Utility, BitCountTable) {
+  const uint8_t* t = V_Get1BitOnTable();
+  ASSERT_NE(t, nullptr);
+  for (int b = 0; b < 256; ++b) EXPECT_EQ(t[b], __builtin_popcount(b)) << b;
+}
+
+TEST(Utility, StrtokSplitsButRefusesANullText) {
+  char text[] = ",,a,b;;c";
+  EXPECT_EQ(V_Strtok(text, nullptr), nullptr);
+  char* tok = V_Strtok(text, ",;");
+  ASSERT_NE(tok, nullptr);
+  EXPECT_STREQ(tok, "a");
+  // A null text is refused outright, even in the middle of a split: callers
+  // go on from the text after the token.
+  EXPECT_EQ(V_Strtok(nullptr, ",;"), nullptr);
+  tok = V_Strtok(tok + 2, ",;");
+  ASSERT_NE(tok, nullptr);
+  EXPECT_STREQ(tok, "b");
+  std::thread t([] {
+    char other[] = "  x y";
+    EXPECT_STREQ(V_Strtok(other, " "), "x");
+  });
+  t.join();
+  EXPECT_STREQ(V_Strtok(tok + 2, ",;"), "c");
+  char empty[] = ";;";
+  EXPECT_EQ(V_Strtok(empty, ";"), nullptr);
+}
+
+TEST(Utility, VersionRecord) {
+  EXPECT_EQ(V_VersionInfo(nullptr), RESULT_BAD_PARAMETER);
+  VersionInfo v;
+  std::memset(&v, 0xCC, sizeof v);
+  ASSERT_EQ(V_VersionInfo(&v), RESULT_OK);
+  EXPECT_EQ(v.Level, 2);
+  EXPECT_EQ(v.MajorVersion, 13);
+  EXPECT_EQ(v.MinorVersion, 0);
+  const size_t n = strnlen(v.Banner, sizeof v.Banner);
+  ASSERT_LT(n, sizeof v.Banner);
+  EXPECT_GT(n, 0u);
+  for (size_t i = n; i < sizeof v.Banner; ++i) EXPECT_EQ(v.Banner[i], 0);
+  EXPECT_NE(std::string(v.Banner).find("VKKRN13N"), std::string::npos);
+  EXPECT_EQ(strnlen(v.BuildDate, 16), 11u);  // "Mmm dd yyyy"
+  EXPECT_EQ(strnlen(v.BuildTime, 16), 8u);   // "hh:mm:ss"
+  EXPECT_EQ(v.BuildDate[15], 0);
+  EXPECT_EQ(v.BuildTime[15], 0);
+}
+
+// ---- platform: MulDiv, palettes, screen -----------------------------------------------
+
+TEST(Platform, MulDivRoundsHalvesAwayFromZero) {
+  const struct { int32_t a, b, c, r; } cases[] = {
+      {10, 10, 3, 33},  {5, 1, 2, 3},     {-5, 1, 2, -3},   {5, 1, -2, -3},   {-5, -1, 2, 3},
+      {7, 1, 2, 4},     {-7, 1, 2, -4},   {1, 1, 3, 0},     {2, 1, 3, 1},     {7, 1, 0, -1},
+      {1920, 1000, 508, 3780}, {0x7FFFFFFF, 2, 2, 0x7FFFFFFF}, {0x7FFFFFFF, 2, 1, -1},
+      {INT32_MIN, 1, 1, INT32_MIN}, {INT32_MIN, -1, 1, -1}, {0, 5, 7, 0}};
+  for (const auto& c : cases) EXPECT_EQ(vk::plat::muldiv(c.a, c.b, c.c), c.r) << c.a << "*" << c.b << "/" << c.c;
+}
+
+TEST(Platform, PaletteObjectsReadWriteAndMatch) {
+  const long base = vk::fault::live_total();
+  const vk::plat::PaletteEntry e[4] = {{0, 0, 0, 0}, {255, 0, 0, 0}, {0, 255, 0, 0}, {255, 0, 0, 0}};
+  EXPECT_EQ(vk::plat::palette_create(e, 0), nullptr);
+  EXPECT_EQ(vk::plat::palette_create(e, 257), nullptr);
+  VK_HPALETTE p = vk::plat::palette_create(e, 4);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(vk::fault::live_total(), base + 1);
+  EXPECT_EQ(vk::plat::palette_count(p), 4u);
+  // Exact red appears at 1 and 3: the first wins.  Near-green goes to 2.
+  EXPECT_EQ(vk::plat::palette_nearest(p, VK_RGB(255, 0, 0)), 1u);
+  EXPECT_EQ(vk::plat::palette_nearest(p, VK_RGB(10, 200, 20)), 2u);
+  EXPECT_EQ(vk::plat::palette_nearest(p, VK_RGB(100, 100, 100)), 0u);  // 30000 against 44025
+  vk::plat::PaletteEntry out[4] = {};
+  EXPECT_EQ(vk::plat::palette_get(p, 2, 10, out), 2u);  // clipped to what exists
+  EXPECT_EQ(out[0].green, 255);
+  EXPECT_EQ(vk::plat::palette_get(p, 4, 1, out), 0u);
+  EXPECT_EQ(vk::plat::palette_get(p, 0, 0, nullptr), 4u);
+  const vk::plat::PaletteEntry blue = {0, 0, 255, 0};
+  EXPECT_EQ(vk::plat::palette_set(p, 3, 5, &blue), 1u);
+  EXPECT_EQ(vk::plat::palette_nearest(p, VK_RGB(0, 0, 200)), 3u);
+  EXPECT_TRUE(vk::plat::palette_delete(p));
+  EXPECT_EQ(vk::fault::live_total(), base);
+
+  vk::fault::arm(1);
+  EXPECT_EQ(vk::plat::palette_create(e, 4), nullptr);
+  vk::fault::disarm();
+  EXPECT_EQ(vk::fault::live_total(), base);
+}
+
+TEST(Platform, ExportedPaletteAndGlobalMemory) {
+  const long base = vk::fault::live_total();
+  const RGBQUAD q[2] = {{1, 2, 3, 9}, {4, 5, 6, 9}};
+  VK_HPALETTE p = VKP_CreatePalette(q, 2);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(VKP_GetPaletteEntries(p, 0, 0, nullptr), 2u);
+  RGBQUAD out[2] = {};
+  ASSERT_EQ(VKP_GetPaletteEntries(p, 0, 2, out), 2u);
+  EXPECT_EQ(out[1].rgbBlue, 4);
+  EXPECT_EQ(out[1].rgbRed, 6);
+  EXPECT_EQ(out[1].rgbReserved, 0);
+  EXPECT_EQ(VKP_DeletePalette(p), 1);
+  EXPECT_EQ(VKP_CreatePalette(nullptr, 2), nullptr);
+
+  VK_HGLOBAL g = VKP_GlobalAlloc(VKP_GMEM_MOVEABLE | VKP_GMEM_ZEROINIT, 64);
+  ASSERT_NE(g, nullptr);
+  EXPECT_EQ(VKP_GlobalSize(g), 64u);
+  auto* bytes = static_cast<uint8_t*>(VKP_GlobalLock(g));
+  ASSERT_NE(bytes, nullptr);
+  EXPECT_EQ(bytes[63], 0);
+  bytes[0] = 42;
+  EXPECT_EQ(VKP_GlobalUnlock(g), 0);
+  VK_HGLOBAL g2 = VKP_GlobalReAlloc(g, 128, VKP_GMEM_MOVEABLE);
+  ASSERT_NE(g2, nullptr);
+  EXPECT_EQ(VKP_GlobalSize(g2), 128u);
+  bytes = static_cast<uint8_t*>(VKP_GlobalLock(g2));
+  EXPECT_EQ(bytes[0], 42);
+  VKP_GlobalUnlock(g2);
+  EXPECT_EQ(VKP_GlobalFree(g2), nullptr);
+  EXPECT_EQ(vk::fault::live_total(), base);
+}
+
+TEST(Platform, ScreenDescriptionAndOverride) {
+  vk::plat::ScreenInfo s = vk::plat::screen_info();
+  EXPECT_FALSE(s.palette_device);
+  EXPECT_EQ(s.horz_res, 1920);
+  EXPECT_EQ(s.vert_res, 1080);
+  EXPECT_EQ(s.horz_size, 508);
+  EXPECT_EQ(s.vert_size, 286);
+  vk::plat::ScreenInfo mine{};
+  mine.palette_device = true;
+  mine.palette_size = 256;
+  mine.reserved_colours = 20;
+  mine.system_palette[255].rgbRed = 255;
+  vk::plat::override_screen_info(&mine);
+  s = vk::plat::screen_info();
+  EXPECT_TRUE(s.palette_device);
+  EXPECT_EQ(s.reserved_colours, 20u);
+  EXPECT_EQ(s.system_palette[255].rgbRed, 255);
+  vk::plat::override_screen_info(nullptr);
+  EXPECT_FALSE(vk::plat::screen_info().palette_device);
+}
+
+}  // namespace
