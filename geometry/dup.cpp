@@ -101,10 +101,28 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
   return RESULT_OK;
 }
 
+int32_t copy_playback(BitmapHandle* dst, BitmapHandle* src) {
+  if (!dst || !src) return RESULT_BAD_PARAMETER;
+  constexpr uint32_t kPlaybackFlags = BITMAP_PLAYBACK_FLAG1 | BITMAP_PLAYBACK_FLAG2;
+  dst->Flags = (dst->Flags & ~kPlaybackFlags) | (src->Flags & kPlaybackFlags);
+  dst->PlaybackValue1 = src->PlaybackValue1;
+  dst->PlaybackValue2 = src->PlaybackValue2;
+  dst->PlaybackValue3 = src->PlaybackValue3;
+  dst->PlaybackValue6 = src->PlaybackValue6;
+  // The colours must name the same colour in the destination's palette.
+  dst->PlaybackColor1 = V_TranslateBitmapColor(dst, src, src->PlaybackColor1);
+  dst->PlaybackColor2 = V_TranslateBitmapColor(dst, src, src->PlaybackColor2);
+  return RESULT_OK;
+}
+
 }  // namespace
 }  // namespace vk
 
 extern "C" {
+
+VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source) {
+  return vk::api_call([&] { return vk::copy_playback(destination, source); });
+}
 
 VK_API int32_t VK_CALL V_DupBitmapNewDim(BitmapHandle* destination, BitmapHandle* source, int32_t width,
                                          int32_t height, int32_t bitsPerPixel, uint32_t dupFlags) {

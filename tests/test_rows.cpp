@@ -9,9 +9,9 @@ namespace {
 
 using namespace vkt;
 
-class Rows : public StorageTest {};
+class StorageRows : public StorageTest {};
 
-TEST_F(Rows, CacheStepsToNeighbouringRows) {
+TEST_F(StorageRows, CacheStepsToNeighbouringRows) {
   BitmapHandle b = init(10, 20, 8);  // 12 bytes a row
   ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
   uint8_t row[12];
@@ -24,7 +24,7 @@ TEST_F(Rows, CacheStepsToNeighbouringRows) {
   V_FreeBitmap(&b);
 }
 
-TEST_F(Rows, ColumnsMapToTheBytesThatHoldThem) {
+TEST_F(StorageRows, ColumnsMapToTheBytesThatHoldThem) {
   struct Case {
     int32_t bits;
     uint32_t column, offset, pixel_bytes;
@@ -53,7 +53,7 @@ TEST_F(Rows, ColumnsMapToTheBytesThatHoldThem) {
   }
 }
 
-TEST_F(Rows, WritesAtAColumnTouchOnlyTheirBytes) {
+TEST_F(StorageRows, WritesAtAColumnTouchOnlyTheirBytes) {
   BitmapHandle b = init(16, 4, 24);  // 48 bytes a row
   ASSERT_EQ(V_AllocateBitmap(&b, TYPE_DISK), RESULT_OK);
   fill(&b);
@@ -71,7 +71,7 @@ TEST_F(Rows, WritesAtAColumnTouchOnlyTheirBytes) {
   V_FreeBitmap(&b);
 }
 
-TEST_F(Rows, TiledReadFromTheLastRowOfATileContinuesInTheNext) {
+TEST_F(StorageRows, TiledReadFromTheLastRowOfATileContinuesInTheNext) {
   BitmapHandle b = init(10, 9, 32);  // 40 bytes a row, tiles of 4 rows
   tiny_tiles(40, 4, 0, 1);
   ASSERT_EQ(V_AllocateBitmap(&b, TYPE_TILED), RESULT_OK);
@@ -89,7 +89,7 @@ TEST_F(Rows, TiledReadFromTheLastRowOfATileContinuesInTheNext) {
   V_FreeBitmap(&b);
 }
 
-TEST_F(Rows, RequestsAreCheckedBeforeAByteMoves) {
+TEST_F(StorageRows, RequestsAreCheckedBeforeAByteMoves) {
   BitmapHandle b = init(10, 4, 8);
   ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
   uint8_t buf[64] = {};
@@ -109,7 +109,7 @@ TEST_F(Rows, RequestsAreCheckedBeforeAByteMoves) {
   V_FreeBitmap(&b);
 }
 
-TEST_F(Rows, DiskFailuresHaveTheirOwnCodes) {
+TEST_F(StorageRows, DiskFailuresHaveTheirOwnCodes) {
   BitmapHandle b = init(10, 4, 8);
   ASSERT_EQ(V_AllocateBitmap(&b, TYPE_DISK), RESULT_OK);
   uint8_t buf[12] = {};
@@ -147,7 +147,7 @@ TEST_F(Rows, DiskFailuresHaveTheirOwnCodes) {
   V_FreeBitmap(&b);
 }
 
-TEST_F(Rows, TiledPixelsAndUnmappableTilesGoThroughTheFile) {
+TEST_F(StorageRows, TiledPixelsAndUnmappableTilesGoThroughTheFile) {
   BitmapHandle b = init(6, 12, 24);  // 20 bytes a row, tiles of 2 rows, none mapped
   tiny_tiles(20, 2, 0, 0);
   ASSERT_EQ(V_AllocateBitmap(&b, TYPE_TILED), RESULT_OK);
