@@ -2,6 +2,7 @@
 // pixels, locking, height changes, storage-parameter changes, thresholds,
 // temp directory, and the fault sweeps that check nothing leaks.
 #include "storage_helpers.h"
+#include "storage.h"
 #include "tiles.h"
 
 namespace {
@@ -647,6 +648,54 @@ TEST_F(Storage, FailedMemoryInfoChangesLeaveTheBitmapWhole) {
           V_FreeBitmap(&b);
         });
   }
+}
+
+}  // namespace
+
+namespace {
+
+using namespace vkt;
+
+// Compressed 1-bit storage goes through the same calls (64 pixels a row:
+// no padding bits, so every byte of the pattern survives).
+TEST_F(Storage, CompressedStorageWorksThroughTheSameCalls) {
+  BitmapHandle b = init(64, 12, 1);
+  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_COMPRESSED), RESULT_OK);
+  EXPECT_EQ(b.Flags, BITMAP_ALLOCATED | BITMAP_IN_MEMORY | BITMAP_COMPRESSED);
+  EXPECT_EQ(memory_type(&b), TYPE_COMPRESSED);
+  fill(&b, 7);
+  EXPECT_TRUE(holds_pattern(&b, 7));
+  uint8_t px = 0;
+  ASSERT_EQ(vk::storage::get_pixel_bytes(&b, &px, 3, 21), RESULT_OK);  // the byte of pixels 16-23
+  EXPECT_EQ(px, pattern(3, 2, 7));
+
+  // Height changes keep the rows.
+  ASSERT_EQ(V_ChangeBitmapHeight(&b, 20), RESULT_OK);
+  EXPECT_EQ(b.Height, 20);
+  EXPECT_TRUE(holds_pattern(&b, 7, 0, 12));
+  ASSERT_EQ(V_ChangeBitmapHeight(&b, 5), RESULT_OK);
+  EXPECT_TRUE(holds_pattern(&b, 7, 0, 5));
+  fill(&b, 7);
+
+  // Copies: compressed to compressed (run lists), to memory and back.
+  BitmapHandle c{};
+  ASSERT_EQ(V_CopyBitmap(&c, &b), RESULT_OK);
+  EXPECT_EQ(memory_type(&c), TYPE_COMPRESSED);
+  EXPECT_TRUE(holds_pattern(&c, 7));
+  V_FreeBitmap(&c);
+  ASSERT_EQ(V_CopyBitmap2(&c, &b, TYPE_DISK), RESULT_OK);
+  EXPECT_EQ(memory_type(&c), TYPE_DISK);
+  EXPECT_TRUE(holds_pattern(&c, 7));
+  V_FreeBitmap(&c);
+
+  // Rebuilt into plain memory and back into compressed rows.
+  ASSERT_EQ(V_SetBitmapMemoryInfo(&b, TYPE_CONVENTIONAL, 0, 0, 0, 0, 0, MEMINFO_TYPE), RESULT_OK);
+  EXPECT_EQ(memory_type(&b), TYPE_CONVENTIONAL);
+  EXPECT_TRUE(holds_pattern(&b, 7));
+  ASSERT_EQ(V_SetBitmapMemoryInfo(&b, TYPE_COMPRESSED, 0, 0, 0, 0, 0, MEMINFO_TYPE), RESULT_OK);
+  EXPECT_EQ(memory_type(&b), TYPE_COMPRESSED);
+  EXPECT_TRUE(holds_pattern(&b, 7));
+  V_FreeBitmap(&b);
 }
 
 }  // namespace
