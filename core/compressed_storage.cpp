@@ -304,7 +304,7 @@ int32_t store_row(const BitmapHandle* b, TableHeader& t, RowEntry& e, const uint
 
   const uint64_t tail = uint64_t{col} + pixels;
   pos = 0;
-  for (size_t i = 0; i < old_count && pos < width; ++i) {
+  for (size_t i = 0; i < old_count && pos < width && tail < width; ++i) {
     uint64_t end = pos + load16(old + 2 * i);
     if (end > width) end = width;
     if (end > tail) w.append(static_cast<unsigned>(i & 1u), end - (pos > tail ? pos : tail));
