@@ -147,7 +147,7 @@ VK_API VK_FILE VK_CALL V_OsOpen(const char* name, int32_t openFlags, int32_t per
 
 VK_API int32_t VK_CALL V_OsRead(VK_FILE file, void* buffer, int32_t count, intptr_t) {
   return vk::api_call([&]() -> int32_t {
-    if (!buffer) return -1;
+    if (!buffer || count < 0) return -1;
     return vk::plat::file_read(file, buffer, static_cast<uint32_t>(count));
   });
 }
@@ -157,7 +157,7 @@ VK_API int32_t VK_CALL V_OsRead(VK_FILE file, void* buffer, int32_t count, intpt
 VK_API int32_t VK_CALL V_OsWrite(VK_FILE file, const void* buffer, int32_t count, intptr_t) {
   return vk::api_call([&]() -> int32_t {
     if (count == 0) return vk::plat::file_set_end(file) ? 0 : -1;
-    if (!buffer) return -1;
+    if (!buffer || count < 0) return -1;
     return vk::plat::file_write(file, buffer, static_cast<uint32_t>(count));
   });
 }

@@ -85,6 +85,8 @@ TEST(File, ReadWriteSeekAndTruncateByWritingNothing) {
   EXPECT_EQ(std::string(buf, 2), "12");
   EXPECT_EQ(V_OsRead(f, buf, 16, 0), 0);
   EXPECT_EQ(V_OsRead(f, nullptr, 1, 0), -1);
+  EXPECT_EQ(V_OsRead(f, buf, -1, 0), -1);  // a negative count is no size
+  EXPECT_EQ(V_OsWrite(f, buf, -1, 0), -1);
   EXPECT_EQ(V_OsSeek(f, -10, VK_SEEK_SET, 0), -1);
   EXPECT_EQ(V_OsClose(f, 0), 0);
   EXPECT_EQ(V_OsDelete(name.c_str()), 0);

@@ -67,6 +67,39 @@ TEST(Runtime, ThreadsKeepIndependentDefaultsTablesAndCallbacks) {
   V_SetDefaultXResolution(old_x);
 }
 
+// A thread whose record cannot be made (each allocation of the record failed
+// in turn, and every one after it) still gets working defaults from the
+// process-wide record, and nothing is left behind when it exits.
+TEST(Runtime, ThreadRecordFaultSweep) {
+  const long base = vk::fault::live_total();
+  for (long n = 1;; ++n) {
+    bool fired = false;
+    std::thread t([&] {
+      vk::fault::arm(n, /*persistent=*/true);
+      const int32_t before = V_SetDefaultXResolution(500);
+      const int32_t now = V_GetDefaultXResolution();
+      const uint32_t slot = V_TlsAlloc();
+      const int32_t set = V_TlsSetValue(slot, 42);
+      const uintptr_t got = V_TlsGetValue(slot);
+      // Put back what was changed on the same record (the process-wide one
+      // when it served), before disarming lets a thread record be made.
+      V_TlsSetValue(slot, 0);
+      V_SetDefaultXResolution(150);
+      vk::fault::disarm();
+      fired = vk::fault::fired();
+      EXPECT_EQ(before, 150) << n;
+      EXPECT_EQ(now, 500) << n;
+      EXPECT_EQ(set, 1) << n;
+      EXPECT_EQ(got, 42u) << n;
+      V_TlsFree(slot);
+    });
+    t.join();
+    EXPECT_EQ(vk::fault::live_total(), base) << n;
+    if (!fired) break;
+    ASSERT_LT(n, 20);
+  }
+}
+
 TEST(Runtime, StatusCallbackSetReturnsThePreviousOne) {
   StatusCallback old = V_SetStatusCallBack(status_a, 1);
   EXPECT_EQ(V_SetStatusCallBack(status_b, 2), status_a);
