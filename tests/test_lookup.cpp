@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "fault.h"
 #include "lookup.h"
 #include "palette_tables.h"
 #include "vkkrn.h"
@@ -198,6 +199,21 @@ TEST(Lookup, PreparedMatcherAgreesWithSearch) {
     ASSERT_EQ(m.find(0, 0, 0), brute_nearest(p, 0, 0, 0));
     ASSERT_EQ(m.find(255, 255, 255), brute_nearest(p, 255, 255, 255));
   }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Lookup, UserMatchTableAllocationFailure) {
+  const long baseline = vk::fault::live_total();
+  vk::fault::arm(1);
+  uint32_t* t = V_CreateUserMatchTable(V_IntGetFixedPalette(4), 16);
+  const bool fired = vk::fault::fired();
+  vk::fault::disarm();
+  ASSERT_TRUE(fired);
+  EXPECT_EQ(t, nullptr);
+  EXPECT_EQ(vk::fault::live_total(), baseline);
 }
 
 }  // namespace
