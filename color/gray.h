@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "convert.h"
+
 namespace vk::gray {
 
 // Gray level of an 8-bit-per-channel colour, truncating.
@@ -15,23 +17,19 @@ constexpr uint32_t level(uint32_t red, uint32_t green, uint32_t blue) {
 constexpr uint32_t widen5(uint32_t field) { return (field << 3) | (field >> 2); }
 
 // The significant part of a gray sample: value = (raw >> shift) & mask, with
-// mask = 2^count - 1.  The range keeps the top `count` bits of low..high.
+// mask = 2^count - 1 (the bit-range rule of row conversion).  A range that
+// names no bit at all falls back to the whole sample.
 struct Range {
   int32_t count;
   uint32_t mask;
   int32_t shift;
 };
 
-// low < 0 counts as 0, high < 0 as bits - 1; count is capped at max_bits.
-constexpr Range range(int32_t bits, int32_t max_bits, int32_t low_bit, int32_t high_bit) {
-  const int32_t low = low_bit < 0 ? 0 : low_bit;
-  const int32_t high = high_bit >= 0 ? high_bit : bits - 1;
-  int32_t count = high - low + 1;
-  if (count > max_bits) count = max_bits;
-  if (count < 1) count = 1;  // an inverted range still names one bit
-  if (count > 31) count = 31;
-  const int32_t shift = high - count + 1;
-  return Range{count, (1u << count) - 1u, shift < 0 ? 0 : shift};
+inline Range range(int32_t bits, int32_t max_bits, int32_t low_bit, int32_t high_bit) {
+  GrayRange r;
+  if (!gray_range(bits, max_bits, low_bit, high_bit, r) || r.count > 16 || r.shift < 0 || r.shift > 16)
+    return Range{bits, (1u << bits) - 1u, 0};
+  return Range{r.count, r.mask, r.shift};
 }
 
 // An 8-bit gray level as an n-bit gray value (before the range's shift).
