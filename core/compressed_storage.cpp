@@ -304,7 +304,7 @@ int32_t store_row(const BitmapHandle* b, TableHeader& t, RowEntry& e, const uint
 
   const uint64_t tail = uint64_t{col} + pixels;
   pos = 0;
-  for (size_t i = 0; i < old_count && pos < width; ++i) {
+  for (size_t i = 0; i < old_count && pos < width && tail < width; ++i) {
     uint64_t end = pos + load16(old + 2 * i);
     if (end > width) end = width;
     if (end > tail) w.append(static_cast<unsigned>(i & 1u), end - (pos > tail ? pos : tail));
@@ -501,21 +501,30 @@ int32_t write_record(BitmapHandle* b, uint32_t row, const void* record) {
   const uint8_t* in = rec + 4;
   const size_t cap = t.work_size / 2;
 
-  // The runs are taken as they are while they fit the row: a run that
+  // A record is stored run for run when it is in the form the coder makes:
+  // zero-length runs only first or right after a run of at least 65528
+  // (a split), so a row never holds more than Width + 1 runs and every
+  // stored row can be read back into 2 * Width + 6 bytes.  A run that
   // passes Width is cut, runs after it are ignored, and a record covering
-  // fewer pixels is padded with 0-bits.  A record with more runs than a row
-  // of this width can hold (zero-length runs) is coded anew from the
-  // pixels it describes, which always fits.
+  // fewer pixels is padded with 0-bits.  Any other record is coded anew
+  // from the pixels it describes (same pixels, canonical runs).
   RunWriter w(t.work, cap);
   uint64_t total = 0;
   size_t k = 0;
+  bool canonical = true;
+  uint64_t prev = 0;
   for (; k < n && total < width && k < cap; ++k) {
     uint64_t len = load16(in + 2 * k);
+    if (len == 0 && k > 0 && prev < kMaxRun - 7) {
+      canonical = false;
+      break;
+    }
     if (total + len > width) len = width - total;
     store16(t.work + 2 * k, static_cast<uint16_t>(len));
     total += len;
+    prev = len;
   }
-  const bool verbatim = !(k < n && total < width);
+  const bool verbatim = canonical && !(k < n && total < width);
   if (verbatim) {
     if (k)
       w.resume(k);
@@ -523,7 +532,7 @@ int32_t write_record(BitmapHandle* b, uint32_t row, const void* record) {
       w.start(0);
     if (total < width) w.append(0, width - total);
   }
-  if (!verbatim || w.overflow()) {
+  if (!verbatim || w.overflow() || w.count() > width + 1) {
     w.start(0);
     total = 0;
     for (size_t i = 0; i < n && total < width && !w.overflow(); ++i) {

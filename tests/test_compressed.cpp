@@ -363,7 +363,7 @@ struct Compressed {
     return out;
   }
   Runs runs(uint32_t r) {
-    Bytes rec(4 + 2 * (static_cast<size_t>(b.Width) + 2));
+    Bytes rec(2 * static_cast<size_t>(b.Width) + 6);  // the documented capacity
     const int32_t n = vk::cmp::read_record(&b, r, rec.data(), rec.size());
     EXPECT_GT(n, 0);
     return record_runs(rec.data());
@@ -565,6 +565,8 @@ TEST(CompressedStorage, RecordsWithBadCountsAreFittedToTheRow) {
       {{0, 4}, {0xF0, 0x00, 0x00, 0x00, 0x00}},                // short rows are padded with 0
       {many, {0x00, 0xFF, 0x00, 0x00, 0x00}},                  // more runs than the row can need
       {{}, {0x00, 0x00, 0x00, 0x00, 0x00}},
+      {{4, 0, 4, 8}, {0x00, 0xFF, 0x00, 0x00, 0x00}},           // a zero-length run inside
+      {{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, {0x80, 0x00, 0x00, 0x00, 0x00}},
   };
   for (const auto& k : cases) {
     const Bytes rec = make_record(k.in);
@@ -572,7 +574,9 @@ TEST(CompressedStorage, RecordsWithBadCountsAreFittedToTheRow) {
     Bytes row = c.row(1);
     row.resize(5);
     EXPECT_EQ(row, k.pixels);
-    EXPECT_EQ(sum(c.runs(1)), 40u);
+    const Runs stored = c.runs(1);
+    EXPECT_EQ(sum(stored), 40u);
+    for (size_t i = 1; i < stored.size(); ++i) EXPECT_NE(stored[i], 0);  // no stray zero-length runs
     ASSERT_NO_FATAL_FAILURE(check_heap(c.b));
   }
   // A well-formed record is kept run for run.

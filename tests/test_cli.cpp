@@ -1,0 +1,551 @@
+// The command-line program: its image codec in memory, then the program end
+// to end on small files.  Built only with the tools (VKIMG_HAVE_TOOL).
+#ifdef VKIMG_HAVE_TOOL
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+
+namespace fs = std::filesystem;
+using vkimg::Colour;
+using vkimg::Format;
+using vkimg::Image;
+using vkimg::IoError;
+
+namespace {
+
+// ---- picture helpers ----
+
+std::vector<Colour> random_palette(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::vector<Colour> pal(n);
+  for (auto& c : pal) c = Colour{uint8_t(rng()), uint8_t(rng()), uint8_t(rng()), 0};
+  return pal;
+}
+
+std::vector<Colour> gray_ramp(int bits) {
+  const int n = 1 << bits;
+  std::vector<Colour> pal(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    const auto v = uint8_t(i * 255 / (n - 1));
+    pal[size_t(i)] = Colour{v, v, v, 0};
+  }
+  return pal;
+}
+
+// A picture with every pixel byte random (padding zero); palette pictures
+// get indices below the palette size.  13 pixels wide: rows need padding
+// at every depth.
+Image random_image(int bits, int order, std::vector<Colour> palette, uint32_t seed, int w = 13, int h = 7) {
+  Image img;
+  img.allocate(w, h, bits, order);
+  img.palette = std::move(palette);
+  std::mt19937 rng(seed);
+  for (int y = 0; y < h; ++y) {
+    if (bits <= 8) {
+      for (int x = 0; x < w; ++x) img.set_index(x, y, rng() % img.palette.size());
+    } else {
+      uint8_t* row = img.row(y);
+      const size_t used = size_t(w) * size_t(bits) / 8;
+      for (size_t i = 0; i < used; ++i) row[i] = uint8_t(rng());
+      if (bits == 16 && order != vkimg::kOrderGray)
+        for (int x = 0; x < w; ++x) row[2 * x + 1] &= 0x7F;  // 5-5-5: bit 15 clear
+    }
+  }
+  return img;
+}
+
+// Same geometry, depth, order, palette and the pixels of every row (the
+// row padding is not compared).
+void expect_same(const Image& a, const Image& b, const std::string& what) {
+  ASSERT_EQ(a.width, b.width) << what;
+  ASSERT_EQ(a.height, b.height) << what;
+  ASSERT_EQ(a.bits, b.bits) << what;
+  if (a.bits > 8) {
+    EXPECT_EQ(a.order, b.order) << what;
+  } else {
+    ASSERT_GE(b.palette.size(), a.palette.size()) << what;
+    for (size_t i = 0; i < a.palette.size(); ++i)
+      EXPECT_TRUE(a.palette[i].r == b.palette[i].r && a.palette[i].g == b.palette[i].g &&
+                  a.palette[i].b == b.palette[i].b)
+          << what << ": palette entry " << i;
+  }
+  for (int y = 0; y < a.height; ++y) {
+    if (a.bits <= 8) {
+      for (int x = 0; x < a.width; ++x)
+        ASSERT_EQ(a.index_at(x, y), b.index_at(x, y)) << what << ": pixel " << x << "," << y;
+    } else {
+      const size_t used = size_t(a.width) * size_t(a.bits) / 8;
+      ASSERT_EQ(0, std::memcmp(a.row(y), b.row(y), used)) << what << ": row " << y;
+    }
+  }
+}
+
+// ---- codec round trips ----
+
+struct RoundTrip {
+  Format format;
+  int bits;
+  int order;
+  enum { colours, gray, black_white } palette;
+};
+
+std::string label(const RoundTrip& t) {
+  return std::string(vkimg::format_name(t.format)) + " " + std::to_string(t.bits) + " bits, order " +
+         std::to_string(t.order);
+}
+
+TEST(CliCodec, RoundTripKeepsEveryPixelOfEachDepth) {
+  using vkimg::kOrderBgr;
+  using vkimg::kOrderGray;
+  const RoundTrip kCases[] = {
+      {Format::png, 1, 0, RoundTrip::colours},  {Format::png, 2, 0, RoundTrip::colours},
+      {Format::png, 4, 0, RoundTrip::colours},  {Format::png, 8, 0, RoundTrip::colours},
+      {Format::png, 1, 0, RoundTrip::gray},     {Format::png, 2, 0, RoundTrip::gray},
+      {Format::png, 4, 0, RoundTrip::gray},     {Format::png, 8, 0, RoundTrip::gray},
+      {Format::png, 16, kOrderGray, RoundTrip::gray}, {Format::png, 24, kOrderBgr, RoundTrip::colours},
+      {Format::png, 32, kOrderBgr, RoundTrip::colours}, {Format::png, 48, kOrderBgr, RoundTrip::colours},
+      {Format::png, 64, kOrderBgr, RoundTrip::colours},
+      {Format::pbm, 1, 0, RoundTrip::black_white}, {Format::pgm, 8, 0, RoundTrip::gray},
+      {Format::pgm, 16, kOrderGray, RoundTrip::gray}, {Format::ppm, 24, kOrderBgr, RoundTrip::colours},
+      {Format::ppm, 48, kOrderBgr, RoundTrip::colours}, {Format::pnm, 1, 0, RoundTrip::black_white},
+      {Format::pnm, 8, 0, RoundTrip::gray},     {Format::pnm, 24, kOrderBgr, RoundTrip::colours},
+      {Format::bmp, 1, 0, RoundTrip::colours},  {Format::bmp, 4, 0, RoundTrip::colours},
+      {Format::bmp, 8, 0, RoundTrip::colours},  {Format::bmp, 16, kOrderBgr, RoundTrip::colours},
+      {Format::bmp, 24, kOrderBgr, RoundTrip::colours}, {Format::bmp, 32, kOrderBgr, RoundTrip::colours},
+  };
+  uint32_t seed = 1;
+  for (const RoundTrip& t : kCases) {
+    std::vector<Colour> pal;
+    if (t.bits <= 8) {
+      pal = t.palette == RoundTrip::gray         ? gray_ramp(t.bits)
+            : t.palette == RoundTrip::black_white ? std::vector<Colour>{{255, 255, 255, 0}, {0, 0, 0, 0}}
+                                                  : random_palette(size_t(1) << t.bits, seed);
+    }
+    Image img = random_image(t.bits, t.order, pal, seed++);
+    img.xdpi = img.ydpi = 300;
+    std::vector<std::string> notes;
+    const auto bytes = vkimg::encode(img, t.format, "x", &notes);
+    const Image back = vkimg::decode(bytes, t.format, "x");
+    expect_same(img, back, label(t));
+    EXPECT_TRUE(notes.empty()) << label(t) << ": " << (notes.empty() ? "" : notes[0]);
+    if (t.format == Format::png || t.format == Format::bmp) EXPECT_EQ(300, back.xdpi) << label(t);
+  }
+}
+
+// Pictures a format cannot hold as they are: what comes back, exactly.
+TEST(CliCodec, NarrowingAndReorderingKeepTheColours) {
+  // 24-bit RGB order comes back as BGR with the same colours.
+  Image rgb = random_image(24, vkimg::kOrderRgb, {}, 5);
+  for (Format f : {Format::png, Format::ppm, Format::bmp}) {
+    const Image back = vkimg::decode(vkimg::encode(rgb, f, "x"), f, "x");
+    ASSERT_EQ(24, back.bits);
+    ASSERT_EQ(vkimg::kOrderBgr, back.order);
+    for (int y = 0; y < rgb.height; ++y)
+      for (int x = 0; x < rgb.width; ++x)
+        for (int c = 0; c < 3; ++c) ASSERT_EQ(rgb.row(y)[3 * x + c], back.row(y)[3 * x + 2 - c]) << format_name(f);
+  }
+  // A 32-bit picture whose fourth byte is zero everywhere is saved without alpha.
+  Image x32 = random_image(32, vkimg::kOrderBgr, {}, 6);
+  for (int y = 0; y < x32.height; ++y)
+    for (int x = 0; x < x32.width; ++x) x32.row(y)[4 * x + 3] = 0;
+  std::vector<std::string> notes;
+  const Image back = vkimg::decode(vkimg::encode(x32, Format::png, "x", &notes), Format::png, "x");
+  EXPECT_EQ(24, back.bits);
+  EXPECT_EQ(1u, notes.size());
+  EXPECT_EQ(0, std::memcmp(back.row(3), x32.row(3), 3)) << "blue, green, red of pixel 0";
+  // 48 bits into BMP: the high bytes, with a note.
+  Image deep = random_image(48, vkimg::kOrderBgr, {}, 7);
+  notes.clear();
+  const Image b24 = vkimg::decode(vkimg::encode(deep, Format::bmp, "deep.bmp", &notes), Format::bmp, "x");
+  EXPECT_EQ(24, b24.bits);
+  ASSERT_EQ(1u, notes.size());
+  EXPECT_NE(std::string::npos, notes[0].find("deep.bmp"));
+  EXPECT_EQ(deep.row(2)[5], b24.row(2)[2]) << "red high byte";
+  // 3-, 5-, 6- and 7-bit palette pictures are repacked to a depth the format has.
+  for (int bits : {3, 5, 6, 7}) {
+    Image odd = random_image(bits, 0, random_palette(size_t(1) << bits, bits), bits);
+    for (Format f : {Format::png, Format::bmp}) {
+      const Image r = vkimg::decode(vkimg::encode(odd, f, "x"), f, "x");
+      EXPECT_EQ(bits == 3 ? 4 : 8, r.bits);
+      for (int y = 0; y < odd.height; ++y)
+        for (int x = 0; x < odd.width; ++x) ASSERT_EQ(odd.index_at(x, y), r.index_at(x, y)) << bits << " bits";
+    }
+  }
+}
+
+TEST(CliCodec, PnmHeadersCommentsAndScaling) {
+  // Comments anywhere in the header; maxval 15 scales to the full 8 bits.
+  const std::string text = "P5 # gray\n3 # width\n1\n15\n";
+  std::vector<uint8_t> bytes(text.begin(), text.end());
+  bytes.insert(bytes.end(), {0, 15, 7});
+  const Image img = vkimg::decode(bytes, Format::pgm, "a.pgm");
+  ASSERT_EQ(8, img.bits);
+  EXPECT_EQ(0u, img.index_at(0, 0));
+  EXPECT_EQ(255u, img.index_at(1, 0));
+  EXPECT_EQ(119u, img.index_at(2, 0));  // (7 * 255 + 7) / 15
+  // PBM: 1 is black.
+  const std::string pbm = "P4\n9 1\n";
+  std::vector<uint8_t> b1(pbm.begin(), pbm.end());
+  b1.insert(b1.end(), {0x80, 0x80});
+  const Image bw = vkimg::decode(b1, Format::pbm, "b.pbm");
+  EXPECT_EQ(1u, bw.index_at(0, 0));
+  EXPECT_EQ(0u, bw.index_at(1, 0));
+  EXPECT_EQ(1u, bw.index_at(8, 0));
+  EXPECT_EQ(0, bw.palette[1].r);
+  // PGM refuses colour; PBM refuses more than one bit.
+  EXPECT_THROW(vkimg::encode(random_image(24, 1, {}, 1), Format::pgm, "c.pgm"), IoError);
+  EXPECT_THROW(vkimg::encode(random_image(8, 0, gray_ramp(8), 1), Format::pbm, "c.pbm"), IoError);
+}
+
+TEST(CliCodec, BmpTopDownCoreHeaderAndShortPalette) {
+  // A 2x2 8-bit top-down BMP with a 2-entry palette.
+  std::vector<uint8_t> b = {'B', 'M', 0, 0, 0, 0, 0, 0, 0, 0, 14 + 40 + 8, 0, 0, 0};
+  auto u32 = [&](uint32_t v) {
+    for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
+  };
+  u32(40);
+  u32(2);
+  u32(uint32_t(-2));
+  b.insert(b.end(), {1, 0, 8, 0});
+  u32(0), u32(0), u32(0), u32(0), u32(2), u32(0);
+  b.insert(b.end(), {10, 20, 30, 0, 40, 50, 60, 0});
+  b.insert(b.end(), {1, 0, 0, 0, 0, 1, 0, 0});
+  const Image img = vkimg::decode(b, Format::bmp, "t.bmp");
+  ASSERT_EQ(2u, img.palette.size());
+  EXPECT_EQ(60, img.palette[1].r);
+  EXPECT_EQ(1u, img.index_at(0, 0)) << "top row first";
+  EXPECT_EQ(1u, img.index_at(1, 1));
+  // The same picture with a 12-byte core header (3-byte palette entries, bottom-up).
+  std::vector<uint8_t> c = {'B', 'M', 0, 0, 0, 0, 0, 0, 0, 0, 14 + 12 + 6, 0, 0, 0, 12, 0, 0, 0, 2, 0, 2, 0, 1, 0, 8, 0};
+  c.insert(c.end(), {10, 20, 30, 40, 50, 60});
+  c.insert(c.end(), {0, 1, 0, 0, 1, 0, 0, 0});
+  const Image core = vkimg::decode(c, Format::bmp, "c.bmp");
+  EXPECT_EQ(1u, core.index_at(0, 0));
+  EXPECT_EQ(1u, core.index_at(1, 1));
+  EXPECT_EQ(40, core.palette[1].b);
+}
+
+// Every truncation and many single-byte corruptions of valid files either
+// decode or fail with an error naming the file; nothing reads outside the
+// buffer (run under the sanitizer build to see that).
+TEST(CliCodec, TruncatedAndCorruptFilesFailCleanly) {
+  const struct {
+    Format format;
+    Image img;
+  } kFiles[] = {
+      {Format::png, random_image(8, 0, random_palette(256, 3), 3)},
+      {Format::png, random_image(48, 1, {}, 4)},
+      {Format::pgm, random_image(16, vkimg::kOrderGray, {}, 5)},
+      {Format::ppm, random_image(24, 1, {}, 6)},
+      {Format::pbm, random_image(1, 0, {{255, 255, 255, 0}, {0, 0, 0, 0}}, 7)},
+      {Format::bmp, random_image(4, 0, random_palette(16, 8), 8)},
+      {Format::bmp, random_image(32, 1, {}, 9)},
+  };
+  std::mt19937 rng(42);
+  for (const auto& f : kFiles) {
+    const auto bytes = vkimg::encode(f.img, f.format, "ok");
+    for (size_t len : {size_t(0), size_t(1), size_t(2), size_t(9), bytes.size() / 2, bytes.size() - 1}) {
+      const std::vector<uint8_t> cut(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(len));
+      try {
+        vkimg::decode(cut, f.format, "cut.file");
+        ADD_FAILURE() << format_name(f.format) << " truncated to " << len << " bytes decoded";
+      } catch (const IoError& e) {
+        EXPECT_EQ(0u, std::string(e.what()).rfind("cut.file: ", 0)) << e.what();
+      }
+    }
+    for (int k = 0; k < 300; ++k) {
+      std::vector<uint8_t> bad = bytes;
+      const size_t at = rng() % std::min<size_t>(bad.size(), 80);  // the headers
+      bad[at] = uint8_t(rng());
+      try {
+        vkimg::decode(bad, f.format, "bad.file");
+      } catch (const IoError& e) {
+        EXPECT_EQ(0u, std::string(e.what()).rfind("bad.file: ", 0)) << e.what();
+      }
+    }
+  }
+}
+
+TEST(CliCodec, FormatFollowsTheExtension) {
+  EXPECT_EQ(Format::png, vkimg::format_for_path("a/b.PNG"));
+  EXPECT_EQ(Format::bmp, vkimg::format_for_path("x.bmp"));
+  EXPECT_EQ(Format::pnm, vkimg::format_for_path("x.pnm"));
+  EXPECT_THROW(vkimg::format_for_path("x.jpg"), IoError);
+  EXPECT_THROW(vkimg::format_for_path("dir.png/noext"), IoError);
+}
+
+// ---- the program end to end ----
+
+std::string program() {
+  if (const char* p = std::getenv("VKIMG")) return p;
+  return VKIMG_PATH;
+}
+
+struct Outcome {
+  int status = -1;
+  std::string out, err;
+};
+
+class CliProgram : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!fs::exists(program())) GTEST_SKIP() << "vkimg not built";
+    static int counter = 0;
+    dir_ = fs::temp_directory_path() / ("vkimg_test_" + std::to_string(getpid()) + "_" + std::to_string(counter++));
+    fs::create_directories(dir_);
+  }
+  void TearDown() override {
+    if (!dir_.empty()) fs::remove_all(dir_);
+  }
+
+  std::string path(const std::string& name) const { return (dir_ / name).string(); }
+
+  static std::string quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+  }
+
+  Outcome run(const std::vector<std::string>& args, const std::string& env = "") const {
+    std::string cmd = env.empty() ? "" : env + " ";
+    cmd += quote(program());
+    for (const auto& a : args) cmd += " " + quote(a);
+    const std::string out = path("stdout.txt"), err = path("stderr.txt");
+    cmd += " >" + quote(out) + " 2>" + quote(err) + " </dev/null";
+    Outcome r;
+    const int s = std::system(cmd.c_str());
+    r.status = WIFEXITED(s) ? WEXITSTATUS(s) : -1;
+    r.out = slurp(out);
+    r.err = slurp(err);
+    return r;
+  }
+
+  static std::string slurp(const std::string& p) {
+    std::ifstream in(p);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+
+  // Operations the program lists are those the linked library has.
+  bool available(const std::string& option) const {
+    const Outcome r = run({"--help"});
+    return r.out.find("  " + option + " ") != std::string::npos;
+  }
+#define REQUIRE_OP(op) \
+  if (!available(op)) GTEST_SKIP() << op << " not in this library build"
+
+  void save(const std::string& name, const Image& img) const { vkimg::write_image(path(name), img); }
+  Image load(const std::string& name) const { return vkimg::read_image(path(name)); }
+
+  fs::path dir_;
+};
+
+TEST_F(CliProgram, HelpListsOnlyWhatTheLibraryHasAndVersionPrints) {
+  const Outcome help = run({"--help"});
+  EXPECT_EQ(0, help.status);
+  EXPECT_NE(std::string::npos, help.out.find("usage: vkimg"));
+  const Outcome all = run({"--help-all"});
+  EXPECT_NE(std::string::npos, all.out.find("--reduce"));
+  const Outcome v = run({"--version"});
+  EXPECT_EQ(0, v.status);
+  EXPECT_NE(std::string::npos, v.out.find("13.0"));
+}
+
+TEST_F(CliProgram, UsageErrorsExitWithTwo) {
+  const std::vector<std::vector<std::string>> kBad = {
+      {"--no-such-option"}, {"a.png", "b.png", "c.png"}, {"a.png", "--gray"}, {"--dither", "wobbly", "a.png"},
+      {"a.png", "--colors", "0", "b.png"}};
+  for (const auto& args : kBad) {
+    const Outcome r = run(args);
+    EXPECT_EQ(2, r.status) << args[0];
+    EXPECT_NE(std::string::npos, r.err.find("vkimg: ")) << args[0];
+  }
+}
+
+TEST_F(CliProgram, CorruptTruncatedOrMissingInputNamesTheFile) {
+  const auto png = vkimg::encode(random_image(24, 1, {}, 1), Format::png, "x");
+  vkimg::write_file(path("cut.png"), std::vector<uint8_t>(png.begin(), png.begin() + static_cast<ptrdiff_t>(png.size() / 2)));
+  vkimg::write_file(path("garbage.bmp"), {'B', 'M', 1, 2, 3});
+  vkimg::write_file(path("huge.ppm"), {'P', '6', ' ', '9', '9', '9', '9', '9', ' ', '9', '9', '9', '9', '9', ' ', '2', '5', '5', '\n'});
+  vkimg::write_file(path("text.pgm"), {'P', '2', '\n', '1', ' ', '1', '\n', '2', '5', '5', '\n', '0', '\n'});
+  for (const char* name : {"cut.png", "garbage.bmp", "huge.ppm", "text.pgm", "missing.png"}) {
+    const Outcome r = run({path(name), path("out.png")});
+    EXPECT_EQ(1, r.status) << name;
+    EXPECT_NE(std::string::npos, r.err.find(path(name))) << name << ": " << r.err;
+    EXPECT_FALSE(fs::exists(path("out.png"))) << name;
+  }
+  const Outcome ext = run({path("cut.png"), path("out.jpg")});
+  EXPECT_NE(0, ext.status);
+  EXPECT_NE(std::string::npos, ext.err.find("out.jpg"));
+}
+
+// Through the library and back: every depth each format holds keeps every pixel.
+TEST_F(CliProgram, RoundTripsThroughTheLibraryKeepEveryPixel) {
+  REQUIRE_OP("--info");
+  const struct {
+    const char* in;
+    const char* out;
+    int bits;
+    int order;
+  } kCases[] = {
+      {"a.png", "b.png", 1, 0},   {"a.png", "b.png", 2, 0},  {"a.png", "b.bmp", 4, 0},   {"a.bmp", "b.png", 8, 0},
+      {"a.png", "b.pgm", 16, 2},  {"a.ppm", "b.png", 24, 1}, {"a.png", "b.bmp", 32, 1},  {"a.png", "b.ppm", 48, 1},
+      {"a.png", "b.png", 64, 1},  {"a.bmp", "b.bmp", 16, 1}, {"a.pbm", "b.pbm", 1, 0},   {"a.pgm", "b.png", 8, 0},
+  };
+  uint32_t seed = 10;
+  for (const auto& c : kCases) {
+    std::vector<Colour> pal;
+    if (c.bits <= 8) {
+      pal = std::string(c.in).ends_with(".pbm") ? std::vector<Colour>{{255, 255, 255, 0}, {0, 0, 0, 0}}
+            : std::string(c.in).ends_with(".pgm") ? gray_ramp(8)
+                                                  : random_palette(size_t(1) << c.bits, seed);
+    }
+    const Image img = random_image(c.bits, c.order, pal, seed++, 21, 9);
+    save(c.in, img);
+    const Outcome r = run({path(c.in), path(c.out)});
+    ASSERT_EQ(0, r.status) << c.in << " -> " << c.out << ": " << r.err;
+    expect_same(img, load(c.out), std::string(c.in) + " -> " + c.out + " at " + std::to_string(c.bits) + " bits");
+  }
+}
+
+TEST_F(CliProgram, InfoAndStorageReport) {
+  REQUIRE_OP("--info");
+  save("a.png", random_image(24, 1, {}, 3, 16, 8));
+  const Outcome r = run({"info", path("a.png")});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("16x8, 24 bits per pixel")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("storage: memory")) << r.out;
+  const Outcome s = run({"storage", "300x200x8"});
+  ASSERT_EQ(0, s.status) << s.err;
+  EXPECT_NE(std::string::npos, s.out.find("60000 bytes")) << s.out;
+  const Outcome big = run({"storage", "100000x100000x24"});
+  EXPECT_EQ(2, big.status) << "more than 4 GiB is refused before the library is asked";
+}
+
+TEST_F(CliProgram, GrayPixelsAndColourCount) {
+  REQUIRE_OP("--get-pixel");
+  Image img;
+  img.allocate(4, 2, 24, vkimg::kOrderBgr);
+  const uint8_t px[8][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}, {255, 255, 255},
+                            {0, 0, 0},   {10, 20, 30}, {0, 0, 255}, {0, 0, 255}};  // blue, green, red
+  for (int i = 0; i < 8; ++i) std::memcpy(img.row(i / 4) + 3 * (i % 4), px[i], 3);
+  save("a.png", img);
+  Outcome r = run({path("a.png"), "--get-pixel", "2,0", "--get-pixel", "1,1"});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("pixel 2,0: #0000ff")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("pixel 1,1: #1e140a")) << r.out;
+  EXPECT_EQ(2, run({path("a.png"), "--get-pixel", "4,0"}).status);
+  if (available("--count-colors")) {
+    r = run({path("a.png"), "--count-colors"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find(": 6 colours")) << r.out;
+  }
+  if (available("--gray")) {
+    r = run({path("a.png"), "--gray", "8", path("g.png")});
+    ASSERT_EQ(0, r.status) << r.err;
+    const Image g = load("g.png");
+    ASSERT_EQ(8, g.bits);
+    // (5 g + 2 r + b + 4) / 8 on the red pixel: (2 * 255 + 4) / 8 = 64.
+    const Colour c = g.palette[g.index_at(0, 0)];
+    EXPECT_EQ(64, c.r);
+    EXPECT_EQ(c.r, c.g);
+  }
+}
+
+TEST_F(CliProgram, PutPixelThenReadBack) {
+  REQUIRE_OP("--put-pixel");
+  save("a.png", random_image(24, 1, {}, 4, 9, 5));
+  const Outcome r = run({path("a.png"), "--put-pixel", "3,4=#102030", "--put-pixel", "0,0=1,2,3", path("b.png")});
+  ASSERT_EQ(0, r.status) << r.err;
+  const Image b = load("b.png");
+  EXPECT_EQ(0x30, b.row(4)[9]);  // blue of pixel 3
+  EXPECT_EQ(0x10, b.row(4)[11]);
+  EXPECT_EQ(3, b.row(0)[0]);
+  EXPECT_EQ(1, b.row(0)[2]);
+}
+
+TEST_F(CliProgram, ReduceConvertAndCompress) {
+  REQUIRE_OP("--reduce");
+  save("a.png", random_image(24, 1, {}, 5, 40, 30));
+  Outcome r = run({path("a.png"), "--reduce", "1", "--dither", "fs", "--palette", "fixed", path("b.pbm")});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(40, load("b.pbm").width);
+  r = run({path("a.png"), "--reduce", "4", path("c.bmp")});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(4, load("c.bmp").bits);
+  // A palette taken from a file is used as given.
+  save("pal.png", random_image(2, 0, random_palette(4, 77), 1));
+  r = run({path("a.png"), "--reduce", "2", "--palette", path("pal.png"), path("d.png")});
+  ASSERT_EQ(0, r.status) << r.err;
+  const Image d = load("d.png");
+  const auto want = random_palette(4, 77);
+  for (size_t i = 0; i < 4 && i < d.palette.size(); ++i) EXPECT_EQ(want[i].r, d.palette[i].r);
+  if (available("--compress")) {
+    r = run({path("b.pbm"), "--compress", "--info", path("e.pbm")});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("compressed")) << r.out;
+    expect_same(load("b.pbm"), load("e.pbm"), "compressed storage");
+    EXPECT_EQ(2, run({path("a.png"), "--compress", path("x.png")}).status);
+  }
+  if (available("--convert")) {
+    r = run({path("a.png"), "--convert", "8:gray", path("f.pgm")});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_EQ(8, load("f.pgm").bits);
+    r = run({path("a.png"), "--convert", "48", "--convert", "24:rgb", path("g.png")});
+    ASSERT_EQ(0, r.status) << r.err;
+    expect_same(load("a.png"), load("g.png"), "24 -> 48 -> 24 keeps the pixels");
+  }
+}
+
+TEST_F(CliProgram, ListSharesOnePalette) {
+  REQUIRE_OP("--reduce");
+  save("a.png", random_image(24, 1, {}, 6, 20, 10));
+  save("b.png", random_image(24, 1, {}, 7, 12, 14));
+  const Outcome r = run({"--list", path("a.png"), path("b.png"), "--reduce", "8", "-o", path("lists")});
+  ASSERT_EQ(0, r.status) << r.err;
+  const Image a = vkimg::read_image(path("lists/a.png")), b = vkimg::read_image(path("lists/b.png"));
+  EXPECT_EQ(12, b.width);
+  ASSERT_EQ(8, a.bits);
+  EXPECT_EQ(a.palette, b.palette);
+}
+
+TEST_F(CliProgram, CtrlCCancelsThroughTheStatusCallback) {
+  REQUIRE_OP("--reduce");
+  save("a.png", random_image(24, 1, {}, 8, 64, 64));
+  const Outcome r = run({path("a.png"), "--reduce", "8", path("b.png")}, "VKIMG_TEST_INTERRUPT_AT=50");
+  EXPECT_EQ(130, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("cancelled")) << r.err;
+  EXPECT_FALSE(fs::exists(path("b.png")));
+}
+
+TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {
+  REQUIRE_OP("--info");
+  const Outcome r = run({"--demo", path("demo"), "--demo-size", "48x32"});
+  ASSERT_EQ(0, r.status) << r.err;
+  const Image img = vkimg::read_image(path("demo/default.png"));
+  EXPECT_EQ(48, img.width);
+  EXPECT_EQ(24, img.bits);
+  EXPECT_TRUE(fs::exists(path("demo/report.txt")));
+  // The default picture is the same every time.
+  ASSERT_EQ(0, run({"--demo", path("again"), "--demo-size", "48x32"}).status);
+  EXPECT_EQ(vkimg::read_file(path("demo/default.png")), vkimg::read_file(path("again/default.png")));
+  if (available("--gray")) EXPECT_TRUE(fs::exists(path("demo/gray-8.png")));
+}
+
+}  // namespace
+
+#endif  // VKIMG_HAVE_TOOL

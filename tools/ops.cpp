@@ -1,0 +1,500 @@
+// ops.cpp - the operations of a pipeline, each a thin driver of one library call.
+#include "ops.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ostream>
+#include <sstream>
+
+#include "result_names.h"
+
+namespace vkimg {
+
+// ---- progress and Ctrl-C ----------------------------------------------------------
+
+namespace {
+
+volatile std::sig_atomic_t g_interrupted = 0;
+
+struct ProgressState {
+  bool enabled = false;
+  std::string label;
+  int shown = -1;        // percent last drawn, -1: nothing on the line
+  int interrupt_at = -1;  // test hook: raise SIGINT once at this percent
+  bool raised = false;
+};
+ProgressState g_progress;
+
+extern "C" void on_sigint(int) { g_interrupted = 1; }
+
+void draw(int percent) {
+  if (!g_progress.enabled || percent == g_progress.shown) return;
+  g_progress.shown = percent;
+  constexpr int kBar = 32;
+  char bar[kBar + 1];
+  const int full = percent * kBar / 100;
+  for (int i = 0; i < kBar; ++i) bar[i] = i < full ? '#' : '.';
+  bar[kBar] = 0;
+  std::fprintf(stderr, "\r%-28.28s [%s] %3d%%", g_progress.label.c_str(), bar, percent);
+  std::fflush(stderr);
+}
+
+void maybe_test_interrupt(int percent) {
+  if (g_progress.interrupt_at >= 0 && !g_progress.raised && percent >= g_progress.interrupt_at) {
+    g_progress.raised = true;
+    std::raise(SIGINT);
+  }
+}
+
+int32_t VK_CALL status_callback(int32_t percent, intptr_t) {
+  maybe_test_interrupt(percent);
+  if (g_interrupted) return 0;  // anything but RESULT_OK stops the operation
+  draw(std::clamp(percent, 0, 100));
+  return RESULT_OK;
+}
+
+}  // namespace
+
+void install_interrupt_handling(bool show_progress) {
+  struct sigaction sa {};
+  sa.sa_handler = on_sigint;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESETHAND;  // a second Ctrl-C ends the program the usual way
+  sigaction(SIGINT, &sa, nullptr);
+  g_progress.enabled = show_progress;
+  if (const char* at = std::getenv("VKIMG_TEST_INTERRUPT_AT")) g_progress.interrupt_at = std::atoi(at);
+  if (have(V_SetStatusCallBack)) V_SetStatusCallBack(status_callback, 0);
+}
+
+bool interrupted() { return g_interrupted != 0; }
+
+void progress_begin(const std::string& label) {
+  progress_end();
+  g_progress.label = label;
+}
+
+void progress_end() {
+  if (g_progress.enabled && g_progress.shown >= 0) {
+    std::fprintf(stderr, "\r%*s\r", 28 + 2 + 32 + 6, "");
+    std::fflush(stderr);
+  }
+  g_progress.shown = -1;
+}
+
+void progress_step(int64_t done, int64_t total) {
+  const int percent = total > 0 ? static_cast<int>(done * 100 / total) : 100;
+  maybe_test_interrupt(percent);
+  if (g_interrupted) throw Cancelled(g_progress.label + " cancelled");
+  draw(percent);
+}
+
+// ---- helpers ---------------------------------------------------------------------
+
+void check_result(int32_t r, const std::string& what) {
+  if (r == RESULT_OK) return;
+  if (g_interrupted) throw Cancelled(what + " cancelled");
+  throw LibraryError(what + " failed: " + describe_result(r), r);
+}
+
+long parse_long(const std::string& text, const std::string& what, long lo, long hi) {
+  errno = 0;
+  char* end = nullptr;
+  const long v = std::strtol(text.c_str(), &end, 0);
+  if (text.empty() || *end != 0 || errno != 0 || v < lo || v > hi)
+    throw UsageError("bad value for " + what + ": '" + text + "' (expected " + std::to_string(lo) + ".." +
+                     std::to_string(hi) + ")");
+  return v;
+}
+
+namespace {
+
+constexpr const char* kDitherNames[] = {"none",   "floyd-steinberg", "stucki",  "burkes",   "sierra",
+                                        "stevenson-arce", "jarvis", "ordered", "clustered"};
+
+std::pair<long, long> parse_xy(const std::string& text, const std::string& what) {
+  const size_t comma = text.find(',');
+  if (comma == std::string::npos) throw UsageError("bad position for " + what + ": '" + text + "' (expected X,Y)");
+  return {parse_long(text.substr(0, comma), what, 0, INT32_MAX), parse_long(text.substr(comma + 1), what, 0, INT32_MAX)};
+}
+
+BitmapHandle& need_bitmap(Context& ctx, const char* option) {
+  if (!ctx.bitmap.allocated()) throw UsageError(std::string(option) + " needs an image");
+  return *ctx.bitmap.get();
+}
+
+const char* order_name(int order) {
+  switch (order) {
+    case ORDER_RGB: return "RGB";
+    case ORDER_BGR: return "BGR";
+    case ORDER_GRAY: return "gray";
+    case ORDER_BGR_ALT: return "BGR alt";
+    default: return "?";
+  }
+}
+
+std::string flag_names(uint32_t flags) {
+  static constexpr struct {
+    uint32_t bit;
+    const char* name;
+  } kFlags[] = {{BITMAP_ALLOCATED, "allocated"},     {BITMAP_IN_MEMORY, "in-memory"},
+                {BITMAP_ON_DISK, "on-disk"},         {BITMAP_LOCKED, "locked"},
+                {BITMAP_COMPRESSED, "compressed"},   {BITMAP_USER_DATA, "user-data"},
+                {BITMAP_GRAY_FLAG, "gray"},          {BITMAP_GLOBAL_MEMORY, "global"},
+                {BITMAP_TILED, "tiled"},             {BITMAP_SUPER_COMPRESSED, "super-compressed"},
+                {PALETTE_IS_TABLE, "palette-table"}};
+  std::string s;
+  for (const auto& f : kFlags)
+    if (flags & f.bit) s += (s.empty() ? "" : " ") + std::string(f.name);
+  return s;
+}
+
+const char* storage_kind(uint32_t flags) {
+  if (!(flags & BITMAP_ALLOCATED)) return "none";
+  if (flags & BITMAP_COMPRESSED) return "compressed 1-bit rows";
+  if (flags & BITMAP_SUPER_COMPRESSED) return "super-compressed";
+  if (flags & BITMAP_TILED) return "tiles";
+  if (flags & BITMAP_ON_DISK) return "temp file on disk";
+  if (flags & BITMAP_GLOBAL_MEMORY) return "global memory";
+  if (flags & BITMAP_USER_DATA) return "caller memory";
+  return "memory";
+}
+
+std::vector<RGBQUAD> palette_of(BitmapHandle& bm) {
+  std::vector<RGBQUAD> pal;
+  if (bm.BitsPerPixel > 8) return pal;
+  pal.resize(size_t(1) << bm.BitsPerPixel);
+  const int32_t n = bm.Palette ? V_GetBitmapPaletteEntries(&bm, 0, static_cast<int32_t>(pal.size()), pal.data()) : 0;
+  if (n <= 0) throw LibraryError("the bitmap's palette cannot be read", RESULT_FAIL);
+  return pal;  // entries past n stay black
+}
+
+std::vector<RGBQUAD> gray_palette(int bits) {
+  const int n = 1 << bits;
+  std::vector<RGBQUAD> pal(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    const auto v = static_cast<uint8_t>(i * 255 / (n - 1));
+    pal[static_cast<size_t>(i)] = RGBQUAD{v, v, v, 0};
+  }
+  return pal;
+}
+
+bool valid_bits(long b) { return (b >= 1 && b <= 8) || b == 12 || b == 16 || b == 24 || b == 32 || b == 48 || b == 64; }
+
+// ---- the operations ----
+
+void op_info(Context& ctx, const std::string&) {
+  BitmapHandle& bm = need_bitmap(ctx, "--info");
+  *ctx.out << describe_bitmap(bm, ctx.name, true);
+}
+
+// BITS[:ORDER], ORDER = rgb, bgr, gray, alt (or 0, 1, 2, 5).
+void op_convert(Context& ctx, const std::string& arg) {
+  BitmapHandle& src = need_bitmap(ctx, "--convert");
+  const size_t colon = arg.find(':');
+  const long bits = parse_long(arg.substr(0, colon), "--convert", 0, 64);
+  if (bits != 0 && !valid_bits(bits)) throw UsageError("--convert: unsupported bits per pixel " + std::to_string(bits));
+  int order = bits == 0 || bits == 12 ? ORDER_GRAY : (bits > 8 ? ORDER_BGR : ORDER_RGB);
+  if (colon != std::string::npos) {
+    const std::string o = arg.substr(colon + 1);
+    if (o == "rgb" || o == "0") order = ORDER_RGB;
+    else if (o == "bgr" || o == "1") order = ORDER_BGR;
+    else if (o == "gray" || o == "2") order = ORDER_GRAY;
+    else if (o == "alt" || o == "5") order = ORDER_BGR_ALT;
+    else throw UsageError("--convert: unknown colour order '" + o + "' (rgb, bgr, gray, alt)");
+  }
+  if (order == ORDER_BGR_ALT && bits != 24 && bits != 48) throw UsageError("--convert: order alt needs 24 or 48 bits");
+  if (order == ORDER_GRAY && bits != 0 && bits > 8 && bits != 12 && bits != 16)
+    throw UsageError("--convert: gray order needs 0-8, 12 or 16 bits");
+  if (bits == 12 && order != ORDER_GRAY) throw UsageError("--convert: 12 bits are gray only");
+  const bool gray_index = order == ORDER_GRAY && bits <= 8;  // gray palette destination
+  const int dst_bits = gray_index ? (bits == 0 ? 8 : static_cast<int>(bits)) : static_cast<int>(bits);
+
+  std::vector<RGBQUAD> src_pal = palette_of(src);
+  std::vector<RGBQUAD> dst_pal;
+  if (gray_index) dst_pal = gray_palette(dst_bits);
+  const int src_order = src.BitsPerPixel <= 8 ? ORDER_RGB : src.Order;
+
+  Bitmap dst;
+  const int32_t r = V_CreateBitmap(dst.get(), ctx.settings.memory_type, src.Width, src.Height, dst_bits,
+                                   dst_bits <= 8 ? ORDER_RGB : order, dst_pal.empty() ? nullptr : dst_pal.data(),
+                                   src.ViewPerspective, nullptr, 0);
+  if (dst.allocated()) dst.adopt();
+  check_result(r, "--convert: creating the " + std::to_string(dst_bits) + "-bit bitmap");
+  dst->XResolution = src.XResolution;
+  dst->YResolution = src.YResolution;
+
+  // The row buffer holds the wider of the two rows, and an 8-bit gray-level
+  // row for the two-step gray path.
+  const size_t need = std::max({static_cast<size_t>(src.BytesPerLine), static_cast<size_t>(dst->BytesPerLine),
+                                Image::stride_for(src.Width, 8)});
+  std::vector<uint8_t> buf(need + 16);
+  const RGBQUAD* sp = src_pal.empty() ? nullptr : src_pal.data();
+  for (int32_t y = 0; y < src.Height; ++y) {
+    int32_t c = V_GetBitmapRow(&src, buf.data(), static_cast<uint32_t>(y), static_cast<int32_t>(src.BytesPerLine));
+    if (c < 0) check_result(c, "--convert: reading row " + std::to_string(y));
+    if (gray_index) {
+      // Colour to gray levels by the gray formula, then levels to indices of
+      // the gray palette (one 256-entry map, no per-pixel search).
+      c = V_ConvertBuffer(buf.data(), src.Width, src.BitsPerPixel, 0, src_order, ORDER_GRAY, sp, nullptr);
+      if (c == RESULT_OK && dst_bits != 8)
+        c = V_ConvertBuffer(buf.data(), src.Width, 0, dst_bits, ORDER_GRAY, ORDER_RGB, nullptr, dst_pal.data());
+    } else {
+      c = V_ConvertBuffer(buf.data(), src.Width, src.BitsPerPixel, dst_bits, src_order, order, sp, nullptr);
+    }
+    check_result(c, "--convert " + arg);
+    c = V_PutBitmapRow(dst.get(), buf.data(), static_cast<uint32_t>(y), static_cast<int32_t>(dst->BytesPerLine));
+    if (c < 0) check_result(c, "--convert: writing row " + std::to_string(y));
+    progress_step(y + 1, src.Height);
+  }
+  ctx.bitmap = std::move(dst);
+}
+
+void op_gray(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--gray");
+  const long bits = parse_long(arg, "--gray", 8, 16);
+  if (bits != 8 && bits != 12 && bits != 16) throw UsageError("--gray takes 8, 12 or 16");
+  check_result(V_GrayScaleBitmap(&bm, static_cast<int32_t>(bits)), "--gray " + arg);
+}
+
+void op_get_pixel(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--get-pixel");
+  const auto [x, y] = parse_xy(arg, "--get-pixel");
+  if (x >= bm.Width || y >= bm.Height)
+    throw UsageError("--get-pixel: " + arg + " is outside the " + std::to_string(bm.Width) + "x" +
+                     std::to_string(bm.Height) + " image");
+  const uint32_t c = V_GetPixelColor(&bm, storage_row(bm, static_cast<int32_t>(y)), static_cast<int32_t>(x));
+  if (c == COLOR_INVALID) throw LibraryError("--get-pixel " + arg + " failed: the library reports an invalid colour", RESULT_FAIL);
+  *ctx.out << "pixel " << x << "," << y << ": " << format_colour(c) << "\n";
+}
+
+uint32_t parse_colour(const std::string& text) {
+  auto number = [&](const std::string& s, long hi) { return static_cast<uint32_t>(parse_long(s, "colour", 0, hi)); };
+  if (text.size() == 7 && text[0] == '#') {
+    const uint32_t rgb = number("0x" + text.substr(1), 0xFFFFFF);
+    return VK_RGB(rgb >> 16, rgb >> 8, rgb);
+  }
+  if (text.rfind("index:", 0) == 0) return COLOR_PALETTE_INDEX | number(text.substr(6), 255);
+  if (text.rfind("gray16:", 0) == 0) return COLOR_GRAY16 | number(text.substr(7), 65535);
+  const size_t c1 = text.find(','), c2 = text.rfind(',');
+  if (c1 != std::string::npos && c2 != c1)
+    return VK_RGB(number(text.substr(0, c1), 255), number(text.substr(c1 + 1, c2 - c1 - 1), 255),
+                  number(text.substr(c2 + 1), 255));
+  if (text.rfind("0x", 0) == 0) return number(text, 0x7FFFFFFF);
+  throw UsageError("bad colour '" + text + "' (use #RRGGBB, R,G,B, index:N, gray16:N or 0xVALUE)");
+}
+
+void op_put_pixel(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--put-pixel");
+  const size_t eq = arg.find('=');
+  if (eq == std::string::npos) throw UsageError("--put-pixel takes X,Y=COLOUR");
+  const auto [x, y] = parse_xy(arg.substr(0, eq), "--put-pixel");
+  const uint32_t colour = parse_colour(arg.substr(eq + 1));
+  if (x >= bm.Width || y >= bm.Height)
+    throw UsageError("--put-pixel: " + arg.substr(0, eq) + " is outside the " + std::to_string(bm.Width) + "x" +
+                     std::to_string(bm.Height) + " image");
+  check_result(V_PutPixelColor(&bm, storage_row(bm, static_cast<int32_t>(y)), static_cast<int32_t>(x), colour),
+               "--put-pixel " + arg);
+}
+
+void op_reduce(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--reduce");
+  const size_t colon = arg.find(':');
+  const long bits = parse_long(arg.substr(0, colon), "--reduce", 1, 64);
+  if (!valid_bits(bits)) throw UsageError("--reduce: unsupported bits per pixel " + std::to_string(bits));
+  const bool gray = colon != std::string::npos && arg.substr(colon + 1) == "gray";
+  if (colon != std::string::npos && !gray) throw UsageError("--reduce takes BITS or BITS:gray");
+  const uint32_t flags = resolve_flags(ctx.settings, static_cast<int>(bits), gray);
+  if (ctx.settings.dither >= 0) bm.DitheringMethod = ctx.settings.dither;
+  const Settings& s = ctx.settings;
+  const bool user = bits <= 8 && s.palette == PaletteMode::user;
+  const int32_t colors = user ? static_cast<int32_t>(s.palette_entries.size()) : s.colors;
+  check_result(V_ColorResBitmap(&bm, &bm, static_cast<int32_t>(bits), flags, user ? s.palette_entries.data() : nullptr,
+                                nullptr, colors, nullptr, 0),
+               "--reduce " + arg);
+}
+
+void op_count_colors(Context& ctx, const std::string&) {
+  BitmapHandle& bm = need_bitmap(ctx, "--count-colors");
+  uint32_t count = 0;
+  check_result(V_GetBitmapColorCountExt(&bm, &count, nullptr), "--count-colors");
+  *ctx.out << ctx.name << ": " << count << " colours\n";
+}
+
+void op_compress(Context& ctx, const std::string&) {
+  BitmapHandle& bm = need_bitmap(ctx, "--compress");
+  if (bm.BitsPerPixel != 1) throw UsageError("--compress needs a 1-bit image (use --reduce 1 first)");
+  check_result(V_ChangeBitmapCompression(&bm, 1), "--compress");
+}
+
+void op_decompress(Context& ctx, const std::string&) {
+  check_result(V_ChangeBitmapCompression(&need_bitmap(ctx, "--decompress"), 0), "--decompress");
+}
+
+bool core_ok() { return missing_core().empty(); }
+bool have_convert() { return core_ok() && have(V_ConvertBuffer); }
+bool have_gray() { return core_ok() && have(V_GrayScaleBitmap); }
+bool have_get_pixel() { return core_ok() && have(V_GetPixelColor); }
+bool have_put_pixel() { return core_ok() && have(V_PutPixelColor); }
+bool have_reduce() { return core_ok() && have(V_ColorResBitmap); }
+bool have_count() { return core_ok() && have(V_GetBitmapColorCountExt); }
+bool have_compress() { return core_ok() && have(V_ChangeBitmapCompression); }
+
+}  // namespace
+
+uint32_t resolve_flags(const Settings& s, int bits, bool gray) {
+  if (bits > 8) return gray || bits == 12 ? RESOLVE_GRAY : RESOLVE_BGR;
+  switch (s.palette) {
+    case PaletteMode::fixed: return RESOLVE_FIXED;
+    case PaletteMode::cube:
+      if (bits != 8) throw UsageError("--palette cube needs --reduce 8");
+      return RESOLVE_CUBE;
+    case PaletteMode::user:
+      if (s.palette_entries.size() > (size_t(1) << bits))
+        throw UsageError("--palette " + s.palette_file + " has " + std::to_string(s.palette_entries.size()) +
+                         " colours, more than " + std::to_string(1 << bits) + " bits hold");
+      return RESOLVE_USER_PALETTE;
+    case PaletteMode::optimised: break;
+  }
+  return RESOLVE_OPTIMISED;
+}
+
+const std::vector<OpInfo>& operations() {
+  static const std::vector<OpInfo> kOps = {
+      {"--info", nullptr, "print size, depth, order, palette, storage, memory info and colour count", core_ok,
+       op_info, "row access"},
+      {"--convert", "BITS[:ORDER]", "convert rows to BITS (0-8,12,16,24,32,48,64); ORDER rgb|bgr|gray|alt",
+       have_convert, op_convert, "V_ConvertBuffer"},
+      {"--gray", "8|12|16", "turn the image into gray of 8, 12 or 16 bits", have_gray, op_gray, "V_GrayScaleBitmap"},
+      {"--get-pixel", "X,Y", "print the colour of the pixel at X,Y (0,0 = top left)", have_get_pixel, op_get_pixel,
+       "V_GetPixelColor"},
+      {"--put-pixel", "X,Y=COLOUR", "set a pixel: #RRGGBB, R,G,B, index:N, gray16:N or 0xVALUE", have_put_pixel,
+       op_put_pixel, "V_PutPixelColor"},
+      {"--reduce", "BITS[:gray]", "colour-resolve to BITS per pixel (see --dither, --palette, --colors)",
+       have_reduce, op_reduce, "V_ColorResBitmap"},
+      {"--count-colors", nullptr, "print the number of distinct colours", have_count, op_count_colors,
+       "V_GetBitmapColorCountExt"},
+      {"--compress", nullptr, "keep a 1-bit image in compressed (run-length) storage", have_compress, op_compress,
+       "V_ChangeBitmapCompression"},
+      {"--decompress", nullptr, "back from compressed to plain storage", have_compress, op_decompress,
+       "V_ChangeBitmapCompression"},
+  };
+  return kOps;
+}
+
+const OpInfo* find_operation(const std::string& option) {
+  for (const OpInfo& op : operations())
+    if (option == op.option) return &op;
+  return nullptr;
+}
+
+void run_step(Context& ctx, const Step& step) {
+  const OpInfo* op = find_operation(step.option);
+  if (!op) throw UsageError("unknown operation " + step.option);
+  if (!op->available())
+    throw LibraryError(step.option + " is not available: the library lacks " +
+                           (core_ok() ? std::string(op->needs) : missing_core()),
+                       RESULT_FAIL);
+  progress_begin(step.text());
+  op->run(ctx, step.arg);
+  progress_end();
+  if (interrupted()) throw Cancelled(step.text() + " cancelled");
+}
+
+// ---- text --------------------------------------------------------------------------
+
+std::string format_colour(uint32_t c) {
+  char buf[64];
+  if (c == COLOR_INVALID) return "invalid";
+  if ((c >> 24) == 1) {
+    std::snprintf(buf, sizeof buf, "index:%u", c & 0xFFFF);
+  } else if (c & COLOR_GRAY16) {
+    std::snprintf(buf, sizeof buf, "gray16:%u", c & 0xFFFF);
+  } else {
+    const unsigned r = c & 0xFF, g = (c >> 8) & 0xFF, b = (c >> 16) & 0xFF;
+    std::snprintf(buf, sizeof buf, "#%02x%02x%02x (%u,%u,%u)", r, g, b, r, g, b);
+  }
+  return buf;
+}
+
+std::string storage_report(BitmapHandle& bm) {
+  std::ostringstream s;
+  s << "  storage: " << storage_kind(bm.Flags) << ", " << bm.Size << " bytes, " << bm.BytesPerLine
+    << " bytes per line, flags 0x" << std::hex << bm.Flags << std::dec << " (" << flag_names(bm.Flags) << ")\n";
+  if (have(V_GetBitmapMemoryInfo)) {
+    int32_t type = 0;
+    uint32_t tile = 0, total = 0, memory = 0, most = 0, mapped = 0;
+    const int32_t r = V_GetBitmapMemoryInfo(&bm, &type, &tile, &total, &memory, &most, &mapped);
+    if (r == RESULT_OK) {
+      s << "  memory info: type " << type;
+      if (type == TYPE_TILED)
+        s << ", tile size " << tile << " bytes, " << total << " tiles (" << memory << " in memory, " << mapped
+          << " of at most " << most << " disk tiles mapped)";
+      s << "\n";
+    } else {
+      s << "  memory info: " << describe_result(r) << "\n";
+    }
+  }
+  return s.str();
+}
+
+std::string describe_bitmap(const BitmapHandle& cbm, const std::string& name, bool count_colours) {
+  BitmapHandle& bm = const_cast<BitmapHandle&>(cbm);  // the library's readers take non-const records
+  std::ostringstream s;
+  s << name << ": " << bm.Width << "x" << bm.Height << ", " << bm.BitsPerPixel << " bits per pixel";
+  if (bm.BitsPerPixel > 8) s << ", order " << bm.Order << " (" << order_name(bm.Order) << ")";
+  s << ", view perspective " << bm.ViewPerspective << ", " << bm.XResolution << "x" << bm.YResolution << " dpi\n";
+  if (bm.BitsPerPixel <= 8) {
+    s << "  palette: " << bm.ColorCount << " entries" << ((bm.Flags & PALETTE_IS_TABLE) ? " (table)" : "");
+    if (have(V_IsGrayScaleBitmap)) {
+      static constexpr const char* kGray[] = {"colour", "gray ramp", "inverted gray ramp", "gray"};
+      const int32_t g = V_IsGrayScaleBitmap(&bm);
+      if (g >= 0 && g <= 3) s << ", " << kGray[g];
+    }
+    s << "\n";
+  } else if (bm.Order == ORDER_GRAY) {
+    s << "  gray bits: " << bm.LowBit << ".." << bm.HighBit << "\n";
+  }
+  s << storage_report(bm);
+  if (count_colours && have(V_GetBitmapColorCountExt)) {
+    uint32_t count = 0;
+    progress_begin("counting colours");
+    const int32_t r = V_GetBitmapColorCountExt(&bm, &count, nullptr);
+    progress_end();
+    check_result(r, "counting colours");
+    s << "  colours: " << count << "\n";
+  }
+  return s.str();
+}
+
+int parse_dither(const std::string& text) {
+  static constexpr struct {
+    const char* alias;
+    int method;
+  } kAliases[] = {{"fs", DITHER_FLOYD_STEINBERG}, {"floyd", DITHER_FLOYD_STEINBERG}, {"sa", DITHER_STEVENSON_ARCE},
+                  {"jjn", DITHER_JARVIS}};
+  for (int i = 0; i < 9; ++i)
+    if (text == kDitherNames[i]) return i;
+  for (const auto& a : kAliases)
+    if (text == a.alias) return a.method;
+  if (!text.empty() && std::isdigit(static_cast<unsigned char>(text[0])))
+    return static_cast<int>(parse_long(text, "--dither", 0, 8));
+  throw UsageError("unknown dithering method '" + text +
+                   "' (none, fs, stucki, burkes, sierra, stevenson-arce, jarvis, ordered, clustered, or 0-8)");
+}
+
+const char* dither_name(int method) { return method >= 0 && method <= 8 ? kDitherNames[method] : "?"; }
+
+void load_palette_file(Settings& s) {
+  const Image img = read_image(s.palette_file);
+  if (img.bits > 8 || img.palette.empty())
+    throw UsageError("--palette " + s.palette_file + ": not a palette image (1-8 bits per pixel)");
+  s.palette_entries.clear();
+  for (const Colour& c : img.palette) s.palette_entries.push_back(RGBQUAD{c.b, c.g, c.r, 0});
+}
+
+}  // namespace vkimg

@@ -1,0 +1,101 @@
+// ops.h - the program's operations on a bitmap, and the progress/cancel plumbing.
+#pragma once
+
+#include <csignal>
+#include <cstdint>
+#include <iosfwd>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bitmap.h"
+
+namespace vkimg {
+
+// ---- errors and exit codes ----
+
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+inline constexpr int kExitCancelled = 130;  // 128 + SIGINT, as shells report it
+
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+struct Cancelled : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// ---- progress and Ctrl-C ----
+
+// Installs the SIGINT handler and the library status callback.  The handler
+// only sets a flag; the callback then answers 0, which stops the running
+// operation, and the program reports the cancellation.  A second Ctrl-C
+// ends the program at once (the handler is reset after the first).
+void install_interrupt_handling(bool show_progress);
+bool interrupted();
+// Names the operation the progress bar describes; an empty label ends it.
+void progress_begin(const std::string& label);
+void progress_end();
+// For loops the program runs itself: advances the bar and throws Cancelled
+// after Ctrl-C.
+void progress_step(int64_t done, int64_t total);
+
+// ---- settings of one run ----
+
+enum class PaletteMode { optimised, fixed, cube, user };
+
+struct Settings {
+  int memory_type = TYPE_CONVENTIONAL;
+  int dither = -1;  // -1: the library's default for new bitmaps
+  PaletteMode palette = PaletteMode::optimised;
+  std::string palette_file;
+  std::vector<RGBQUAD> palette_entries;  // loaded from palette_file
+  int colors = 0;                        // 0: 2^bits
+};
+
+// One operation of a pipeline: the option as typed and its argument.
+struct Step {
+  std::string option;  // "--gray"
+  std::string arg;     // "8"; empty for options without argument
+  std::string text() const { return arg.empty() ? option : option + " " + arg; }
+};
+
+// What a pipeline works on.
+struct Context {
+  Bitmap bitmap;
+  std::string name;  // the input file, for messages
+  Settings settings;
+  std::ostream* out;  // where --info, --get-pixel and --count-colors print
+};
+
+// ---- the operation table ----
+
+struct OpInfo {
+  const char* option;
+  const char* arg;  // null: takes no argument
+  const char* help;
+  bool (*available)();
+  void (*run)(Context&, const std::string& arg);
+  const char* needs;  // the library functions it calls, for messages
+};
+
+const std::vector<OpInfo>& operations();
+const OpInfo* find_operation(const std::string& option);
+
+// Runs one step; throws UsageError, LibraryError, IoError or Cancelled.
+void run_step(Context& ctx, const Step& step);
+
+// Text helpers shared with the program.
+std::string describe_bitmap(const BitmapHandle& bm, const std::string& name, bool count_colours);
+std::string storage_report(BitmapHandle& bm);
+std::string format_colour(uint32_t colour);
+long parse_long(const std::string& text, const std::string& what, long lo, long hi);
+int parse_dither(const std::string& text);
+const char* dither_name(int method);
+void load_palette_file(Settings& s);
+// Raises LibraryError (or Cancelled after Ctrl-C) unless r is RESULT_OK.
+void check_result(int32_t r, const std::string& what);
+uint32_t resolve_flags(const Settings& s, int bits, bool gray);
+
+}  // namespace vkimg

@@ -1,0 +1,617 @@
+// vkimg.cpp - command-line front end of the imaging library.
+//
+//   vkimg [SETTINGS] INPUT [OPERATIONS...] [-o] OUTPUT
+//   vkimg [--demo] [DIR]             the built-in picture, every operation, into DIR (out/)
+//   vkimg info FILE...               what the library knows about each file
+//   vkimg storage WxHxBPP [--type N] which storage a bitmap of that size gets
+//   vkimg --list A B ... --reduce BITS -o DIR   one shared palette for several images
+//
+// Operations run in the order given.  File types follow the extension.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "demo_image.h"
+#include "ops.h"
+#include "result_names.h"
+
+namespace vkimg {
+namespace {
+
+namespace fs = std::filesystem;
+
+enum class Mode { pipeline, demo, list, storage, info_files };
+
+struct Command {
+  Mode mode = Mode::pipeline;
+  Settings settings;
+  std::vector<Step> steps;
+  std::vector<std::string> positional;
+  std::string output;
+  bool demo_flag = false;
+  int demo_width = kDemoWidth, demo_height = kDemoHeight;
+  int storage_type = 0;  // 0: --memory-type
+  std::string thresholds;
+  std::string temp_dir;
+  int progress = -1;  // -1: when standard error is a terminal
+  bool quiet = false;
+};
+
+// Settings and modes, as opposed to the pipeline operations of ops.cpp.
+struct OptionInfo {
+  const char* option;
+  const char* arg;
+  const char* help;
+};
+constexpr OptionInfo kSettings[] = {
+    {"-o", "OUTPUT", "output file (or directory for --demo and --list)"},
+    {"--dither", "METHOD", "none, fs, stucki, burkes, sierra, stevenson-arce, jarvis, ordered, clustered (or 0-8)"},
+    {"--palette", "P", "palette of --reduce: optimised (default), fixed, cube, or a palette image FILE"},
+    {"--colors", "N", "number of palette colours --reduce may use (default 2^BITS)"},
+    {"--memory-type", "N", "memory type of new bitmaps: 1 memory, 4 tiled, 8 no tiles, 128 disk, 256 no disk"},
+    {"--thresholds", "R,T,S,M,P", "memory reserve, tiled threshold, tile size, memory tiles, mapped tiles (blank = keep)"},
+    {"--temp-dir", "DIR", "where disk storage puts its temp files"},
+    {"--demo", "[DIR]", "run every operation on the built-in picture, outputs into DIR (default out/)"},
+    {"--demo-size", "WxH", "size of the built-in picture (default 2048x1536)"},
+    {"--list", nullptr, "treat every input as one list: --reduce them with one shared palette into -o DIR"},
+    {"--type", "N", "memory type for 'storage' (default: --memory-type)"},
+    {"--progress", nullptr, "always draw the progress bar (default: only on a terminal)"},
+    {"--no-progress", nullptr, "never draw the progress bar"},
+    {"-q", nullptr, "no notes on standard error"},
+    {"--version", nullptr, "print the library's version record"},
+    {"--help", nullptr, "this text (--help-all also lists operations this library build lacks)"},
+};
+
+bool is_setting(const std::string& o) {
+  for (const auto& s : kSettings)
+    if (o == s.option) return true;
+  return o == "--quiet" || o == "-h" || o == "--help-all" || o == "-V";
+}
+
+bool setting_takes_arg(const std::string& o) {
+  for (const auto& s : kSettings)
+    if (o == s.option) return s.arg && s.arg[0] != '[';
+  return false;
+}
+
+void print_help(std::ostream& out, bool all) {
+  out << "usage: vkimg [SETTINGS] INPUT [OPERATIONS...] [-o] OUTPUT\n"
+         "       vkimg [--demo] [DIR]\n"
+         "       vkimg info FILE...\n"
+         "       vkimg storage WIDTHxHEIGHTxBPP [--type N] [--thresholds ...]\n"
+         "       vkimg --list A B ... --reduce BITS [-o DIR]\n"
+         "\nFiles: .png, .bmp, .pbm, .pgm, .ppm, .pnm (binary), chosen by extension.\n"
+         "\nOperations (run in the order given):\n";
+  char line[256];
+  for (const OpInfo& op : operations()) {
+    const bool ok = op.available();
+    if (!ok && !all) continue;
+    std::snprintf(line, sizeof line, "  %-14s %-13s %s%s\n", op.option, op.arg ? op.arg : "", op.help,
+                  ok ? "" : " (unavailable)");
+    out << line;
+  }
+  out << "\nSettings:\n";
+  for (const auto& s : kSettings) {
+    std::snprintf(line, sizeof line, "  %-14s %-13s %s\n", s.option, s.arg ? s.arg : "", s.help);
+    out << line;
+  }
+  out << "\nExit status: 0 success, 1 failure, 2 usage error, 130 cancelled (Ctrl-C).\n";
+  if (all) {
+    std::string missing;
+#define VKIMG_LIST_MISSING(fn) \
+  if (!have(fn)) missing += " " #fn;
+    VKIMG_LIBRARY_FUNCTIONS(VKIMG_LIST_MISSING)
+#undef VKIMG_LIST_MISSING
+    out << "\nLibrary functions this build lacks:" << (missing.empty() ? " none" : missing) << "\n";
+  }
+}
+
+void print_version(std::ostream& out) {
+  if (!have(V_VersionInfo)) {
+    out << "vkimg (library version record not available)\n";
+    return;
+  }
+  VersionInfo v{};
+  check_result(V_VersionInfo(&v), "V_VersionInfo");
+  out << "vkimg, library " << v.MajorVersion << "." << v.MinorVersion << " level " << v.Level << ": "
+      << std::string(v.Banner, strnlen(v.Banner, sizeof v.Banner)) << " (built "
+      << std::string(v.BuildDate, strnlen(v.BuildDate, sizeof v.BuildDate)) << " "
+      << std::string(v.BuildTime, strnlen(v.BuildTime, sizeof v.BuildTime)) << ")\n";
+}
+
+// ---- argument parsing ----
+
+Command parse(int argc, char** argv, bool& help, bool& help_all, bool& version) {
+  Command cmd;
+  std::vector<std::string> args(argv + 1, argv + argc);
+  size_t i = 0;
+  if (!args.empty()) {
+    if (args[0] == "info") cmd.mode = Mode::info_files, ++i;
+    else if (args[0] == "storage") cmd.mode = Mode::storage, ++i;
+    else if (args[0] == "demo") cmd.demo_flag = true, ++i;
+    else if (args[0] == "list") cmd.mode = Mode::list, ++i;
+    else if (args[0] == "help") help = true, ++i;
+  }
+  for (; i < args.size(); ++i) {
+    std::string opt = args[i], value;
+    bool has_value = false;
+    if (opt.size() > 2 && opt[0] == '-' && opt[1] == '-') {
+      const size_t eq = opt.find('=');
+      if (eq != std::string::npos) {
+        value = opt.substr(eq + 1);
+        opt = opt.substr(0, eq);
+        has_value = true;
+      }
+    } else if (opt.size() < 2 || opt[0] != '-') {
+      cmd.positional.push_back(opt);
+      continue;
+    }
+    const OpInfo* op = find_operation(opt);
+    const bool takes = op ? op->arg != nullptr : setting_takes_arg(opt);
+    if (!op && !is_setting(opt)) throw UsageError("unknown option " + opt + " (see --help)");
+    if (takes && !has_value) {
+      if (i + 1 >= args.size()) throw UsageError(opt + " needs a value");
+      value = args[++i];
+    } else if (!takes && has_value && opt != "--demo") {
+      throw UsageError(opt + " takes no value");
+    }
+    if (op) {
+      cmd.steps.push_back(Step{opt, value});
+      continue;
+    }
+    Settings& s = cmd.settings;
+    if (opt == "-o") cmd.output = value;
+    else if (opt == "--dither") s.dither = parse_dither(value);
+    else if (opt == "--palette") {
+      if (value == "optimised" || value == "optimized") s.palette = PaletteMode::optimised;
+      else if (value == "fixed") s.palette = PaletteMode::fixed;
+      else if (value == "cube") s.palette = PaletteMode::cube;
+      else s.palette = PaletteMode::user, s.palette_file = value;
+    } else if (opt == "--colors") s.colors = static_cast<int>(parse_long(value, opt, 1, 256));
+    else if (opt == "--memory-type") s.memory_type = static_cast<int>(parse_long(value, opt, 1, 2048));
+    else if (opt == "--type") cmd.storage_type = static_cast<int>(parse_long(value, opt, 1, 2048));
+    else if (opt == "--thresholds") cmd.thresholds = value;
+    else if (opt == "--temp-dir") cmd.temp_dir = value;
+    else if (opt == "--demo") {
+      cmd.demo_flag = true;
+      if (has_value) cmd.output = value;
+    } else if (opt == "--demo-size") {
+      const size_t x = value.find('x');
+      if (x == std::string::npos) throw UsageError("--demo-size takes WIDTHxHEIGHT");
+      cmd.demo_width = static_cast<int>(parse_long(value.substr(0, x), opt, 8, 16384));
+      cmd.demo_height = static_cast<int>(parse_long(value.substr(x + 1), opt, 8, 16384));
+    } else if (opt == "--list") cmd.mode = Mode::list;
+    else if (opt == "--progress") cmd.progress = 1;
+    else if (opt == "--no-progress") cmd.progress = 0;
+    else if (opt == "-q" || opt == "--quiet") cmd.quiet = true;
+    else if (opt == "--help" || opt == "-h") help = true;
+    else if (opt == "--help-all") help = help_all = true;
+    else if (opt == "--version" || opt == "-V") version = true;
+  }
+  return cmd;
+}
+
+void apply_global_settings(Command& cmd) {
+  if (!cmd.thresholds.empty()) {
+    if (!have(V_SetMemoryThresholds)) throw LibraryError("--thresholds: the library lacks V_SetMemoryThresholds", RESULT_FAIL);
+    int32_t v[5] = {0, 0, 0, 0, 0};
+    uint32_t which = 0;
+    std::stringstream in(cmd.thresholds);
+    std::string field;
+    for (int k = 0; k < 5 && std::getline(in, field, ','); ++k) {
+      if (field.empty()) continue;
+      v[k] = static_cast<int32_t>(parse_long(field, "--thresholds", INT32_MIN, INT32_MAX));
+      which |= 1u << k;
+    }
+    check_result(V_SetMemoryThresholds(v[0], v[1], v[2], v[3], v[4], which), "--thresholds " + cmd.thresholds);
+  }
+  if (!cmd.temp_dir.empty()) {
+    if (!have(V_SetTempDirectory)) throw LibraryError("--temp-dir: the library lacks V_SetTempDirectory", RESULT_FAIL);
+    check_result(V_SetTempDirectory(cmd.temp_dir.c_str()), "--temp-dir " + cmd.temp_dir);
+  }
+  if (cmd.settings.palette == PaletteMode::user) load_palette_file(cmd.settings);
+}
+
+void print_notes(const std::vector<std::string>& notes, bool quiet) {
+  if (quiet) return;
+  for (const std::string& n : notes) std::cerr << "vkimg: note: " << n << "\n";
+}
+
+void save(BitmapHandle& bm, const std::string& path, bool quiet) {
+  format_for_path(path);  // refuse an unknown extension before any work
+  progress_begin("saving " + fs::path(path).filename().string());
+  std::vector<std::string> notes;
+  write_image(path, to_image(bm), &notes);
+  progress_end();
+  print_notes(notes, quiet);
+}
+
+// Wraps a failure message with the file it concerns.
+template <class E>
+[[noreturn]] void rethrow_for(const std::string& name, const E& e) {
+  throw E(name + ": " + e.what());
+}
+
+// ---- modes ----
+
+int run_pipeline(Command& cmd) {
+  if (cmd.positional.size() > 2) throw UsageError("too many file names (input and output only; see --help)");
+  if (cmd.positional.size() == 2) {
+    if (!cmd.output.empty()) throw UsageError("two outputs named: " + cmd.positional[1] + " and -o " + cmd.output);
+    cmd.output = cmd.positional[1];
+  }
+  const std::string input = cmd.positional.at(0);
+  if (cmd.output.empty()) {
+    for (const Step& s : cmd.steps)
+      if (s.option != "--info" && s.option != "--get-pixel" && s.option != "--count-colors")
+        throw UsageError(s.option + " changes the image, but no output file is named");
+    if (cmd.steps.empty()) cmd.steps.push_back(Step{"--info", ""});
+  } else {
+    format_for_path(cmd.output);
+  }
+  for (const Step& s : cmd.steps) {
+    const OpInfo* op = find_operation(s.option);
+    if (!op->available())
+      throw LibraryError(s.option + " is not available in this library build (needs " + op->needs + ")", RESULT_FAIL);
+  }
+  Context ctx{Bitmap{}, input, cmd.settings, &std::cout};
+  const Image img = read_image(input);
+  try {
+    ctx.bitmap = to_bitmap(img, cmd.settings.memory_type);
+    for (const Step& s : cmd.steps) run_step(ctx, s);
+  } catch (const LibraryError& e) {
+    throw LibraryError(input + ": " + e.what(), e.code);
+  } catch (const UsageError& e) {
+    rethrow_for(input, e);
+  } catch (const Cancelled& e) {
+    rethrow_for(input, e);
+  }
+  if (!cmd.output.empty()) save(*ctx.bitmap.get(), cmd.output, cmd.quiet);
+  return kExitOk;
+}
+
+int run_info_files(Command& cmd) {
+  if (cmd.positional.empty()) throw UsageError("info needs at least one file");
+  int status = kExitOk;
+  for (const std::string& f : cmd.positional) {
+    try {
+      Context ctx{Bitmap{}, f, cmd.settings, &std::cout};
+      ctx.bitmap = to_bitmap(read_image(f), cmd.settings.memory_type);
+      run_step(ctx, Step{"--info", ""});
+    } catch (const IoError& e) {
+      std::cerr << "vkimg: " << e.what() << "\n";
+      status = kExitFailure;
+    } catch (const LibraryError& e) {
+      std::cerr << "vkimg: " << f << ": " << e.what() << "\n";
+      status = kExitFailure;
+    }
+  }
+  return status;
+}
+
+int run_storage(Command& cmd) {
+  if (cmd.positional.size() != 1) throw UsageError("storage takes one WIDTHxHEIGHTxBPP");
+  if (!have(V_CreateBitmap) || !have(V_FreeBitmap))
+    throw LibraryError("storage: the library lacks V_CreateBitmap", RESULT_FAIL);
+  const std::string& spec = cmd.positional[0];
+  const size_t x1 = spec.find('x'), x2 = spec.find('x', x1 == std::string::npos ? 0 : x1 + 1);
+  if (x1 == std::string::npos || x2 == std::string::npos) throw UsageError("storage takes WIDTHxHEIGHTxBPP, e.g. 4000x3000x24");
+  const long w = parse_long(spec.substr(0, x1), "width", 1, INT32_MAX);
+  const long h = parse_long(spec.substr(x1 + 1, x2 - x1 - 1), "height", 1, INT32_MAX);
+  const long bpp = parse_long(spec.substr(x2 + 1), "bits per pixel", 1, 64);
+  const uint64_t size = Image::stride_for(static_cast<int>(std::min<long>(w, INT32_MAX)), static_cast<int>(bpp)) *
+                        static_cast<uint64_t>(h);
+  if (size > 0xFFFFFFFFull)
+    throw UsageError("storage: " + spec + " needs " + std::to_string(size) + " bytes, more than a bitmap holds (4 GiB)");
+  const int type = cmd.storage_type ? cmd.storage_type : cmd.settings.memory_type;
+  Bitmap bm;
+  const int32_t r = V_CreateBitmap(bm.get(), type, static_cast<int32_t>(w), static_cast<int32_t>(h),
+                                   static_cast<int32_t>(bpp), bpp > 8 ? ORDER_BGR : ORDER_RGB, nullptr, 0, nullptr, 0);
+  if (bm.allocated()) bm.adopt();
+  check_result(r, "storage " + spec + " with memory type " + std::to_string(type));
+  std::cout << spec << " asked with memory type " << type << ":\n" << storage_report(*bm.get());
+  if (have(V_GetMemoryThresholds)) {
+    int32_t reserve = 0, tiled = 0, tile = 0, mem = 0, mapped = 0;
+    V_GetMemoryThresholds(&reserve, &tiled, &tile, &mem, &mapped);
+    std::cout << "  thresholds: reserve " << reserve << ", tiled above " << tiled << ", tile size " << tile
+              << ", memory tiles " << mem << ", mapped tiles " << mapped << "\n";
+  }
+  return kExitOk;
+}
+
+// Frees a bitmap list on every way out.
+struct ListGuard {
+  BitmapList list = nullptr;
+  ~ListGuard() {
+    if (list && have(V_DestroyBitmapList)) V_DestroyBitmapList(list);
+  }
+};
+
+bool have_list() {
+  return missing_core().empty() && have(V_CreateBitmapList) && have(V_DestroyBitmapList) &&
+         have(V_InsertBitmapListItem) && have(V_GetBitmapListItem) && have(V_GetBitmapListCount) &&
+         have(V_ColorResBitmapList);
+}
+
+// Resolves every input with one shared palette; writes DIR/<input name>.
+void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, int bits, const Settings& settings,
+                 const std::vector<std::string>& outputs, bool quiet) {
+  if (!have_list()) throw LibraryError("--list: the library lacks bitmap lists or V_ColorResBitmapList", RESULT_FAIL);
+  ListGuard guard;
+  check_result(V_CreateBitmapList(&guard.list), "creating the bitmap list");
+  for (const auto& [name, img] : inputs) {
+    Bitmap bm;
+    try {
+      bm = to_bitmap(img, settings.memory_type);
+    } catch (const LibraryError& e) {
+      throw LibraryError(name + ": " + e.what(), e.code);
+    }
+    if (settings.dither >= 0) bm->DitheringMethod = settings.dither;
+    check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), name + ": adding to the list");
+    bm.release();  // the list owns the storage now
+  }
+  const uint32_t flags = resolve_flags(settings, bits, false);
+  const bool user = bits <= 8 && settings.palette == PaletteMode::user;
+  std::vector<RGBQUAD> pal = settings.palette_entries;
+  progress_begin("--list --reduce " + std::to_string(bits));
+  check_result(V_ColorResBitmapList(guard.list, bits, flags, user ? pal.data() : nullptr, nullptr,
+                                    user ? static_cast<int32_t>(pal.size()) : settings.colors),
+               "--list --reduce " + std::to_string(bits));
+  progress_end();
+  for (uint32_t k = 0; k < inputs.size(); ++k) {
+    BitmapHandle item{};
+    check_result(V_GetBitmapListItem(guard.list, k, &item), "reading list item " + std::to_string(k));
+    std::vector<std::string> notes;
+    write_image(outputs[k], to_image(item), &notes);
+    print_notes(notes, quiet);
+  }
+}
+
+int run_list(Command& cmd) {
+  if (cmd.positional.empty()) throw UsageError("--list needs input files");
+  if (cmd.steps.size() != 1 || cmd.steps[0].option != "--reduce")
+    throw UsageError("--list takes exactly one operation, --reduce BITS");
+  const int bits = static_cast<int>(parse_long(cmd.steps[0].arg, "--reduce", 1, 64));
+  const fs::path dir = cmd.output.empty() ? fs::path("out") : fs::path(cmd.output);
+  fs::create_directories(dir);
+  std::vector<std::pair<std::string, Image>> inputs;
+  std::vector<std::string> outputs;
+  for (const std::string& f : cmd.positional) {
+    inputs.emplace_back(f, read_image(f));
+    outputs.push_back((dir / fs::path(f).filename()).string());
+  }
+  reduce_list(inputs, bits, cmd.settings, outputs, cmd.quiet);
+  for (const std::string& o : outputs) std::cout << o << "\n";
+  return kExitOk;
+}
+
+// ---- the demo ----
+
+struct DemoStep {
+  std::string file;
+  std::vector<Step> steps;
+  int dither = -1;
+  PaletteMode palette = PaletteMode::optimised;
+};
+
+std::vector<DemoStep> demo_steps() {
+  std::vector<DemoStep> d;
+  d.push_back({"gray-8.png", {{"--gray", "8"}}});
+  d.push_back({"gray-16.png", {{"--gray", "16"}}});
+  d.push_back({"convert-8-gray.png", {{"--convert", "8:gray"}}});
+  d.push_back({"convert-8-fixed.png", {{"--convert", "8"}}});
+  d.push_back({"convert-4-fixed.bmp", {{"--convert", "4"}}});
+  d.push_back({"convert-16-555.bmp", {{"--convert", "16"}}});
+  d.push_back({"convert-48.png", {{"--convert", "48"}}});
+  d.push_back({"reduce-8-optimised.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-8-fixed.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG, PaletteMode::fixed});
+  d.push_back({"reduce-8-cube.png", {{"--reduce", "8"}}, DITHER_ORDERED, PaletteMode::cube});
+  d.push_back({"reduce-4-optimised.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-4-fixed.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG, PaletteMode::fixed});
+  for (int m = DITHER_NONE; m <= DITHER_CLUSTERED; ++m)
+    d.push_back({std::string("reduce-1-") + dither_name(m) + ".png", {{"--reduce", "1"}}, m, PaletteMode::fixed});
+  d.push_back({"compressed-1.pbm",
+               {{"--reduce", "1"}, {"--compress", ""}, {"--info", ""}},
+               DITHER_FLOYD_STEINBERG,
+               PaletteMode::fixed});
+  d.push_back({"put-pixel.png", {}});  // filled in by run_demo: a marked cross
+  return d;
+}
+
+// A tinted copy of the picture, so that the list demo has different frames.
+Image tinted(const Image& src, int dr, int dg, int db) {
+  Image out = src;
+  for (int y = 0; y < out.height; ++y) {
+    uint8_t* p = out.row(y);
+    for (int x = 0; x < out.width; ++x, p += 3) {
+      p[0] = static_cast<uint8_t>(std::clamp(p[0] + db, 0, 255));
+      p[1] = static_cast<uint8_t>(std::clamp(p[1] + dg, 0, 255));
+      p[2] = static_cast<uint8_t>(std::clamp(p[2] + dr, 0, 255));
+    }
+  }
+  return out;
+}
+
+int run_demo(Command& cmd) {
+  if (!cmd.steps.empty()) throw UsageError("the demo runs its own operations; name an input file to run yours");
+  if (cmd.positional.size() > 1) throw UsageError("the demo takes one output directory");
+  const fs::path dir = !cmd.positional.empty() ? fs::path(cmd.positional[0])
+                       : !cmd.output.empty()   ? fs::path(cmd.output)
+                                               : fs::path("out");
+  fs::create_directories(dir);
+  const std::string missing = missing_core();
+  if (!missing.empty()) throw LibraryError("the demo needs the library's " + missing, RESULT_FAIL);
+
+  progress_begin("making the default picture");
+  const Image img = make_demo_image(cmd.demo_width, cmd.demo_height);
+  progress_end();
+  std::vector<std::string> notes;
+  const std::string base = (dir / "default.png").string();
+  write_image(base, img, &notes);
+  std::cout << base << "\n";
+
+  int status = kExitOk;
+  std::ofstream text((dir / "report.txt").string());
+  auto fail = [&](const std::string& what) {
+    std::cerr << "vkimg: " << what << "\n";
+    status = kExitFailure;
+  };
+  auto run = [&](const std::string& file, std::vector<Step> steps, Settings s) {
+    for (const Step& st : steps)
+      if (!find_operation(st.option)->available()) return;  // not in this library build yet
+    const std::string path = (dir / file).string();
+    try {
+      Context ctx{to_bitmap(img, cmd.settings.memory_type), "default.png", s, &text};
+      text << "== " << file << ":";
+      for (const Step& st : steps) text << " " << st.text();
+      text << "\n";
+      for (const Step& st : steps) run_step(ctx, st);
+      notes.clear();
+      save(*ctx.bitmap.get(), path, true);
+      std::cout << path << "\n";
+    } catch (const Cancelled&) {
+      throw;
+    } catch (const std::exception& e) {
+      fail(path + ": " + e.what());
+    }
+  };
+
+  // What the library knows about the default picture, and a few pixels.
+  try {
+    Context ctx{to_bitmap(img, cmd.settings.memory_type), "default.png", cmd.settings, &text};
+    run_step(ctx, Step{"--info", ""});
+    if (find_operation("--get-pixel")->available())
+      for (const char* xy : {"0,0", "100,100", "1024,400"}) {
+        const auto comma = std::string(xy).find(',');
+        if (std::stol(std::string(xy).substr(0, comma)) < img.width &&
+            std::stol(std::string(xy).substr(comma + 1)) < img.height)
+          run_step(ctx, Step{"--get-pixel", xy});
+      }
+  } catch (const Cancelled&) {
+    throw;
+  } catch (const std::exception& e) {
+    fail(std::string("default.png: ") + e.what());
+  }
+
+  for (DemoStep& d : demo_steps()) {
+    if (interrupted()) throw Cancelled("demo cancelled");
+    Settings s = cmd.settings;
+    s.dither = d.dither;
+    s.palette = d.palette;
+    if (d.file == "put-pixel.png") {
+      const int cx = img.width / 2, cy = img.height / 2;
+      for (int k = -8; k <= 8; ++k) {
+        d.steps.push_back({"--put-pixel", std::to_string(cx + k) + "," + std::to_string(cy) + "=#ff0000"});
+        d.steps.push_back({"--put-pixel", std::to_string(cx) + "," + std::to_string(cy + k) + "=#ff0000"});
+      }
+    }
+    run(d.file, d.steps, s);
+  }
+
+  // Three tinted frames with one shared palette.
+  if (have_list()) {
+    try {
+      std::vector<std::pair<std::string, Image>> frames = {
+          {"list-0.png", img}, {"list-1.png", tinted(img, 40, 0, -30)}, {"list-2.png", tinted(img, -30, 10, 40)}};
+      std::vector<std::string> outs;
+      for (const auto& f : frames) outs.push_back((dir / f.first).string());
+      Settings s = cmd.settings;
+      s.dither = DITHER_FLOYD_STEINBERG;
+      reduce_list(frames, 8, s, outs, true);
+      for (const auto& o : outs) std::cout << o << "\n";
+    } catch (const Cancelled&) {
+      throw;
+    } catch (const std::exception& e) {
+      fail(std::string("list: ") + e.what());
+    }
+  }
+  text.close();
+  std::cout << (dir / "report.txt").string() << "\n";
+  return status;
+}
+
+int main_checked(int argc, char** argv) {
+  bool help = false, help_all = false, version = false;
+  Command cmd = parse(argc, argv, help, help_all, version);
+  if (help) {
+    print_help(std::cout, help_all);
+    return kExitOk;
+  }
+  if (version) {
+    print_version(std::cout);
+    return kExitOk;
+  }
+  install_interrupt_handling(cmd.progress < 0 ? isatty(STDERR_FILENO) != 0 : cmd.progress != 0);
+  apply_global_settings(cmd);
+  switch (cmd.mode) {
+    case Mode::info_files: return run_info_files(cmd);
+    case Mode::storage: return run_storage(cmd);
+    case Mode::list: return run_list(cmd);
+    default: break;
+  }
+  // No input named: the demo.  A lone name that is a directory (or ends in
+  // a slash, or has no image extension) is the demo's output folder.
+  if (!cmd.demo_flag && cmd.positional.size() == 1 && cmd.steps.empty() && cmd.output.empty()) {
+    const std::string& p = cmd.positional[0];
+    bool image = true;
+    try {
+      format_for_path(p);
+    } catch (const IoError&) {
+      image = false;
+    }
+    if (!image || p.back() == '/' || fs::is_directory(p)) cmd.demo_flag = true;
+  }
+  if (cmd.demo_flag || cmd.positional.empty()) {
+    if (!cmd.demo_flag && !cmd.steps.empty()) throw UsageError("no input file named (see --help)");
+    return run_demo(cmd);
+  }
+  return run_pipeline(cmd);
+}
+
+}  // namespace
+}  // namespace vkimg
+
+int main(int argc, char** argv) {
+  using namespace vkimg;
+  try {
+    return main_checked(argc, argv);
+  } catch (const UsageError& e) {
+    progress_end();
+    std::cerr << "vkimg: " << e.what() << "\n";
+    return kExitUsage;
+  } catch (const Cancelled& e) {
+    progress_end();
+    std::cerr << "vkimg: " << e.what() << "\n";
+    return kExitCancelled;
+  } catch (const LibraryError& e) {
+    progress_end();
+    if (interrupted()) {
+      std::cerr << "vkimg: cancelled: " << e.what() << "\n";
+      return kExitCancelled;
+    }
+    std::cerr << "vkimg: " << e.what() << "\n";
+    return kExitFailure;
+  } catch (const IoError& e) {
+    progress_end();
+    std::cerr << "vkimg: " << e.what() << "\n";
+    return kExitFailure;
+  } catch (const fs::filesystem_error& e) {
+    progress_end();
+    std::cerr << "vkimg: " << e.what() << "\n";
+    return kExitFailure;
+  } catch (const std::bad_alloc&) {
+    progress_end();
+    std::cerr << "vkimg: out of memory\n";
+    return kExitFailure;
+  } catch (const std::exception& e) {
+    progress_end();
+    std::cerr << "vkimg: " << e.what() << "\n";
+    return kExitFailure;
+  }
+}
