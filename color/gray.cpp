@@ -247,6 +247,15 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
       !values.allocate(width > 0 ? static_cast<size_t>(width) : 1u))
     return RESULT_FAIL;
 
+  // Reading rows moves the source's row cache; a conversion that does not
+  // complete puts it back so the caller's record is exactly as it was.
+  const int32_t cached_row = src->CachedRow;
+  const uint32_t cached_offset = src->CachedRowOffset;
+  ScopeExit restore_cache([&] {
+    src->CachedRow = cached_row;
+    src->CachedRowOffset = cached_offset;
+  });
+
   Progress progress(height);
   VK_TRY(progress.start());
   {
@@ -277,6 +286,7 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
 
   // Commit: the clip region follows the pixels, the old storage goes, and
   // the caller's record becomes the gray bitmap in one step.
+  restore_cache.dismiss();
   out->Region = src->Region;
   src->Region = nullptr;
   BitmapHandle done = out.release();
