@@ -59,8 +59,7 @@ struct Ctx {
   Rgb8 tc8[256];
   Rgb16 tc16[256];
   // Matching against a destination palette.
-  const RGBQUAD* match_palette = nullptr;
-  uint32_t match_colors = 0;
+  const PaletteMatcher* matcher = nullptr;
   MatchCache* cache = nullptr;
 };
 
@@ -334,7 +333,7 @@ void xf_rgb8_match(const void* in, void* out, uint32_t n, const Ctx& c) {
     const uint32_t h = (key * 2654435761u) >> 22;
     if (m.key[h] != key) {
       m.key[h] = key;
-      m.value[h] = uint8_t(find_palette_index(c.match_palette, c.match_colors, a[i].r, a[i].g, a[i].b));
+      m.value[h] = uint8_t(c.matcher->find(a[i].r, a[i].g, a[i].b));
     }
     o[i] = m.value[h];
   }
@@ -591,6 +590,7 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
 
   // ---- the transform (tables are filled only now, once the call is valid) -------------
   MatchCache cache;
+  PaletteMatcher matcher;
   const RGBQUAD* dpal = dp ? dp : fixed_palette(db);  // for index destinations
   const uint32_t dcolors = fixed_palette_size(db);
   const bool in16 = sb == 12 || sgray16;  // the decoder's values are uint16_t
@@ -666,8 +666,8 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
       case DstKind::index:
         std::memset(cache.key, 0xFF, sizeof cache.key);  // no 24-bit key has the top byte set
         ctx.cache = &cache;
-        ctx.match_palette = dpal;
-        ctx.match_colors = dcolors;
+        matcher.prepare(dpal, dcolors);
+        ctx.matcher = &matcher;
         plan.xform = xf_rgb8_match;
         break;
       case DstKind::gray:

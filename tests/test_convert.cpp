@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "fault.h"
 #include "vkkrn.h"
 
 namespace {
@@ -596,6 +597,27 @@ TEST(GrayParams, InitAndCopy) {
   EXPECT_TRUE(b.Flags & BITMAP_GRAY_FLAG);
   EXPECT_EQ(V_CopyGrayParams(nullptr, &a), RESULT_BAD_PARAMETER);
   V_OsFree(b.GrayLut);
+
+  // The table copy is the one allocation: when it fails the destination is
+  // untouched and nothing is left allocated.
+  const long baseline = vk::fault::live_total();
+  for (long n = 1;; ++n) {
+    BitmapHandle c{};
+    c.LowBit = 5;
+    const BitmapHandle before = c;
+    vk::fault::arm(n);
+    const int32_t r = V_CopyGrayParams(&c, &a);
+    const bool fired = vk::fault::fired();
+    vk::fault::disarm();
+    if (!fired) {
+      ASSERT_EQ(r, RESULT_OK);
+      V_OsFree(c.GrayLut);
+      break;
+    }
+    ASSERT_EQ(r, RESULT_FAIL);
+    ASSERT_EQ(std::memcmp(&c, &before, sizeof c), 0);
+    ASSERT_EQ(vk::fault::live_total(), baseline);
+  }
   V_OsFree(lut);
 }
 
