@@ -157,8 +157,9 @@ int build_palette_map(const RGBQUAD* src, uint32_t srcColors, const RGBQUAD* dst
       for (uint32_t i = 0; i < srcColors; ++i) map[i] = static_cast<uint8_t>(i);
       return 1;
     }
-    for (uint32_t i = 0; i < srcColors; ++i)
-      map[i] = static_cast<uint8_t>(find_palette_index(dst, dstColors, src[i].rgbRed, src[i].rgbGreen, src[i].rgbBlue));
+    PaletteMatcher m;
+    m.prepare(dst, dstColors);
+    for (uint32_t i = 0; i < srcColors; ++i) map[i] = static_cast<uint8_t>(m.find(src[i].rgbRed, src[i].rgbGreen, src[i].rgbBlue));
     filled = srcColors;
   } else if (src) {
     // Gray destination: the gray level of each source entry.
@@ -167,8 +168,9 @@ int build_palette_map(const RGBQUAD* src, uint32_t srcColors, const RGBQUAD* dst
     filled = srcColors;
   } else {
     // Gray source: the nearest destination entry of each level.
-    for (uint32_t v = 0; v < 256; ++v)
-      map[v] = static_cast<uint8_t>(find_palette_index(dst, dstColors, int32_t(v), int32_t(v), int32_t(v)));
+    PaletteMatcher m;
+    m.prepare(dst, dstColors);
+    for (uint32_t v = 0; v < 256; ++v) map[v] = static_cast<uint8_t>(m.find(v, v, v));
     filled = 256;
   }
   for (uint32_t i = 0; i < filled; ++i)

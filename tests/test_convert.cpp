@@ -226,11 +226,21 @@ TEST(Convert, GraySourceRanges) {
   EXPECT_EQ(le16(w + 4), 65535u);
   EXPECT_EQ(le16(w + 6), 0u);
 
-  // 12-bit through a source palette: the top eight bits index it.
-  std::vector<RGBQUAD> pal = distinct_palette(256, 7);
-  uint8_t ix[8] = {0x50, 0x0A, 0};  // pixel 0 = 0xA50 -> index 0xA5
-  ASSERT_EQ(conv(ix, 1, 12, 24, ORDER_GRAY, ORDER_BGR, pal.data()), RESULT_OK);
-  EXPECT_EQ((std::vector<int>(ix, ix + 3)), (std::vector<int>{pal[0xA5].rgbBlue, pal[0xA5].rgbGreen, 0xA5}));
+  // 12-bit through a source palette (a lookup table of 4096 entries): the
+  // masked sample indexes it; with a range, the range's bits do.
+  std::vector<RGBQUAD> lut(4096);
+  for (int i = 0; i < 4096; ++i) lut[i] = q(i >> 4, i & 255, (i * 7) & 255);
+  uint8_t ix[8] = {0x50, 0x0A, 0};  // pixel 0 = 0xA50
+  ASSERT_EQ(conv(ix, 1, 12, 24, ORDER_GRAY, ORDER_BGR, lut.data()), RESULT_OK);
+  EXPECT_EQ((std::vector<int>(ix, ix + 3)), (std::vector<int>{(0xA50 * 7) & 255, 0x50, 0xA5}));
+  uint8_t iy[8] = {0x50, 0x0A, 0};
+  ASSERT_EQ(V_ConvertBufferExt(iy, 1, 12, 0, ORDER_GRAY, 0, lut.data(), nullptr, CONVERT_SRC_BITRANGE, 4, 11),
+            RESULT_OK);
+  const RGBQUAD e = lut[0xA5];
+  EXPECT_EQ(iy[0], (5 * e.rgbGreen + 2 * e.rgbRed + e.rgbBlue + 4) / 8);
+  uint8_t iz[8] = {0x50, 0x0A, 0};  // matched into the destination palette
+  ASSERT_EQ(conv(iz, 1, 12, 8, ORDER_GRAY, 0, lut.data(), lut.data()), RESULT_OK);
+  EXPECT_EQ(iz[0], V_FindPaletteIndex(lut.data(), 256, 0xA5, 0x50, (0xA50 * 7) & 255));
 }
 
 TEST(Convert, TwelveBitLayout) {
