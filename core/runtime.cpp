@@ -11,22 +11,7 @@
 #include "core.h"
 #include "platform.h"
 
-// The file layer supplies the default I/O callbacks and the host glue the
-// dispatch reset.  They are weak here so the runtime links on its own; once
-// those parts are in the build they resolve normally.
-extern "C" {
-__attribute__((weak)) VK_FILE VK_CALL V_OsOpen(const char*, int32_t, int32_t, intptr_t);
-__attribute__((weak)) int32_t VK_CALL V_OsRead(VK_FILE, void*, int32_t, intptr_t);
-__attribute__((weak)) int32_t VK_CALL V_OsWrite(VK_FILE, const void*, int32_t, intptr_t);
-__attribute__((weak)) int32_t VK_CALL V_OsSeek(VK_FILE, int32_t, int32_t, intptr_t);
-__attribute__((weak)) int32_t VK_CALL V_OsClose(VK_FILE, intptr_t);
-}
-namespace vk::host {
-__attribute__((weak)) void reset_on_attach();
-}
-namespace vk::plat {
-__attribute__((weak)) void temp_path(char* out);
-}
+#include "host.h"
 
 namespace vk {
 namespace {
@@ -57,11 +42,7 @@ void set_initial_values(ThreadSettings& s) {
   s.TileSize = 0;
   s.MemoryTileLimit = -100;
   s.MappedTileLimit = 1;
-  if (plat::temp_path) {
-    plat::temp_path(s.TempDirectory);
-  } else {
-    std::strcpy(s.TempDirectory, "/tmp");
-  }
+  plat::temp_path(s.TempDirectory);
 }
 
 void ensure_process_record() {
@@ -107,7 +88,7 @@ ThreadSettings* create_thread_record() {
 
 __attribute__((constructor)) void process_attach() {
   if (g_attach_count == 0) {
-    if (host::reset_on_attach) host::reset_on_attach();
+    host::reset_on_attach();
   }
   ensure_process_record();
   create_thread_record();

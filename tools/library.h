@@ -4,8 +4,8 @@
 // every V_ function it calls is declared weak: an operation whose functions
 // are missing from the linked library resolves to null, is left out of
 // --help and the demo, and reports itself as unavailable instead of breaking
-// the link.  (The program links the whole static archive, so a function
-// that exists is always found.)
+// the link.  (tools/CMakeLists.txt makes the linker take in every function
+// listed here whose archive member links completely.)
 #pragma once
 
 #include "vkkrn.h"

@@ -1,0 +1,136 @@
+// dup.cpp - duplication of a bitmap record with new dimensions, and the
+// release of such a duplicate.  Every operation that makes a new bitmap from
+// an old one starts here.
+#include <cstring>
+
+#include "core.h"
+#include "host.h"
+#include "platform.h"
+
+namespace vk {
+namespace {
+
+// Flags that describe the source's storage kind or are carried for the host.
+constexpr uint32_t kCarriedFlags = BITMAP_COMPRESSED | BITMAP_SUPER_COMPRESSED | BITMAP_ON_DISK | 0x200u | 0x10000u;
+
+int32_t free_duplicate(BitmapHandle* b, uint32_t flags) {
+  if (!b) return RESULT_BAD_PARAMETER;
+  if (!(flags & DUP_OWN_PALETTE)) b->Palette = nullptr;
+  if (!(flags & DUP_OWN_REGION)) b->Region = nullptr;
+  if (flags & DUP_ALLOCATE) {
+    V_FreeBitmap(b);
+    return RESULT_OK;
+  }
+  if (b->Palette) {
+    if (b->Flags & PALETTE_IS_TABLE)
+      V_OsFree(b->Palette);
+    else
+      plat::palette_delete(b->Palette);
+  }
+  // Regions are host objects; the record lets go of its own (see V_FreeBitmap).
+  b->Palette = nullptr;
+  b->Region = nullptr;
+  return RESULT_OK;
+}
+
+int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t height, int32_t bits, uint32_t flags) {
+  if (!dst || !src || !(src->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
+  if (dst == src) return RESULT_BAD_PARAMETER;  // the record would be wiped before it is read
+  // Built in a scratch record: the caller's record changes only on success.
+  BitmapHandle n;
+  VK_TRY(V_InitBitmap(&n, width, height, bits));
+  n.Flags |= src->Flags & kCarriedFlags;
+  n.ViewPerspective = src->ViewPerspective;
+  n.XResolution = src->XResolution;
+  n.YResolution = src->YResolution;
+  n.Order = src->Order;
+
+  bool done = false;
+  ScopeExit release([&] {
+    if (!done) free_duplicate(&n, flags);
+  });
+
+  if (flags & DUP_ALLOCATE) {
+    int32_t type = TYPE_CONVENTIONAL;
+    if (src->Flags & BITMAP_COMPRESSED)
+      type = TYPE_COMPRESSED | TYPE_CONVENTIONAL;
+    else if (src->Flags & BITMAP_SUPER_COMPRESSED)
+      type = TYPE_SUPER_COMPRESSED;
+    else if (src->Flags & BITMAP_ON_DISK)
+      type = TYPE_DISK;
+    VK_TRY(V_AllocateBitmap(&n, type));
+  }
+
+  n.Flags = (n.Flags & ~PALETTE_IS_TABLE) | (src->Flags & PALETTE_IS_TABLE);
+  if (flags & DUP_OWN_PALETTE) {
+    n.Palette = nullptr;
+    if (src->Palette) VK_TRY(V_CopyBitmapPalette(&n, src));
+  } else {
+    n.Palette = src->Palette;
+  }
+  n.ColorCount = src->ColorCount;
+  VK_TRY(V_CopyPlaybackParms(&n, src));
+
+  if (!(flags & DUP_OWN_REGION)) {
+    n.Region = src->Region;
+  } else {
+    n.Region = nullptr;
+    if (auto hook = reinterpret_cast<VK_REGIONHOOK>(reinterpret_cast<void (*)()>(host::dispatch_entry(2)))) {
+      // The hook copies the source's region onto the record it is given as
+      // destination; the copy is moved to the duplicate and the source gets
+      // its own back.
+      const VK_HRGN own = src->Region;
+      const int32_t r = hook(src, src, 0, 0);
+      n.Region = src->Region == own ? nullptr : src->Region;
+      src->Region = own;
+      if (r != RESULT_OK) {
+        n.Region = nullptr;
+        return r;
+      }
+    }
+  }
+
+  if ((flags & DUP_ALLOCATE) && src->Order == ORDER_GRAY && src->BitsPerPixel == bits) {
+    n.Order = ORDER_GRAY;
+    VK_TRY(V_CopyGrayParams(&n, src));
+  }
+  if (n.PaintLut && src->PaintLut) std::memcpy(n.PaintLut, src->PaintLut, 256);
+
+  done = true;
+  *dst = n;
+  return RESULT_OK;
+}
+
+int32_t copy_playback(BitmapHandle* dst, BitmapHandle* src) {
+  if (!dst || !src) return RESULT_BAD_PARAMETER;
+  constexpr uint32_t kPlaybackFlags = BITMAP_PLAYBACK_FLAG1 | BITMAP_PLAYBACK_FLAG2;
+  dst->Flags = (dst->Flags & ~kPlaybackFlags) | (src->Flags & kPlaybackFlags);
+  dst->PlaybackValue1 = src->PlaybackValue1;
+  dst->PlaybackValue2 = src->PlaybackValue2;
+  dst->PlaybackValue3 = src->PlaybackValue3;
+  dst->PlaybackValue6 = src->PlaybackValue6;
+  // The colours must name the same colour in the destination's terms.
+  dst->PlaybackColor1 = V_TranslateBitmapColor(dst, src, src->PlaybackColor1);
+  dst->PlaybackColor2 = V_TranslateBitmapColor(dst, src, src->PlaybackColor2);
+  return RESULT_OK;
+}
+
+}  // namespace
+}  // namespace vk
+
+extern "C" {
+
+VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source) {
+  return vk::api_call([&] { return vk::copy_playback(destination, source); });
+}
+
+VK_API int32_t VK_CALL V_DupBitmapNewDim(BitmapHandle* destination, BitmapHandle* source, int32_t width,
+                                         int32_t height, int32_t bitsPerPixel, uint32_t dupFlags) {
+  return vk::api_call([&] { return vk::duplicate(destination, source, width, height, bitsPerPixel, dupFlags); });
+}
+
+VK_API int32_t VK_CALL V_FreeDuplicateBitmap(BitmapHandle* bitmap, uint32_t dupFlags) {
+  return vk::api_call([&] { return vk::free_duplicate(bitmap, dupFlags); });
+}
+
+}  // extern "C"
