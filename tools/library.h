@@ -13,6 +13,7 @@
 #define VKIMG_LIBRARY_FUNCTIONS(X) \
   X(V_AllocateBitmap)              \
   X(V_ChangeBitmapCompression)     \
+  X(V_ChangeBitmapHeight)          \
   X(V_ColorResBitmap)              \
   X(V_ColorResBitmapList)          \
   X(V_ConvertBuffer)               \
@@ -35,6 +36,7 @@
   X(V_IsGrayScaleBitmap)           \
   X(V_PutBitmapRow)                \
   X(V_PutPixelColor)               \
+  X(V_SetBitmapMemoryInfo)         \
   X(V_SetMemoryThresholds)         \
   X(V_SetStatusCallBack)           \
   X(V_SetTempDirectory)            \
