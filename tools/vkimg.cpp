@@ -471,9 +471,17 @@ int run_demo(Command& cmd) {
       if (!find_operation(st.option)->available()) return;  // not in this library build yet
     const std::string path = (dir / file).string();
     try {
-      Context ctx{to_bitmap(img, cmd.settings.memory_type), "default.png", s, &text};
+      Context ctx{to_bitmap(img, cmd.settings.memory_type), file, s, &text};
       text << "== " << file << ":";
-      for (const Step& st : steps) text << " " << st.text();
+      for (size_t k = 0; k < steps.size() && k < 4; ++k) text << " " << steps[k].text();
+      if (steps.size() > 4) text << " ... (" << steps.size() << " operations)";
+      for (const Step& st : steps)
+        if (st.option == "--reduce") {
+          static constexpr const char* kPalettes[] = {"optimised", "fixed", "cube", "file"};
+          text << " [palette " << kPalettes[static_cast<int>(s.palette)] << ", dither "
+               << (s.dither >= 0 ? dither_name(s.dither) : "default") << "]";
+          break;
+        }
       text << "\n";
       for (const Step& st : steps) run_step(ctx, st);
       notes.clear();
