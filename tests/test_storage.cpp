@@ -699,3 +699,35 @@ TEST_F(Storage, CompressedStorageWorksThroughTheSameCalls) {
 }
 
 }  // namespace
+
+namespace {
+
+using namespace vkt;
+
+// A tile attempt that fails (here: one temp file) is retried with tiles of
+// half the size while memory would hold the bitmap.
+TEST_F(Storage, FailedTileAttemptIsRetriedWithHalvedTiles) {
+  ASSERT_EQ(V_SetMemoryThresholds(0, 0, 4000, 0, 1, 31 & ~THRESHOLD_MEMORY_RESERVE), RESULT_OK);
+  bool halved = false;
+  for (long n = 1; n < 40 && !halved; ++n) {
+    BitmapHandle b = init(10, 1000, 32);  // 40000 bytes, tiles of 100 rows
+    vk::fault::arm(n);
+    const int32_t r = V_AllocateBitmap(&b, TYPE_NO_DISK);
+    vk::fault::disarm();
+    if (r == RESULT_OK) {
+      const TileInfo i = tile_info(&b);
+      EXPECT_TRUE(i.tile_size == 4000 || i.tile_size == 2000) << i.tile_size;
+      if (i.tile_size == 2000) {
+        halved = true;
+        EXPECT_EQ(i.total, 20u);
+        fill(&b);
+        EXPECT_TRUE(holds_pattern(&b));
+      }
+      V_FreeBitmap(&b);
+    }
+    EXPECT_EQ(files_in(dir_), 0u);
+  }
+  EXPECT_TRUE(halved);
+}
+
+}  // namespace
