@@ -243,8 +243,8 @@ TEST_F(Storage, EveryKindKeepsThePixels) {
         EXPECT_EQ(got[i], pattern(row + at / 40, at % 40, 3)) << "row " << row << " i " << i;
       }
     }
-    if (k == Kind::tiles_disk || k == Kind::tiles_mixed) EXPECT_LE(tile_info(&b).mapped, 1u);
-    if (k == Kind::tiles_unmapped) EXPECT_EQ(tile_info(&b).mapped, 0u);
+    if (k == Kind::tiles_disk || k == Kind::tiles_mixed) { EXPECT_LE(tile_info(&b).mapped, 1u); }
+    if (k == Kind::tiles_unmapped) { EXPECT_EQ(tile_info(&b).mapped, 0u); }
     release(&b);
   }
 }
@@ -333,7 +333,7 @@ TEST_F(Storage, MemoryInfoReportsEachKind) {
     uint32_t untouched = 77;
     EXPECT_EQ(V_GetBitmapMemoryInfo(&b, &type, &untouched, nullptr, nullptr, nullptr, nullptr), RESULT_OK);
     EXPECT_EQ(type, t);
-    if (t != TYPE_TILED) EXPECT_EQ(untouched, 77u);
+    if (t != TYPE_TILED) { EXPECT_EQ(untouched, 77u); }
     release(&b);
   }
 }
@@ -430,8 +430,8 @@ TEST_F(Storage, RebuildingIntoAnotherTypeKeepsPixelsAndAttributes) {
     EXPECT_TRUE(holds_pattern(&b, 9));
     EXPECT_EQ(b.XResolution, 300);
     EXPECT_EQ(b.PlaybackValue2, 42u);
-    if (b.PaintLut) EXPECT_EQ(b.PaintLut[7], 99);
-    if (c.want == TYPE_TILED) EXPECT_EQ(tile_info(&b).tile_size, 200u);
+    if (b.PaintLut) { EXPECT_EQ(b.PaintLut[7], 99); }
+    if (c.want == TYPE_TILED) { EXPECT_EQ(tile_info(&b).tile_size, 200u); }
     V_FreeBitmap(&b);
     EXPECT_EQ(files_in(dir_), 0u);
   }
@@ -636,7 +636,7 @@ TEST_F(Storage, FailedMemoryInfoChangesLeaveTheBitmapWhole) {
         [&] {
           b = make(c.from);
           fill(&b, 6);
-          if (c.small_tiles) ASSERT_EQ(V_SetMemoryThresholds(0, 0, 120, 0, 0, THRESHOLD_TILE_SIZE), RESULT_OK);
+          if (c.small_tiles) { ASSERT_EQ(V_SetMemoryThresholds(0, 0, 120, 0, 0, THRESHOLD_TILE_SIZE), RESULT_OK); }
           before = b;
         },
         [&] { return V_SetBitmapMemoryInfo(&b, c.type, c.tile_size, 0, c.memory, 0, 0, c.which); },
