@@ -58,9 +58,10 @@ struct Ctx {
   uint16_t t16[256];
   Rgb8 tc8[256];
   Rgb16 tc16[256];
+  // Palette of a 12-bit gray source (2^src_count entries).
+  const RGBQUAD* src_palette = nullptr;
   // Matching against a destination palette.
-  const RGBQUAD* match_palette = nullptr;
-  uint32_t match_colors = 0;
+  const PaletteMatcher* matcher = nullptr;
   MatchCache* cache = nullptr;
 };
 
@@ -111,6 +112,19 @@ void dec_gray12(const uint8_t* buf, size_t start, uint32_t n, void* out, const C
     const uint8_t* p = buf + (k >> 1) * 3;
     const uint32_t raw = (k & 1) ? ((uint32_t(p[1]) >> 4) | (uint32_t(p[2]) << 4)) : (p[0] | ((p[1] & 15u) << 8));
     o[i] = uint16_t((raw >> c.src_shift) & c.src_mask);
+  }
+}
+
+// 12-bit gray through a source palette: the masked sample indexes it and the
+// entry's colour is used.
+void dec_gray12_lut(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c) {
+  Rgb8* o = static_cast<Rgb8*>(out);
+  for (uint32_t i = 0; i < n; ++i) {
+    const size_t k = start + i;
+    const uint8_t* p = buf + (k >> 1) * 3;
+    const uint32_t raw = (k & 1) ? ((uint32_t(p[1]) >> 4) | (uint32_t(p[2]) << 4)) : (p[0] | ((p[1] & 15u) << 8));
+    const RGBQUAD& e = c.src_palette[(raw >> c.src_shift) & c.src_mask];
+    o[i] = Rgb8{e.rgbRed, e.rgbGreen, e.rgbBlue};
   }
 }
 
@@ -334,7 +348,7 @@ void xf_rgb8_match(const void* in, void* out, uint32_t n, const Ctx& c) {
     const uint32_t h = (key * 2654435761u) >> 22;
     if (m.key[h] != key) {
       m.key[h] = key;
-      m.value[h] = uint8_t(find_palette_index(c.match_palette, c.match_colors, a[i].r, a[i].g, a[i].b));
+      m.value[h] = uint8_t(c.matcher->find(a[i].r, a[i].g, a[i].b));
     }
     o[i] = m.value[h];
   }
@@ -526,10 +540,12 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     if (db == 0) plan.nothing = true;
   } else if (sb == 12 || sgray16) {
     // Gray samples.  The sample keeps at most the bits the destination holds:
-    // 8 for indices, gray levels and 8-bit channels (and whenever a 12-bit
-    // source palette is indexed), 16 for 16-bit channels and gray words.
-    const bool narrow = (sb == 12 && sp) || !(dk == DstKind::gray || dk == DstKind::rgb16);
-    const int32_t limit = narrow ? 8 : 16;
+    // 8 for indices, gray levels and 8-bit channels, 16 for 16-bit channels
+    // and gray words.
+    // With a 12-bit source palette (a gray lookup table of 2^count entries)
+    // the sample keeps up to its 12 bits and indexes the table.
+    const bool lut = sb == 12 && sp;
+    const int32_t limit = lut ? 12 : (dk == DstKind::gray || dk == DstKind::rgb16) ? 16 : 8;
     GrayRange r;
     const bool ranged = (flags & CONVERT_SRC_BITRANGE) != 0;
     if (!gray_range(sb, limit, ranged ? lowBit : 0, ranged ? highBit : sb - 1, r)) return RESULT_BAD_PARAMETER;
@@ -537,10 +553,10 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     ctx.src_mask = r.mask;
     ctx.src_shift = uint32_t(r.shift > 31 ? 31 : r.shift);
     plan.decode = sb == 12 ? dec_gray12 : dec_gray16;
-    if (sb == 12 && sp) {
-      sk = SrcKind::index;
-      pal = sp;
-      pal_colors = r.mask + 1;
+    if (lut) {
+      sk = SrcKind::rgb8;
+      ctx.src_palette = sp;
+      plan.decode = dec_gray12_lut;
     } else {
       sk = SrcKind::sample;
     }
@@ -591,6 +607,7 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
 
   // ---- the transform (tables are filled only now, once the call is valid) -------------
   MatchCache cache;
+  PaletteMatcher matcher;
   const RGBQUAD* dpal = dp ? dp : fixed_palette(db);  // for index destinations
   const uint32_t dcolors = fixed_palette_size(db);
   const bool in16 = sb == 12 || sgray16;  // the decoder's values are uint16_t
@@ -666,8 +683,8 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
       case DstKind::index:
         std::memset(cache.key, 0xFF, sizeof cache.key);  // no 24-bit key has the top byte set
         ctx.cache = &cache;
-        ctx.match_palette = dpal;
-        ctx.match_colors = dcolors;
+        matcher.prepare(dpal, dcolors);
+        ctx.matcher = &matcher;
         plan.xform = xf_rgb8_match;
         break;
       case DstKind::gray:

@@ -224,7 +224,7 @@ extern "C" VK_API int32_t VK_CALL V_GetBitmapPaletteEntries(BitmapHandle* bitmap
 extern "C" VK_API int32_t VK_CALL V_GetBitmapColors(BitmapHandle* bitmap, int32_t start, int32_t count, RGBQUAD* out) {
   return vk::api_call([&]() -> int32_t {
     if (!bitmap) return RESULT_NO_BITMAP;
-    if (count == 0 || bitmap->BitsPerPixel >= 9) return RESULT_BAD_PARAMETER;
+    if (count < 1 || bitmap->BitsPerPixel >= 9) return RESULT_BAD_PARAMETER;
     const int32_t got = V_GetBitmapPaletteEntries(bitmap, start, count, out);
     return got < count ? RESULT_BAD_PARAMETER : RESULT_OK;
   });

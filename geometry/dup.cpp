@@ -113,8 +113,9 @@ int32_t copy_playback(BitmapHandle* dst, BitmapHandle* src) {
   dst->PlaybackValue2 = src->PlaybackValue2;
   dst->PlaybackValue3 = src->PlaybackValue3;
   dst->PlaybackValue6 = src->PlaybackValue6;
-  dst->PlaybackColor1 = src->PlaybackColor1;
-  dst->PlaybackColor2 = src->PlaybackColor2;
+  // The colours must name the same colour in the destination's terms.
+  dst->PlaybackColor1 = V_TranslateBitmapColor(dst, src, src->PlaybackColor1);
+  dst->PlaybackColor2 = V_TranslateBitmapColor(dst, src, src->PlaybackColor2);
   return RESULT_OK;
 }
 

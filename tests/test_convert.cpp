@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "fault.h"
 #include "vkkrn.h"
 
 namespace {
@@ -225,11 +226,21 @@ TEST(Convert, GraySourceRanges) {
   EXPECT_EQ(le16(w + 4), 65535u);
   EXPECT_EQ(le16(w + 6), 0u);
 
-  // 12-bit through a source palette: the top eight bits index it.
-  std::vector<RGBQUAD> pal = distinct_palette(256, 7);
-  uint8_t ix[8] = {0x50, 0x0A, 0};  // pixel 0 = 0xA50 -> index 0xA5
-  ASSERT_EQ(conv(ix, 1, 12, 24, ORDER_GRAY, ORDER_BGR, pal.data()), RESULT_OK);
-  EXPECT_EQ((std::vector<int>(ix, ix + 3)), (std::vector<int>{pal[0xA5].rgbBlue, pal[0xA5].rgbGreen, 0xA5}));
+  // 12-bit through a source palette (a lookup table of 4096 entries): the
+  // masked sample indexes it; with a range, the range's bits do.
+  std::vector<RGBQUAD> lut(4096);
+  for (int i = 0; i < 4096; ++i) lut[i] = q(i >> 4, i & 255, (i * 7) & 255);
+  uint8_t ix[8] = {0x50, 0x0A, 0};  // pixel 0 = 0xA50
+  ASSERT_EQ(conv(ix, 1, 12, 24, ORDER_GRAY, ORDER_BGR, lut.data()), RESULT_OK);
+  EXPECT_EQ((std::vector<int>(ix, ix + 3)), (std::vector<int>{(0xA50 * 7) & 255, 0x50, 0xA5}));
+  uint8_t iy[8] = {0x50, 0x0A, 0};
+  ASSERT_EQ(V_ConvertBufferExt(iy, 1, 12, 0, ORDER_GRAY, 0, lut.data(), nullptr, CONVERT_SRC_BITRANGE, 4, 11),
+            RESULT_OK);
+  const RGBQUAD e = lut[0xA5];
+  EXPECT_EQ(iy[0], (5 * e.rgbGreen + 2 * e.rgbRed + e.rgbBlue + 4) / 8);
+  uint8_t iz[8] = {0x50, 0x0A, 0};  // matched into the destination palette
+  ASSERT_EQ(conv(iz, 1, 12, 8, ORDER_GRAY, 0, lut.data(), lut.data()), RESULT_OK);
+  EXPECT_EQ(iz[0], V_FindPaletteIndex(lut.data(), 256, 0xA5, 0x50, (0xA50 * 7) & 255));
 }
 
 TEST(Convert, TwelveBitLayout) {
@@ -596,6 +607,27 @@ TEST(GrayParams, InitAndCopy) {
   EXPECT_TRUE(b.Flags & BITMAP_GRAY_FLAG);
   EXPECT_EQ(V_CopyGrayParams(nullptr, &a), RESULT_BAD_PARAMETER);
   V_OsFree(b.GrayLut);
+
+  // The table copy is the one allocation: when it fails the destination is
+  // untouched and nothing is left allocated.
+  const long baseline = vk::fault::live_total();
+  for (long n = 1;; ++n) {
+    BitmapHandle c{};
+    c.LowBit = 5;
+    const BitmapHandle before = c;
+    vk::fault::arm(n);
+    const int32_t r = V_CopyGrayParams(&c, &a);
+    const bool fired = vk::fault::fired();
+    vk::fault::disarm();
+    if (!fired) {
+      ASSERT_EQ(r, RESULT_OK);
+      V_OsFree(c.GrayLut);
+      break;
+    }
+    ASSERT_EQ(r, RESULT_FAIL);
+    ASSERT_EQ(std::memcmp(&c, &before, sizeof c), 0);
+    ASSERT_EQ(vk::fault::live_total(), baseline);
+  }
   V_OsFree(lut);
 }
 

@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <thread>
 #include <vector>
 
+#include "fault.h"
 #include "lookup.h"
 #include "palette_tables.h"
 #include "vkkrn.h"
@@ -163,6 +165,57 @@ TEST(FixedPalettes, Tables) {
   EXPECT_EQ(rgb(cube[vk::cube_index(5, 2, 1)]), (std::vector<int>{255, 102, 51, 0}));
   EXPECT_EQ(rgb(cube[215]), (std::vector<int>{255, 255, 255, 0}));
   for (int i = 216; i < 256; ++i) EXPECT_EQ(rgb(cube[i]), (std::vector<int>{0, 0, 0, 0}));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Lookup, PreparedMatcherAgreesWithSearch) {
+  std::mt19937 rng(21);
+  std::vector<std::vector<RGBQUAD>> palettes;
+  for (int bits = 1; bits <= 8; ++bits) palettes.emplace_back(V_IntGetFixedPalette(bits), V_IntGetFixedPalette(bits) + (1 << bits));
+  palettes.emplace_back(vk::gray_ramp(), vk::gray_ramp() + 256);
+  palettes.emplace_back(vk::color_cube(), vk::color_cube() + 256);
+  for (int n : {1, 3, 5, 17, 100, 255, 256}) {
+    std::vector<RGBQUAD> p;
+    for (int i = 0; i < n; ++i) p.push_back(q(rng() & 255, rng() & 255, rng() & 255));
+    palettes.push_back(p);
+    // Coarse levels and duplicates make many equal distances.
+    std::vector<RGBQUAD> coarse;
+    for (int i = 0; i < n; ++i) coarse.push_back(q((rng() % 3) * 20, (rng() % 3) * 20, (rng() % 3) * 20));
+    palettes.push_back(coarse);
+  }
+  for (const auto& p : palettes) {
+    vk::PaletteMatcher m;
+    m.prepare(p.data(), uint32_t(p.size()));
+    for (int t = 0; t < 4000; ++t) {
+      const uint32_t r = (t < 2000) ? (rng() % 5) * 10 : rng() & 255;
+      const uint32_t g = (t < 2000) ? (rng() % 5) * 10 : rng() & 255;
+      const uint32_t b = (t < 2000) ? (rng() % 5) * 10 : rng() & 255;
+      const uint32_t want = brute_nearest(p, int(r), int(g), int(b));
+      ASSERT_EQ(m.find(r, g, b), want) << p.size() << " " << r << "," << g << "," << b;
+      ASSERT_EQ(m.find_baseline(r, g, b), want) << p.size() << " " << r << "," << g << "," << b;
+    }
+    for (const RGBQUAD& e : p) ASSERT_EQ(m.find(e.rgbRed, e.rgbGreen, e.rgbBlue), brute_nearest(p, e.rgbRed, e.rgbGreen, e.rgbBlue));
+    ASSERT_EQ(m.find(0, 0, 0), brute_nearest(p, 0, 0, 0));
+    ASSERT_EQ(m.find(255, 255, 255), brute_nearest(p, 255, 255, 255));
+  }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(Lookup, UserMatchTableAllocationFailure) {
+  const long baseline = vk::fault::live_total();
+  vk::fault::arm(1);
+  uint32_t* t = V_CreateUserMatchTable(V_IntGetFixedPalette(4), 16);
+  const bool fired = vk::fault::fired();
+  vk::fault::disarm();
+  ASSERT_TRUE(fired);
+  EXPECT_EQ(t, nullptr);
+  EXPECT_EQ(vk::fault::live_total(), baseline);
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 // every V_ function it calls is declared weak: an operation whose functions
 // are missing from the linked library resolves to null, is left out of
 // --help and the demo, and reports itself as unavailable instead of breaking
-// the link.  (The program links the whole static archive, so a function
-// that exists is always found.)
+// the link.  (tools/CMakeLists.txt makes the linker take in every function
+// listed here whose archive member links completely.)
 #pragma once
 
 #include "vkkrn.h"
@@ -13,6 +13,7 @@
 #define VKIMG_LIBRARY_FUNCTIONS(X) \
   X(V_AllocateBitmap)              \
   X(V_ChangeBitmapCompression)     \
+  X(V_ChangeBitmapHeight)          \
   X(V_ColorResBitmap)              \
   X(V_ColorResBitmapList)          \
   X(V_ConvertBuffer)               \
@@ -35,6 +36,7 @@
   X(V_IsGrayScaleBitmap)           \
   X(V_PutBitmapRow)                \
   X(V_PutPixelColor)               \
+  X(V_SetBitmapMemoryInfo)         \
   X(V_SetMemoryThresholds)         \
   X(V_SetStatusCallBack)           \
   X(V_SetTempDirectory)            \

@@ -1,0 +1,351 @@
+// pixel.cpp - single-pixel access: colour values in and out of any depth,
+// the raw bytes of a pixel, and translation of a colour value between two
+// bitmaps.
+//
+// Each call reads only the bytes that hold the pixel (row-and-column access)
+// and keeps the palette on the stack.  Colour value forms:
+//   RGB 0x00BBGGRR | COLOR_PALETTE_INDEX | index | COLOR_GRAY16 | 16-bit level.
+
+#include <cstring>
+
+#include "core.h"
+#include "gray.h"
+#include "host.h"
+#include "palette.h"
+
+namespace vk {
+namespace {
+
+constexpr uint32_t rgb(uint32_t r, uint32_t g, uint32_t b) { return r | g << 8 | b << 16; }
+constexpr uint32_t red_of(uint32_t c) { return c & 0xFFu; }
+constexpr uint32_t green_of(uint32_t c) { return (c >> 8) & 0xFFu; }
+constexpr uint32_t blue_of(uint32_t c) { return (c >> 16) & 0xFFu; }
+inline uint32_t rgb_of(const RGBQUAD& e) { return rgb(e.rgbRed, e.rgbGreen, e.rgbBlue); }
+
+constexpr bool is_index_form(uint32_t c) { return (c >> 24) == 1u; }
+constexpr bool is_gray16_form(uint32_t c) { return (c & COLOR_GRAY16) != 0; }
+// A 16-bit gray value as a colour: its high byte in all three channels.
+constexpr uint32_t gray16_to_rgb(uint32_t c) {
+  const uint32_t h = (c >> 8) & 0xFFu;
+  return rgb(h, h, h);
+}
+
+bool lut_in_force(const BitmapHandle* b) { return b->GrayLut && (b->Flags & BITMAP_GRAY_FLAG); }
+bool inside(const BitmapHandle* b, int32_t row, int32_t column) {
+  return row >= 0 && row < b->Height && column >= 0 && column < b->Width;
+}
+
+// Where a pixel's bytes are fetched: the column handed to row-and-column
+// access, how many bytes, and (1-8 bits) the bit position inside them.
+struct Spot {
+  int32_t column;
+  int32_t bytes;
+  uint32_t bit;  // stream position of the pixel inside the first byte, MSB = 0
+};
+
+bool locate(int32_t bits, int32_t column, Spot& s) {
+  const uint32_t c = static_cast<uint32_t>(column);
+  switch (bits) {
+    case 1:
+      // The byte holding the pixel, reached by its first column; the mask
+      // also takes the column modulo 65536, a deliberate quirk kept as is.
+      s = Spot{static_cast<int32_t>(c & 0xFFF8u), 1, c & 7u};
+      return true;
+    case 2: s = Spot{column, 1, (c * 2u) & 7u}; return true;
+    case 8: s = Spot{column, 1, 0}; return true;
+    case 4: s = Spot{static_cast<int32_t>(c & ~1u), 1, (c & 1u) * 4u}; return true;
+    case 3: case 5: case 6: case 7: {
+      const uint32_t p = static_cast<uint32_t>((static_cast<uint64_t>(c) * static_cast<uint32_t>(bits)) & 7u);
+      s = Spot{column, p > 8u - static_cast<uint32_t>(bits) ? 2 : 1, p};
+      return true;
+    }
+    case 12: case 16: s = Spot{column, 2, 0}; return true;
+    case 24: case 32: s = Spot{column, 3, 0}; return true;
+    case 48: case 64: s = Spot{column, 6, 0}; return true;
+    default: return false;
+  }
+}
+
+// Index of a 1-8-bit pixel from its byte(s).
+uint32_t extract_index(const uint8_t* p, int32_t bits, uint32_t bit) {
+  const uint32_t mask = (1u << bits) - 1u;
+  const uint32_t n = static_cast<uint32_t>(bits);
+  if (bit + n <= 8u) return (p[0] >> (8u - n - bit)) & mask;
+  return ((static_cast<uint32_t>(p[0]) << 8 | p[1]) >> (16u - n - bit)) & mask;
+}
+
+// Replaces a 1-8-bit pixel's bits, keeping its neighbours'.
+void insert_index(uint8_t* p, int32_t bits, uint32_t bit, uint32_t index) {
+  const uint32_t mask = (1u << bits) - 1u;
+  const uint32_t n = static_cast<uint32_t>(bits);
+  index &= mask;
+  if (bit + n <= 8u) {
+    const uint32_t sh = 8u - n - bit;
+    p[0] = static_cast<uint8_t>((p[0] & ~(mask << sh)) | (index << sh));
+    return;
+  }
+  const uint32_t sh = 16u - n - bit;
+  uint32_t w = static_cast<uint32_t>(p[0]) << 8 | p[1];
+  w = (w & ~(mask << sh)) | (index << sh);
+  p[0] = static_cast<uint8_t>(w >> 8);
+  p[1] = static_cast<uint8_t>(w);
+}
+
+// The bitmap's palette on the stack; a bitmap without one reads as the fixed
+// palette of its depth, as row conversion does.  Returns the entry count.
+uint32_t palette_for(BitmapHandle* b, RGBQUAD out[kMaxPaletteEntries]) {
+  uint32_t n = read_bitmap_palette(b, out);
+  if (n != 0) return n;
+  const RGBQUAD* fixed = V_IntGetFixedPalette(b->BitsPerPixel);
+  if (!fixed) return 0;
+  n = 1u << b->BitsPerPixel;
+  std::memcpy(out, fixed, n * sizeof(RGBQUAD));
+  return n;
+}
+
+// Gray sample (already range-masked) of a 12- or 16-bit gray bitmap as a colour.
+uint32_t gray_sample_colour(const BitmapHandle* b, uint32_t v, const gray::Range& r) {
+  if (lut_in_force(b)) {
+    if (v >= b->GrayLutLength) return COLOR_INVALID;
+    return rgb_of(reinterpret_cast<const RGBQUAD*>(b->GrayLut)[v]);
+  }
+  if (b->BitsPerPixel == 12 || r.mask < 0xFFFFu) v = v * 0xFFFFu / r.mask;
+  return COLOR_GRAY16 | v;
+}
+
+// Colour of three 8-bit channels stored first-second-third in memory.
+constexpr uint32_t ordered(uint32_t first, uint32_t second, uint32_t third, bool bgr) {
+  return bgr ? rgb(third, second, first) : rgb(first, second, third);
+}
+
+uint32_t get_pixel_color(BitmapHandle* b, int32_t row, int32_t column) {
+  if (!b || !(b->Flags & BITMAP_ALLOCATED) || !inside(b, row, column)) return COLOR_INVALID;
+  const int32_t bits = b->BitsPerPixel;
+  Spot s;
+  if (!locate(bits, column, s)) return 0;  // unknown depth reads as black
+
+  RGBQUAD pal[kMaxPaletteEntries];
+  uint32_t colours = 0;
+  if (bits <= 8) colours = palette_for(b, pal);
+  const bool gray = bits == 12 || (bits == 16 && b->Order == ORDER_GRAY);
+  const gray::Range range = gray::range(bits, bits, b->LowBit, b->HighBit);
+
+  uint8_t p[8] = {};
+  {
+    BitmapLock lock(b);
+    if (V_GetBitmapRowCol(b, p, static_cast<uint32_t>(row), s.column, s.bytes) != s.bytes) return COLOR_INVALID;
+  }
+
+  if (bits <= 8) {
+    const uint32_t index = extract_index(p, bits, s.bit);
+    return index < colours ? rgb_of(pal[index]) : 0u;
+  }
+  const uint32_t word = p[0] | static_cast<uint32_t>(p[1]) << 8;
+  if (gray) {
+    const uint32_t raw = bits == 12 ? ((column & 1) ? word >> 4 : word & 0xFFFu) : word;
+    return gray_sample_colour(b, (raw >> range.shift) & range.mask, range);
+  }
+  switch (bits) {
+    case 16: {
+      const uint32_t hi = gray::widen5((word >> 10) & 31u), mid = gray::widen5((word >> 5) & 31u),
+                     lo = gray::widen5(word & 31u);
+      return b->Order == ORDER_BGR ? rgb(hi, mid, lo) : rgb(lo, mid, hi);
+    }
+    case 24:
+      if (b->Order == ORDER_BGR_ALT) {
+        V_ConvertBuffer(p, 1, 24, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
+        return ordered(p[0], p[1], p[2], true);
+      }
+      return ordered(p[0], p[1], p[2], b->Order == ORDER_BGR);
+    case 32: return ordered(p[0], p[1], p[2], b->Order == ORDER_BGR);
+    case 48:
+      if (b->Order == ORDER_BGR_ALT) {
+        // The second colour space is defined on 8-bit channels: narrow first.
+        uint8_t q[8] = {p[1], p[3], p[5]};
+        V_ConvertBuffer(q, 1, 24, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
+        return ordered(q[0], q[1], q[2], true);
+      }
+      return ordered(p[1], p[3], p[5], b->Order == ORDER_BGR);
+    default:  // 64
+      return ordered(p[1], p[3], p[5], b->Order == ORDER_BGR);
+  }
+}
+
+int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t color) {
+  if (!b || !(b->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
+  // The display module may own the position test (clip region); its answer
+  // replaces the range check.  Storage outside the bitmap is never written
+  // whatever the hook says.
+  if (VK_DISPATCHPROC hook = host::dispatch_entry(17)) {
+    const auto at = reinterpret_cast<VK_PIXELPOSHOOK>(reinterpret_cast<void (*)(void)>(hook));
+    if (at(b, row, column) == 0) return RESULT_BAD_AREA;
+  }
+  if (!inside(b, row, column)) return RESULT_BAD_AREA;
+
+  const int32_t bits = b->BitsPerPixel;
+  Spot s;
+  if (!locate(bits, column, s)) return RESULT_BAD_BITS_PER_PIXEL;
+  const bool gray = bits == 12 || (bits == 16 && b->Order == ORDER_GRAY);
+  const bool lut = gray && lut_in_force(b);
+  if (is_gray16_form(color) && !lut) color = gray16_to_rgb(color);
+  const bool index_form = is_index_form(color);
+  const bool gray16 = is_gray16_form(color);
+
+  RGBQUAD pal[kMaxPaletteEntries];
+  uint32_t colours = 0;
+  if (bits <= 8) colours = palette_for(b, pal);
+
+  BitmapLock lock(b);
+  uint8_t p[8] = {};
+  const uint32_t r = static_cast<uint32_t>(row);
+  // Pixels that share bytes with neighbours are merged into what is stored.
+  if (bits <= 8 || bits == 12) {
+    const int32_t got = V_GetBitmapRowCol(b, p, r, s.column, s.bytes);
+    if (got < 0) return got;
+    if (got != s.bytes) return RESULT_FAIL;
+  }
+
+  if (bits <= 8) {
+    const uint32_t index = index_form ? (color & 0xFFFFu)
+                                      : V_FindPaletteIndex(colours ? pal : nullptr, colours, red_of(color),
+                                                           green_of(color), blue_of(color));
+    insert_index(p, bits, s.bit, index);
+  } else if (gray) {
+    const gray::Range range = gray::range(bits, bits, b->LowBit, b->HighBit);
+    uint32_t v;
+    if (index_form) {
+      v = color & 0xFFFFu;  // a raw sample (lookup-table index)
+    } else if (gray16) {
+      v = (color & 0xFFFFu) >> (16 - range.count);
+    } else if (lut) {
+      uint32_t n = b->GrayLutLength;
+      if (n > range.mask + 1u) n = range.mask + 1u;  // only reachable entries
+      v = V_FindPaletteIndex(reinterpret_cast<const RGBQUAD*>(b->GrayLut), n, red_of(color), green_of(color),
+                             blue_of(color));
+    } else {
+      v = gray::from_level(gray::level(red_of(color), green_of(color), blue_of(color)), range.count);
+    }
+    v = (v & range.mask) << range.shift;
+    if (bits == 12) {
+      uint32_t word = p[0] | static_cast<uint32_t>(p[1]) << 8;
+      word = (column & 1) ? (word & 0x000Fu) | ((v & 0xFFFu) << 4) : (word & 0xF000u) | (v & 0xFFFu);
+      p[0] = static_cast<uint8_t>(word);
+      p[1] = static_cast<uint8_t>(word >> 8);
+    } else {
+      p[0] = static_cast<uint8_t>(v);
+      p[1] = static_cast<uint8_t>(v >> 8);
+    }
+  } else {
+    if (index_form) return RESULT_BAD_PARAMETER;  // no palette to index
+    const uint32_t red = red_of(color), green = green_of(color), blue = blue_of(color);
+    // The second colour space is built from blue-first channels.
+    const bool alt = b->Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
+    const bool bgr = b->Order == ORDER_BGR || alt;
+    uint8_t c[4] = {static_cast<uint8_t>(bgr ? blue : red), static_cast<uint8_t>(green),
+                    static_cast<uint8_t>(bgr ? red : blue), 0};
+    if (alt)
+      VK_TRY(V_ConvertBuffer(c, 1, 24, 24, ORDER_BGR, ORDER_BGR_ALT, nullptr, nullptr));
+    switch (bits) {
+      case 16: {
+        const uint32_t w = bgr ? (red >> 3) << 10 | (green >> 3) << 5 | (blue >> 3)
+                               : (blue >> 3) << 10 | (green >> 3) << 5 | (red >> 3);
+        p[0] = static_cast<uint8_t>(w);
+        p[1] = static_cast<uint8_t>(w >> 8);
+        break;
+      }
+      case 24: case 32: std::memcpy(p, c, 3); break;
+      default:  // 48, 64: the byte in both halves of each channel
+        for (int i = 0; i < 3; ++i) p[2 * i] = p[2 * i + 1] = c[i];
+        break;
+    }
+  }
+  const int32_t put = V_PutBitmapRowCol(b, p, r, s.column, s.bytes);
+  if (put < 0) return put;
+  return put == s.bytes ? RESULT_OK : RESULT_FAIL;
+}
+
+// Bytes touched by the pixel at `column` and the column handed to row access.
+int32_t pixel_span(const BitmapHandle* b, int32_t column, int32_t& access_column) {
+  const uint64_t bits = static_cast<uint32_t>(b->BitsPerPixel), c = static_cast<uint32_t>(column);
+  access_column = column;
+  // Compressed rows are reached by pixel, flat rows by byte: start 1-bit
+  // access on the byte boundary so both agree.
+  if (bits == 1) access_column = column & ~7;
+  return static_cast<int32_t>(((c + 1) * bits + 7) / 8 - (c * bits) / 8);
+}
+
+int32_t pixel_data(BitmapHandle* b, void* buffer, int32_t row, int32_t column, int32_t size, bool put) {
+  if (!b || !(b->Flags & BITMAP_ALLOCATED) || !buffer) return RESULT_NO_BITMAP;
+  if (!inside(b, row, column)) return RESULT_BAD_AREA;
+  int32_t at;
+  const int32_t n = pixel_span(b, column, at);
+  if (size < n) return RESULT_BAD_PARAMETER;
+  BitmapLock lock(b);
+  const int32_t moved = put ? V_PutBitmapRowCol(b, buffer, static_cast<uint32_t>(row), at, n)
+                            : V_GetBitmapRowCol(b, buffer, static_cast<uint32_t>(row), at, n);
+  return moved == n ? RESULT_OK : RESULT_FAIL;
+}
+
+uint32_t nearest_index_form(BitmapHandle* b, uint32_t colour) {
+  return COLOR_PALETTE_INDEX | (V_GetNearestPaletteIndex(b, colour & 0x00FFFFFFu) & 0xFFFFu);
+}
+
+uint32_t translate(BitmapHandle* dst, BitmapHandle* src, uint32_t color) {
+  if (!dst) return color;
+  const bool dst_palette = dst->BitsPerPixel <= 8;
+
+  if (is_gray16_form(color)) {
+    if (dst->Order != ORDER_GRAY) return gray16_to_rgb(color);
+    if (!lut_in_force(dst)) return color;
+    // A table of 65536 entries is searched as 65535 (the count is kept in 16 bits there).
+    const uint32_t n = dst->GrayLutLength == 65536u ? 65535u : dst->GrayLutLength;
+    const uint32_t c = gray16_to_rgb(color);
+    const uint32_t index =
+        V_FindPaletteIndex(reinterpret_cast<const RGBQUAD*>(dst->GrayLut), n, red_of(c), green_of(c), blue_of(c));
+    return COLOR_PALETTE_INDEX | (index & 0xFFFFu);
+  }
+
+  if (is_index_form(color) && src && src->BitsPerPixel <= 8) {
+    const int32_t index = static_cast<int32_t>(color & 0xFFu);
+    RGBQUAD entry;
+    if (V_GetBitmapColors(src, index, 1, &entry) != RESULT_OK) {
+      // Black stands for an entry that cannot be read.
+      return dst_palette ? nearest_index_form(dst, 0) : 0u;
+    }
+    const uint32_t c = rgb_of(entry);
+    if (!dst_palette) return c;
+    RGBQUAD mine;
+    if (V_GetBitmapColors(dst, index, 1, &mine) == RESULT_OK && rgb_of(mine) == c) return color;
+    return nearest_index_form(dst, c);
+  }
+
+  // An RGB colour, or an index that the source cannot resolve.
+  return dst_palette ? nearest_index_form(dst, color) : color;
+}
+
+}  // namespace
+}  // namespace vk
+
+extern "C" VK_API uint32_t VK_CALL V_GetPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column) {
+  return vk::api_call([&] { return vk::get_pixel_color(bitmap, row, column); }, uint32_t{COLOR_INVALID});
+}
+
+extern "C" VK_API int32_t VK_CALL V_PutPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column, uint32_t color) {
+  return vk::api_call([&] { return vk::put_pixel_color(bitmap, row, column, color); });
+}
+
+extern "C" VK_API int32_t VK_CALL V_GetPixelData(BitmapHandle* bitmap, void* buffer, int32_t row, int32_t column,
+                                                 int32_t bufferSize) {
+  return vk::api_call([&] { return vk::pixel_data(bitmap, buffer, row, column, bufferSize, false); });
+}
+
+extern "C" VK_API int32_t VK_CALL V_PutPixelData(BitmapHandle* bitmap, const void* buffer, int32_t row, int32_t column,
+                                                 int32_t bufferSize) {
+  return vk::api_call(
+      [&] { return vk::pixel_data(bitmap, const_cast<void*>(buffer), row, column, bufferSize, true); });
+}
+
+extern "C" VK_API uint32_t VK_CALL V_TranslateBitmapColor(BitmapHandle* destination, BitmapHandle* source,
+                                                          uint32_t color) {
+  return vk::api_call([&] { return vk::translate(destination, source, color); }, color);
+}

@@ -1,0 +1,526 @@
+// colorres.cpp - colour resolution: a whole bitmap (or every bitmap of a
+// list) to another depth, with a fixed, caller's, optimised or colour-cube
+// palette, dithered or converted row by row.
+//
+// All or nothing: the work is done on a copy of the source record into a
+// temporary destination record; the caller's records change only once every
+// row is written.  A cancelled or failed run frees everything it made and
+// puts back the contents of any user match table the dithering engine wrote.
+#include <cstring>
+
+#include "core.h"
+#include "lookup.h"
+#include "optimize.h"
+#include "palette_tables.h"
+#include "platform.h"
+
+namespace vk::cres {
+namespace {
+
+constexpr uint8_t kFreeMark = 2;  // reserved byte of an entry the optimiser may fill
+
+inline bool is_free(const RGBQUAD& q) { return (q.rgbReserved & 3) == kFreeMark; }
+
+enum class Selection { optimised, fixed, cube, user, bad };
+
+// The palette selection for destinations of up to 8 bits (bits 4 and 128
+// ignored).  256 is taken as a variant of the caller's palette.
+Selection classify(uint32_t flags, int32_t bits, bool* user_table) {
+  *user_table = false;
+  switch (flags & 1023u & ~(RESOLVE_BGR | RESOLVE_GRAY)) {
+    case 0: case 2: case 8: case 10: case 512: case 514: case 520: case 522:
+      return Selection::optimised;
+    case 1:
+      return Selection::fixed;
+    case 65:
+      return bits == 8 ? Selection::cube : Selection::fixed;
+    case 16: case 256:
+      return Selection::user;
+    case 48:
+      *user_table = true;
+      return Selection::user;
+    case 64:
+      return bits == 8 ? Selection::cube : Selection::bad;
+    default:
+      return Selection::bad;
+  }
+}
+
+// Colour order of a destination above 8 bits; -1 for a bad combination.
+int32_t deep_order(uint32_t flags) {
+  switch (flags & (RESOLVE_BGR | RESOLVE_GRAY | RESOLVE_ORDER5)) {
+    case 0: return ORDER_RGB;
+    case RESOLVE_BGR: return ORDER_BGR;
+    case RESOLVE_GRAY: case RESOLVE_GRAY | RESOLVE_BGR: return ORDER_GRAY;
+    case RESOLVE_ORDER5: return ORDER_BGR_ALT;
+    default: return -1;
+  }
+}
+
+// Up to n entries of the caller's palette (array or platform handle); the
+// number actually had.
+uint32_t caller_entries(const RGBQUAD* palette, VK_HPALETTE handle, uint32_t n, RGBQUAD* out) {
+  if (n > 256) n = 256;
+  if (palette) {
+    std::memcpy(out, palette, n * sizeof(RGBQUAD));
+    return n;
+  }
+  if (handle) {
+    const int32_t got = V_GetPaletteEntries(handle, 0, static_cast<int32_t>(n), out);
+    return got > 0 ? static_cast<uint32_t>(got) : 0;
+  }
+  return 0;
+}
+
+// The layout of an optimised palette before the optimiser runs: entries the
+// optimiser fills are marked free, the others (system colours, the caller's
+// fixed entries) stay as given.
+struct Layout {
+  RGBQUAD pal[256];
+  uint32_t count = 0;  // entries of the palette
+  uint32_t free_count = 0, first_free = 0, last_free = 0;
+  bool contiguous = true;
+};
+
+void lay_out(Layout& l, uint32_t n, uint32_t flags, const RGBQUAD* palette, VK_HPALETTE handle) {
+  l.count = n;
+  for (uint32_t i = 0; i < 256; ++i) l.pal[i] = RGBQUAD{0, 0, 0, kFreeMark};
+  if (flags & RESOLVE_KEEP_SYSTEM_COLOURS) {
+    const plat::ScreenInfo screen = plat::screen_info();
+    if (screen.palette_device) {
+      uint32_t size = screen.palette_size < 256 ? screen.palette_size : 256;
+      uint32_t reserved = screen.reserved_colours < size ? screen.reserved_colours : size;
+      if (reserved > n) reserved = n;
+      // The first half of the reserved colours at the start, the rest at the end.
+      const uint32_t head = reserved / 2, tail = reserved - head;
+      for (uint32_t i = 0; i < head; ++i) l.pal[i] = screen.system_palette[i];
+      for (uint32_t i = 0; i < tail; ++i) l.pal[n - tail + i] = screen.system_palette[size - tail + i];
+    }
+  }
+  if (palette || handle) {
+    RGBQUAD given[256];
+    const uint32_t had = caller_entries(palette, handle, n, given);
+    for (uint32_t i = 0; i < had; ++i)
+      if (!is_free(given[i])) l.pal[i] = given[i];
+  }
+  l.free_count = 0;
+  bool run_ended = false;
+  l.contiguous = true;
+  for (uint32_t i = 0; i < n; ++i) {
+    if (is_free(l.pal[i])) {
+      if (l.free_count == 0) l.first_free = i;
+      if (run_ended) l.contiguous = false;
+      l.last_free = i;
+      ++l.free_count;
+    } else if (l.free_count != 0) {
+      run_ended = true;
+    }
+  }
+}
+
+// The free entries take the optimiser's colours in order; free entries left
+// over stay marked, so matching never chooses them.
+void fill_free(Layout& l, const RGBQUAD* colours, uint32_t produced) {
+  uint32_t k = 0;
+  for (uint32_t i = 0; i < l.count && k < produced; ++i)
+    if (is_free(l.pal[i])) l.pal[i] = colours[k++];
+}
+
+// Rewrites the optimiser's table (cell -> optimiser position + 1) into cell ->
+// position among the matchable entries + 1, the form the dithering engine
+// reads.  The optimiser's colours sit at first_free.. in the palette; every
+// entry before them must be matchable (reserved bits clear), otherwise the
+// table cannot be used and false is returned.
+bool adopt_table(const Layout& l, uint32_t* table) {
+  for (uint32_t i = 0; i < l.first_free; ++i)
+    if (l.pal[i].rgbReserved & 3) return false;
+  if (l.first_free != 0)
+    for (uint32_t c = 0; c < opt::kCells; ++c)
+      if (table[c]) table[c] += l.first_free;
+  return true;
+}
+
+// Decisions for a destination of up to 8 bits.
+struct Plan {
+  RGBQUAD pal[256];
+  uint32_t count = 0;
+  bool dither = true;
+  uint32_t* table = nullptr;  // match table handed to the dithering engine
+};
+
+// A snapshot of a user match table; restores the cells on failure.
+class TableGuard {
+ public:
+  int32_t take(uint32_t* table) {
+    if (!table) return RESULT_OK;
+    if (!copy_.allocate(opt::kCells)) return RESULT_FAIL;
+    std::memcpy(copy_.get(), table, opt::kCells * sizeof(uint32_t));
+    table_ = table;
+    return RESULT_OK;
+  }
+  void commit() { table_ = nullptr; }
+  ~TableGuard() {
+    if (table_) std::memcpy(table_, copy_.get(), opt::kCells * sizeof(uint32_t));
+  }
+
+ private:
+  uint32_t* table_ = nullptr;
+  Buffer<uint32_t> copy_;
+};
+
+int32_t plan_optimised(Plan& p, BitmapHandle* src, int32_t bits, uint32_t flags, const RGBQUAD* palette,
+                       VK_HPALETTE handle, uint32_t n) {
+  Layout l;
+  lay_out(l, n, flags, palette, handle);
+  p.dither = bits < src->BitsPerPixel || src->ColorCount >= l.free_count || !l.contiguous;
+  if (l.free_count != 0) {
+    RGBQUAD colours[256];
+    uint32_t produced = l.free_count;
+    int32_t needs = 1;
+    uint32_t* table = nullptr;
+    const bool want_table = l.contiguous && !(flags & RESOLVE_NO_OPTIMISER_TABLE);
+    {
+      SuspendStatus quiet;
+      VK_TRY(V_CreateOptimizedPalette(src, colours, &produced, want_table ? &table : nullptr, &needs,
+                                      (flags & RESOLVE_FEW_POPULAR) ? 1 : 0));
+    }
+    if (table && !adopt_table(l, table)) {
+      V_Free(table);
+      table = nullptr;
+    }
+    // The caller frees the optimiser's table (it is the plan's only owned one).
+    p.table = table;
+    fill_free(l, colours, produced);
+    if (needs == 0 && produced < l.free_count) {
+      // The colours are exact and some free entries are unused: drop them
+      // when they are the tail of the palette; with one free run the rows
+      // only need converting.
+      if (l.contiguous && l.last_free == n - 1) l.count = n - (l.free_count - produced);
+      if (l.contiguous) p.dither = false;
+    }
+  }
+  std::memcpy(p.pal, l.pal, sizeof p.pal);
+  p.count = l.count;
+  return RESULT_OK;
+}
+
+struct TableOwner {
+  uint32_t* table = nullptr;
+  ~TableOwner() { V_Free(table); }
+};
+
+struct RowJob {
+  BitmapHandle* src;  // working copy of the source record
+  BitmapHandle* dst;  // the destination being built
+  bool store;         // write rows into dst (it has storage)
+  int32_t bits;
+  uint32_t flags;
+  Plan* plan;
+  const uint32_t* own_table;  // the optimiser's table, if the plan uses it
+  ColorResRowCallback callback;
+  intptr_t user_data;
+};
+
+// Streams every row: read, dither or convert, hand to the callback, store.
+// Everything it starts (dithering, locks, buffers, table snapshot) is undone
+// on every way out.
+int32_t run_rows(RowJob& j) {
+  BitmapHandle& src = *j.src;
+  BitmapHandle& dst = *j.dst;
+  Plan& plan = *j.plan;
+  const int32_t bits = j.bits;
+
+  // Row buffers: the conversion works in place, so its buffer holds the larger row.
+  size_t bytes = V_CalcConvertSize(src.Width, src.BitsPerPixel, src.Width, bits);
+  if (bytes < src.BytesPerLine) bytes = src.BytesPerLine;
+  if (bytes < dst.BytesPerLine) bytes = dst.BytesPerLine;
+  Buffer<uint8_t> input(static_cast<size_t>(src.BytesPerLine) + 16, true);
+  Buffer<uint8_t> output(bytes + 16, true);
+  if (!input || !output) return RESULT_FAIL;
+
+  // The dithering engine writes resolved cells into a user match table; keep
+  // a copy so a failed run leaves the caller's table as it was.
+  TableGuard table_guard;
+  if (plan.dither && plan.table && plan.table != j.own_table) VK_TRY(table_guard.take(plan.table));
+
+  bool dithering = false;
+  ScopeExit stop([&] {
+    if (dithering) V_StopDithering(&src);
+  });
+  if (plan.dither) {
+    VK_TRY(V_StartDitheringExt(&src, plan.pal, static_cast<int32_t>(plan.count), bits, plan.table));
+    dithering = true;
+  }
+
+  BitmapLock src_lock(&src);
+  BitmapLock dst_lock(j.store ? &dst : nullptr);
+
+  RGBQUAD src_pal[256];
+  std::memset(src_pal, 0, sizeof src_pal);
+  const RGBQUAD* convert_from = nullptr;
+  uint32_t convert_flags = 0;
+  if (!plan.dither) {
+    if (src.Order == ORDER_GRAY) {
+      if (src.GrayLut && (src.Flags & BITMAP_GRAY_FLAG)) convert_from = reinterpret_cast<const RGBQUAD*>(src.GrayLut);
+      convert_flags |= CONVERT_SRC_GRAY | CONVERT_SRC_BITRANGE;
+    } else if (src.BitsPerPixel <= 8) {
+      if (src.ColorCount != 0)
+        V_GetBitmapPaletteEntries(&src, 0, static_cast<int32_t>(src.ColorCount < 256 ? src.ColorCount : 256), src_pal);
+      convert_from = src_pal;
+    }
+    if (j.flags & RESOLVE_GRAY) convert_flags |= CONVERT_DST_GRAY;
+  }
+  V_CopyPlaybackParms(&dst, &src);
+
+  Progress progress(src.Height);
+  VK_TRY(progress.start());
+  for (int32_t y = 0; y < src.Height; ++y) {
+    const uint32_t row = static_cast<uint32_t>(y);
+    if (plan.dither) {
+      const int32_t got = V_GetBitmapRow(&src, input.get(), row, static_cast<int32_t>(src.BytesPerLine));
+      if (got < 0) return got;
+      VK_TRY(V_DitherLine(&src, input.get(), output.get()));
+    } else {
+      const int32_t got = V_GetBitmapRow(&src, output.get(), row, static_cast<int32_t>(src.BytesPerLine));
+      if (got < 0) return got;
+      if (src.Width > 0)
+        VK_TRY(V_ConvertBufferExt(output.get(), src.Width, src.BitsPerPixel, bits, src.Order, dst.Order, convert_from,
+                                  bits <= 8 ? plan.pal : nullptr, convert_flags, src.LowBit, src.HighBit));
+    }
+    if (j.callback) VK_TRY(j.callback(&dst, output.get(), 1, j.user_data));
+    if (j.store) {
+      const int32_t put = V_PutBitmapRow(&dst, output.get(), row, static_cast<int32_t>(dst.BytesPerLine));
+      if (put < 0) return put;
+    }
+    VK_TRY(progress.step());
+  }
+  table_guard.commit();
+  return RESULT_OK;
+}
+
+int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, uint32_t flags,
+                const RGBQUAD* palette, VK_HPALETTE handle, int32_t colors, ColorResRowCallback callback,
+                intptr_t user_data) {
+  if (!allocated(source)) return RESULT_BAD_PARAMETER;
+  if (palette && handle) return RESULT_BAD_PARAMETER;
+  if (!valid_bitmap_depth(bits)) return RESULT_BAD_PARAMETER;
+  if (colors < 0) return RESULT_BAD_PARAMETER;
+  uint32_t n = static_cast<uint32_t>(colors);
+  bool user_table = false;
+  Selection sel = Selection::bad;
+  int32_t order = ORDER_RGB;
+  if (bits <= 8) {
+    const uint32_t most = 1u << bits;
+    if (n == 0 || n > most) n = most;
+    sel = classify(flags, bits, &user_table);
+    if (sel == Selection::bad) return RESULT_BAD_PARAMETER;
+    if (sel == Selection::user && !palette && !handle) return RESULT_BAD_PARAMETER;
+  } else {
+    order = deep_order(flags);
+    if (order < 0) return RESULT_BAD_PARAMETER;
+    if ((flags & 1023u & ~(RESOLVE_BGR | RESOLVE_GRAY)) == RESOLVE_CUBE) return RESULT_BAD_PARAMETER;
+  }
+
+  // Work on a copy of the caller's record; it is written back only on success.
+  BitmapHandle src;
+  std::memcpy(&src, source, sizeof src);
+
+  TempBitmap dst;
+  VK_TRY(V_InitBitmap(dst.get(), src.Width, src.Height, bits));
+  dst->ViewPerspective = src.ViewPerspective;
+  dst->XResolution = src.XResolution;
+  dst->YResolution = src.YResolution;
+
+  Plan plan;
+  TableOwner optimiser_table;
+  if (bits > 8) {
+    plan.dither = false;
+    dst->Order = order;
+    if (order == ORDER_GRAY) VK_TRY(V_InitGrayParams(dst.get()));
+  } else {
+    switch (sel) {
+      case Selection::fixed:
+        plan.count = 1u << bits;
+        VK_TRY(V_GetFixedPalette(plan.pal, bits));
+        break;
+      case Selection::cube:
+        plan.count = 256;
+        std::memcpy(plan.pal, color_cube(), 256 * sizeof(RGBQUAD));
+        break;
+      case Selection::user:
+        plan.count = caller_entries(palette, handle, n, plan.pal);
+        if (plan.count == 0) return RESULT_BAD_PARAMETER;
+        if (user_table) plan.table = current_user_match_table();
+        break;
+      default:
+        VK_TRY(plan_optimised(plan, &src, bits, flags, palette, handle, n));
+        optimiser_table.table = plan.table;
+        break;
+    }
+    if (sel != Selection::optimised) plan.dither = true;
+    dst->Palette = V_CreatePalette(plan.pal, static_cast<int32_t>(plan.count));
+    if (!dst->Palette) return RESULT_FAIL;
+    dst->Flags &= ~PALETTE_IS_TABLE;
+    dst->ColorCount = plan.count;
+  }
+
+  if (destination) {
+    int32_t type = TYPE_CONVENTIONAL;
+    if (V_GetDefaultMemoryType(&type) != RESULT_OK) type = TYPE_CONVENTIONAL;
+    VK_TRY(V_AllocateBitmap(dst.get(), type));
+  }
+
+  RowJob job{&src, dst.get(), destination != nullptr, bits, flags, &plan, optimiser_table.table, callback, user_data};
+  VK_TRY(run_rows(job));
+
+  // Success: commit.
+  if (!destination) return RESULT_OK;  // the temporary bitmap goes with `dst`
+  const BitmapHandle made = dst.release();
+  if (destination == source) V_FreeBitmap(&src);
+  std::memcpy(destination, &made, sizeof made);
+  return RESULT_OK;
+}
+
+// ---- lists -------------------------------------------------------------------------
+
+struct ListAdapter {
+  ColorResListRowCallback callback;
+  intptr_t user_data;
+  uint32_t item;
+  int32_t row;
+};
+
+int32_t VK_CALL list_row(BitmapHandle* destination, uint8_t* row, int32_t lines, intptr_t user_data) {
+  auto* a = reinterpret_cast<ListAdapter*>(user_data);
+  const int32_t r = a->callback(destination, row, a->item, a->row, lines, a->user_data);
+  a->row += lines;
+  return r;
+}
+
+// Installs a table as the thread's user match table for the guard's life,
+// then reinstates the previous one and frees the installed table.
+class InstalledTable {
+ public:
+  explicit InstalledTable(uint32_t* table) : table_(table) {
+    if (table_) saved_ = V_SetUserMatchTable(table_);
+  }
+  ~InstalledTable() {
+    if (!table_) return;
+    V_SetUserMatchTable(saved_);
+    V_Free(table_);
+  }
+  InstalledTable(const InstalledTable&) = delete;
+  InstalledTable& operator=(const InstalledTable&) = delete;
+
+ private:
+  uint32_t* table_;
+  uint32_t* saved_ = nullptr;
+};
+
+int32_t resolve_list(BitmapList list, int32_t bits, uint32_t flags, RGBQUAD* palette, VK_HPALETTE handle,
+                     int32_t colors, ColorResListRowCallback callback, intptr_t user_data) {
+  if (palette && handle) return RESULT_BAD_PARAMETER;
+  uint32_t items = 0;
+  VK_TRY(V_GetBitmapListCount(list, &items));
+  if (!valid_bitmap_depth(bits) || colors < 0) return RESULT_BAD_PARAMETER;
+  uint32_t n = static_cast<uint32_t>(colors);
+  if (bits <= 8) {
+    const uint32_t most = 1u << bits;
+    if (n == 0 || n > most) n = most;
+    flags &= ~RESOLVE_GRAY;
+  }
+
+  RGBQUAD common[256];
+  const RGBQUAD* item_palette = palette;
+  VK_HPALETTE item_handle = handle;
+  uint32_t* shared = nullptr;
+  int32_t item_colors = colors;
+  const uint32_t sel = flags & 1023u & ~(RESOLVE_BGR | RESOLVE_GRAY);
+
+  if (bits <= 8 && (sel == 0 || sel == 2 || sel == 8 || sel == 10)) {
+    // One palette for the whole list.
+    Layout l;
+    lay_out(l, n, flags, palette, handle);
+    uint32_t* table = nullptr;
+    if (l.free_count != 0) {
+      RGBQUAD colours[256];
+      uint32_t produced = l.free_count;
+      int32_t needs = 1;
+      {
+        SuspendStatus quiet;
+        VK_TRY(V_CreateBitmapListOptPal(list, colours, &produced, l.contiguous ? &table : nullptr, &needs,
+                                        (flags & RESOLVE_FEW_POPULAR) ? 1 : 0));
+      }
+      fill_free(l, colours, produced);
+      if (needs == 0 && produced < l.free_count && l.contiguous && l.last_free == n - 1)
+        l.count = n - (l.free_count - produced);
+      if (table && !adopt_table(l, table)) {
+        V_Free(table);
+        table = nullptr;
+      }
+    }
+    if (!table) {
+      table = static_cast<uint32_t*>(V_Calloc(opt::kCells, sizeof(uint32_t)));
+      if (!table) return RESULT_FAIL;
+    }
+    shared = table;
+    if (palette) {
+      // The caller's free entries receive the chosen colours as well.
+      for (uint32_t i = 0; i < n && i < l.count; ++i)
+        if (is_free(palette[i])) palette[i] = l.pal[i];
+    }
+    std::memcpy(common, l.pal, sizeof common);
+    item_palette = common;
+    item_handle = nullptr;
+    item_colors = static_cast<int32_t>(l.count);
+    flags = (flags & ~0x3CFu) | RESOLVE_USER_PALETTE | RESOLVE_USER_TABLE;
+  } else if (bits <= 8 && (sel == 16 || sel == 256)) {
+    shared = static_cast<uint32_t*>(V_Calloc(opt::kCells, sizeof(uint32_t)));
+    if (!shared) return RESULT_FAIL;
+    flags = (flags & ~256u) | RESOLVE_USER_PALETTE | RESOLVE_USER_TABLE;
+  }
+
+  // The shared table serves every item; the thread's own table comes back at the end.
+  InstalledTable installed(shared);
+
+  for (uint32_t i = 0; i < items; ++i) {
+    BitmapHandle item;
+    VK_TRY(V_GetBitmapListItem(list, i, &item));
+    ListAdapter adapter{callback, user_data, i, 0};
+    VK_TRY(resolve(&item, &item, bits, flags, item_palette, item_handle, item_colors, callback ? list_row : nullptr,
+                   reinterpret_cast<intptr_t>(&adapter)));
+    VK_TRY(V_SetBitmapListItem(list, i, &item));
+  }
+  return RESULT_OK;
+}
+
+}  // namespace
+}  // namespace vk::cres
+
+extern "C" {
+
+VK_API int32_t VK_CALL V_ColorResBitmap(BitmapHandle* source, BitmapHandle* destination, int32_t bitsPerPixel,
+                                        uint32_t flags, const RGBQUAD* palette, VK_HPALETTE paletteHandle,
+                                        int32_t colors, ColorResRowCallback rowCallback, intptr_t userData) {
+  return vk::api_call([&]() -> int32_t {
+    return vk::cres::resolve(source, destination, bitsPerPixel, flags, palette, paletteHandle, colors, rowCallback,
+                             userData);
+  });
+}
+
+VK_API int32_t VK_CALL V_ColorResBitmapListExt(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
+                                               RGBQUAD* palette, VK_HPALETTE paletteHandle, int32_t colors,
+                                               ColorResListRowCallback rowCallback, intptr_t userData) {
+  return vk::api_call([&]() -> int32_t {
+    return vk::cres::resolve_list(list, bitsPerPixel, flags, palette, paletteHandle, colors, rowCallback, userData);
+  });
+}
+
+VK_API int32_t VK_CALL V_ColorResBitmapList(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
+                                            RGBQUAD* palette, VK_HPALETTE paletteHandle, int32_t colors) {
+  return vk::api_call([&]() -> int32_t {
+    return vk::cres::resolve_list(list, bitsPerPixel, flags, palette, paletteHandle, colors, nullptr, 0);
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,739 @@
+// dither.cpp - the dithering engine: rows of any source depth to rows of
+// 1- to 8-bit palette indices, by nearest colour, by one of six error-
+// diffusion kernels or by one of two ordered threshold matrices.
+//
+// Speed: the per-row work is a single left-to-right pass.  The row function
+// is picked once at start from (source class, method, match mode) and every
+// combination is its own template instance, so the pixel loop contains no
+// switch and no indirect call; only the first lookup of an unresolved
+// 5-5-5 cell leaves the loop (cold path).
+//
+// Error diffusion keeps integer numerators (weight * error) in the error
+// rows and divides once per channel per pixel, truncating toward zero.
+#include "dither.h"
+
+#include <climits>
+#include <cstring>
+
+#include "core.h"
+#include "lookup.h"
+#include "palette_tables.h"
+
+namespace vk {
+namespace {
+
+constexpr uint32_t kMatchCells = 32768;
+
+// Threshold matrices, row = line & 7, column = x & 7.  The first is used as
+// listed: 232 occurs twice and 252 never.
+constexpr uint8_t kOrderedMatrix[64] = {
+    0,   128, 32,  160, 8,   136, 40,  168,  //
+    192, 64,  224, 96,  200, 72,  232, 104,  //
+    48,  176, 16,  144, 56,  184, 24,  152,  //
+    236, 112, 208, 80,  244, 120, 216, 88,   //
+    12,  140, 44,  172, 4,   132, 36,  164,  //
+    204, 76,  232, 108, 196, 68,  228, 100,  //
+    60,  188, 28,  156, 52,  180, 20,  148,  //
+    248, 124, 220, 92,  240, 116, 212, 84,
+};
+constexpr uint8_t kClusteredMatrix[64] = {
+    112, 40,  72,  104, 144, 176, 208, 136,  //
+    88,  8,   16,  48,  192, 232, 240, 168,  //
+    56,  24,  0,   80,  160, 224, 248, 200,  //
+    96,  64,  32,  120, 128, 216, 184, 152,  //
+    148, 180, 212, 140, 116, 44,  76,  108,  //
+    196, 236, 244, 172, 92,  12,  20,  52,   //
+    164, 228, 252, 204, 60,  28,  4,   84,   //
+    132, 220, 188, 156, 100, 68,  36,  124,
+};
+
+inline int clamp255(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+inline uint32_t le16(const uint8_t* p) { return uint32_t(p[0]) | (uint32_t(p[1]) << 8); }
+inline int expand5(uint32_t f) { return int((f << 3) | (f >> 2)); }
+
+// ---- error-diffusion kernels ---------------------------------------------------
+// F: farthest same-line column reached (x + F); it is also the margin.
+// R: later lines reached.  D: divisor.  same[k]: weight for x + k on this line.
+// w[r][d + 3]: weight for column x + d on line y + 1 + r.
+
+struct KernelFloydSteinberg {
+  static constexpr int F = 1, R = 1, D = 16;
+  static constexpr int same[4] = {0, 7, 0, 0};
+  static constexpr int w[3][7] = {{0, 0, 3, 5, 1, 0, 0}, {}, {}};
+};
+struct KernelStucki {
+  static constexpr int F = 2, R = 2, D = 42;
+  static constexpr int same[4] = {0, 8, 4, 0};
+  static constexpr int w[3][7] = {{0, 2, 4, 8, 4, 2, 0}, {0, 1, 2, 4, 2, 1, 0}, {}};
+};
+struct KernelBurkes {
+  static constexpr int F = 2, R = 1, D = 32;
+  static constexpr int same[4] = {0, 8, 4, 0};
+  static constexpr int w[3][7] = {{0, 2, 4, 8, 4, 2, 0}, {}, {}};
+};
+struct KernelSierra {
+  static constexpr int F = 2, R = 2, D = 32;
+  static constexpr int same[4] = {0, 5, 3, 0};
+  static constexpr int w[3][7] = {{0, 2, 4, 5, 4, 2, 0}, {0, 0, 2, 3, 2, 0, 0}, {}};
+};
+struct KernelStevensonArce {
+  static constexpr int F = 3, R = 3, D = 200;
+  static constexpr int same[4] = {0, 0, 32, 0};
+  static constexpr int w[3][7] = {{12, 0, 26, 0, 30, 0, 16}, {0, 12, 0, 26, 0, 12, 0}, {5, 0, 12, 0, 12, 0, 5}};
+};
+struct KernelJarvis {
+  static constexpr int F = 2, R = 2, D = 48;
+  static constexpr int same[4] = {0, 7, 5, 0};
+  static constexpr int w[3][7] = {{0, 3, 5, 7, 5, 3, 0}, {0, 1, 3, 5, 3, 1, 0}, {}};
+};
+
+struct MethodShape {
+  int rows, margin;
+};
+// Error rows and margin by method 0..8.
+constexpr MethodShape kMethodShape[9] = {{0, 0}, {1, 1}, {2, 2}, {1, 2}, {2, 2}, {3, 3}, {2, 2}, {0, 0}, {0, 0}};
+
+// ---- source readers: sequential, one pixel per next() ---------------------------
+
+struct SrcPal8 {
+  const uint8_t* p;
+  const RGBQUAD* pal;
+  SrcPal8(const DitherContext& c, uint8_t* in) : p(in), pal(c.SourcePalette) {}
+  void next(int& r, int& g, int& b) {
+    const RGBQUAD& q = pal[*p++];
+    r = q.rgbRed;
+    g = q.rgbGreen;
+    b = q.rgbBlue;
+  }
+};
+
+// 1-7 bits: a continuous big-endian bit stream; a byte is loaded only when the
+// next pixel needs it, so the row is never read past its last pixel.
+struct SrcPalBits {
+  const uint8_t* p;
+  const RGBQUAD* pal;
+  uint32_t acc = 0, avail = 0, bits, mask;
+  SrcPalBits(const DitherContext& c, uint8_t* in)
+      : p(in), pal(c.SourcePalette), bits(uint32_t(c.SourceBits)), mask((1u << c.SourceBits) - 1u) {}
+  void next(int& r, int& g, int& b) {
+    if (avail < bits) {
+      acc = (acc << 8) | *p++;
+      avail += 8;
+    }
+    avail -= bits;
+    const RGBQUAD& q = pal[(acc >> avail) & mask];
+    r = q.rgbRed;
+    g = q.rgbGreen;
+    b = q.rgbBlue;
+  }
+};
+
+// 12- and 16-bit gray samples, through the lookup table or the 0-255 scale.
+template <int Bits, bool Lut>
+struct SrcGray {
+  const uint8_t* p;
+  uint32_t shift, mask;
+  const uint32_t* lut;
+  uint32_t lut_max;
+  const uint8_t* scale;
+  bool odd = false;
+  SrcGray(const DitherContext& c, uint8_t* in)
+      : p(in), shift(c.GrayShift), mask(c.GrayMask), lut(c.GrayLut), lut_max(c.GrayLutLength - 1u),
+        scale(c.GrayScale) {}
+  void next(int& r, int& g, int& b) {
+    uint32_t s;
+    if constexpr (Bits == 12) {
+      if (!odd) {
+        s = le16(p) & 0xFFFu;
+      } else {
+        s = le16(p + 1) >> 4;
+        p += 3;
+      }
+      odd = !odd;
+    } else {
+      s = le16(p);
+      p += 2;
+    }
+    uint32_t v = (s >> shift) & mask;
+    if constexpr (Lut) {
+      if (v > lut_max) v = lut_max;  // the table is the caller's: never index past it
+      const uint8_t* q = reinterpret_cast<const uint8_t*>(lut + v);
+      b = q[0];
+      g = q[1];
+      r = q[2];
+    } else {
+      r = g = b = scale[v];
+    }
+  }
+};
+
+struct Src555 {
+  const uint8_t* p;
+  uint32_t rs, bs;
+  Src555(const DitherContext& c, uint8_t* in) : p(in), rs(uint32_t(c.RedShift)), bs(uint32_t(c.BlueShift)) {}
+  void next(int& r, int& g, int& b) {
+    const uint32_t v = le16(p);
+    p += 2;
+    r = expand5((v >> rs) & 31u);
+    g = expand5((v >> 5) & 31u);
+    b = expand5((v >> bs) & 31u);
+  }
+};
+
+// 24/32 bits (channel bytes) and 48/64 bits (high bytes of little-endian
+// 16-bit channels): one byte per channel at fixed offsets within the pixel.
+struct SrcBytes {
+  const uint8_t* p;
+  size_t stride, ro, go, bo;
+  SrcBytes(const DitherContext& c, uint8_t* in)
+      : p(in), stride(size_t(c.Stride)), ro(size_t(c.RedOffset)), go(size_t(c.GreenOffset)),
+        bo(size_t(c.BlueOffset)) {}
+  void next(int& r, int& g, int& b) {
+    r = p[ro];
+    g = p[go];
+    b = p[bo];
+    p += stride;
+  }
+};
+
+// 24/48 bits in the second colour space: each pixel is converted in place,
+// inside the caller's row, to 24-bit BGR and then read.
+struct SrcOrder5 {
+  uint8_t* p;
+  size_t stride;
+  int32_t bits;
+  SrcOrder5(const DitherContext& c, uint8_t* in) : p(in), stride(size_t(c.Stride)), bits(c.SourceBits) {}
+  void next(int& r, int& g, int& b) {
+    V_ConvertBuffer(p, 1, bits, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
+    b = p[0];
+    g = p[1];
+    r = p[2];
+    p += stride;
+  }
+};
+
+// ---- output: indices packed most significant bits first -------------------------------
+
+struct Packer {
+  uint8_t* p;
+  uint32_t bits, mask, acc = 0, n = 0;
+  Packer(uint8_t* out, uint32_t outputBits)
+      : p(out), bits(outputBits >= 1 && outputBits <= 8 ? outputBits : 0u), mask((1u << bits) - 1u) {}
+  void put(uint32_t index) {
+    acc = (acc << bits) | (index & mask);
+    n += bits;
+    if (n >= 8) {
+      n -= 8;
+      *p++ = uint8_t(acc >> n);
+    }
+  }
+  // The last partial byte keeps its other (low) bits.
+  void finish() {
+    if (n) {
+      const uint8_t keep = uint8_t(0xFFu >> n);
+      *p = uint8_t(((acc << (8 - n)) & ~uint32_t(keep)) | (*p & keep));
+    }
+  }
+};
+
+// ---- matching ---------------------------------------------------------------------------
+
+// Cold path: search the matchable entries with the cell's corner colour and
+// remember the answer in the cell.
+[[gnu::noinline]] uint32_t resolve_cell(DitherContext& c, uint32_t cell) {
+  const int32_t r = int32_t((cell >> 10) & 31u) << 3;
+  const int32_t g = int32_t((cell >> 5) & 31u) << 3;
+  const int32_t b = int32_t(cell & 31u) << 3;
+  const uint32_t pos = find_palette_index(reinterpret_cast<const RGBQUAD*>(c.MatchList), c.MatchListCount, r, g, b);
+  const uint32_t value = (pos < c.MatchListCount ? uint32_t(c.MatchList[pos].index) : 0u) + 1u;
+  c.MatchTable[cell] = value;
+  return value;
+}
+
+struct MatchTable {
+  static constexpr bool compare = false;
+  static uint32_t get(DitherContext& c, int r, int g, int b) {
+    const uint32_t cell = (uint32_t(r) >> 3) << 10 | (uint32_t(g) >> 3) << 5 | (uint32_t(b) >> 3);
+    uint32_t v = c.MatchTable[cell];
+    if (v == 0) [[unlikely]]
+      v = resolve_cell(c, cell);
+    return (v - 1u) & 255u;  // a caller's table may hold anything: stay inside the palette arrays
+  }
+};
+// Modes 2 and 3: (2R + 5G + B + 4) >> 10 resp. ((...) >> 3) >> 6.
+struct MatchGray {
+  static constexpr bool compare = false;
+  static uint32_t get(DitherContext& c, int r, int g, int b) {
+    return uint32_t(2 * r + 5 * g + b + 4) >> c.GrayMatchShift;
+  }
+};
+// Modes 4, 6, 7, 8, 9: channel bit fields.
+struct MatchPack {
+  static constexpr bool compare = false;
+  static uint32_t get(DitherContext& c, int r, int g, int b) {
+    const int32_t* s = c.PackShift;
+    return (uint32_t(r) >> s[0]) << s[1] | (uint32_t(g) >> s[2]) << s[3] | (uint32_t(b) >> s[4]);
+  }
+};
+// Mode 5: half (0-7) or, for any non-black, full (9-15) intensity.
+struct Match16 {
+  static constexpr bool compare = false;
+  static uint32_t get(DitherContext&, int r, int g, int b) {
+    const uint32_t n = (uint32_t(b) >> 7) << 2 | (uint32_t(g) >> 7) << 1 | (uint32_t(r) >> 7);
+    return n | (n ? 8u : 0u);
+  }
+};
+struct MatchCube {
+  static constexpr bool compare = false;
+  static uint32_t get(DitherContext&, int r, int g, int b) {
+    return uint32_t((r / 51 * 6 + g / 51) * 6 + b / 51);
+  }
+};
+// Ordered methods, mode 2: threshold the gray level against the matrix.
+struct MatchCompare2 {
+  static constexpr bool compare = true;
+  static uint32_t cmp(int r, int g, int b, int m) { return m < ((2 * r + 5 * g + b + 4) >> 3) ? 1u : 0u; }
+};
+// Ordered methods, mode 5: threshold each channel against the matrix.
+struct MatchCompare16 {
+  static constexpr bool compare = true;
+  static uint32_t cmp(int r, int g, int b, int m) {
+    const uint32_t n = uint32_t(m < b) << 2 | uint32_t(m < g) << 1 | uint32_t(m < r);
+    return n | (n ? 8u : 0u);
+  }
+};
+
+// ---- row functions -------------------------------------------------------------------------
+
+template <class Src, class M>
+void row_plain(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
+  if (width < 1) return;
+  Src src(c, in);
+  Packer pk(out, c.OutputBits);
+  for (int32_t x = 0; x < width; ++x) {
+    int r, g, b;
+    src.next(r, g, b);
+    pk.put(M::get(c, r, g, b));
+  }
+  pk.finish();
+}
+
+template <class Src, class M>
+void row_ordered(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
+  const uint8_t* mrow = c.Matrix + (c.RowCounter & 7u) * 8u;
+  ++c.RowCounter;
+  if (width < 1) return;
+  Src src(c, in);
+  Packer pk(out, c.OutputBits);
+  if constexpr (M::compare) {
+    for (int32_t x = 0; x < width; ++x) {
+      int r, g, b;
+      src.next(r, g, b);
+      pk.put(M::cmp(r, g, b, mrow[x & 7]));
+    }
+  } else {
+    int off[8];
+    for (int k = 0; k < 8; ++k) off[k] = dither_ordered_offset(c.MatchMode, c.OutputBits, mrow[k]);
+    for (int32_t x = 0; x < width; ++x) {
+      int r, g, b;
+      src.next(r, g, b);
+      const int o = off[x & 7];
+      pk.put(M::get(c, clamp255(r + o), clamp255(g + o), clamp255(b + o)));
+    }
+  }
+  pk.finish();
+}
+
+// Row rotation is done column by column: when a column's value for the
+// current line is taken into the carry, the later lines' values move up one
+// row in that same column.  Columns 0 .. F-1 rotate at line start, column
+// x + F when pixel x is reached, so every column left of x + F already
+// describes the next line while columns right of it still hold this line.
+template <class Src, class K, class M>
+void row_diffuse(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
+  constexpr int F = K::F, R = K::R, D = K::D;
+  int32_t* rows[3][3] = {};
+  int32_t car[3][F];  // numerators of columns x .. x + F - 1 on this line
+  const int32_t margin = c.Margin;
+  for (int ch = 0; ch < 3; ++ch) {
+    for (int r = 0; r < R; ++r) {
+      rows[ch][r] = c.ErrorRows[ch * 3 + r] + margin;
+      // Left-margin slots are written every line and never read; clearing
+      // them keeps the accumulation from overflowing on very tall images.
+      for (int k = 1; k <= margin; ++k) rows[ch][r][-k] = 0;
+    }
+    for (int k = 0; k < F; ++k) {
+      car[ch][k] = rows[ch][0][k];
+      if constexpr (R == 1) {
+        rows[ch][0][k] = 0;
+      } else if constexpr (R == 2) {
+        rows[ch][0][k] = rows[ch][1][k];
+        rows[ch][1][k] = 0;
+      } else {
+        rows[ch][0][k] = rows[ch][1][k];
+        rows[ch][1][k] = rows[ch][2][k];
+        rows[ch][2][k] = 0;
+      }
+    }
+  }
+  if (width < 1) return;
+
+  Src src(c, in);
+  Packer pk(out, c.OutputBits);
+  const RGBQUAD* pal = c.DestPalette;
+  for (int32_t x = 0; x < width; ++x) {
+    int v[3];
+    src.next(v[0], v[1], v[2]);
+    for (int ch = 0; ch < 3; ++ch) v[ch] = clamp255(v[ch] + car[ch][0] / D);  // truncates toward zero
+    const uint32_t index = M::get(c, v[0], v[1], v[2]);
+    pk.put(index);
+    const RGBQUAD& q = pal[index];
+    const int e3[3] = {v[0] - q.rgbRed, v[1] - q.rgbGreen, v[2] - q.rgbBlue};
+
+    for (int ch = 0; ch < 3; ++ch) {
+      const int e = e3[ch];
+      int32_t* r0 = rows[ch][0] + x;
+      int32_t* r1 = R >= 2 ? rows[ch][1] + x : nullptr;
+      int32_t* r2 = R >= 3 ? rows[ch][2] + x : nullptr;
+      for (int k = 0; k + 1 < F; ++k) car[ch][k] = car[ch][k + 1];
+      car[ch][F - 1] = r0[F];
+      for (int k = 1; k <= F; ++k)
+        if (K::same[k]) car[ch][k - 1] += K::same[k] * e;
+      if constexpr (R == 1) {
+        r0[F] = K::w[0][F + 3] * e;
+      } else if constexpr (R == 2) {
+        r0[F] = r1[F] + K::w[0][F + 3] * e;
+        r1[F] = K::w[1][F + 3] * e;
+      } else {
+        r0[F] = r1[F] + K::w[0][F + 3] * e;
+        r1[F] = r2[F] + K::w[1][F + 3] * e;
+        r2[F] = K::w[2][F + 3] * e;
+      }
+      for (int d = -3; d < F; ++d) {
+        if (K::w[0][d + 3]) r0[d] += K::w[0][d + 3] * e;
+        if constexpr (R >= 2)
+          if (K::w[1][d + 3]) r1[d] += K::w[1][d + 3] * e;
+        if constexpr (R >= 3)
+          if (K::w[2][d + 3]) r2[d] += K::w[2][d + 3] * e;
+      }
+    }
+  }
+  pk.finish();
+}
+
+// ---- picking the row function (once, at start) ---------------------------------------------
+
+template <class Src>
+struct Plain {
+  template <class M>
+  static DitherRowFn get() { return &row_plain<Src, M>; }
+};
+template <class Src, class K>
+struct Diffuse {
+  template <class M>
+  static DitherRowFn get() { return &row_diffuse<Src, K, M>; }
+};
+
+template <class Rowf>
+DitherRowFn by_mode(int32_t mode) {
+  switch (mode) {
+    case MATCH_OWN_TABLE:
+    case MATCH_USER_TABLE: return Rowf::template get<MatchTable>();
+    case MATCH_FIXED_2:
+    case MATCH_FIXED_4: return Rowf::template get<MatchGray>();
+    case MATCH_FIXED_16: return Rowf::template get<Match16>();
+    case MATCH_FIXED_CUBE: return Rowf::template get<MatchCube>();
+    default: return Rowf::template get<MatchPack>();
+  }
+}
+
+template <class Src>
+DitherRowFn by_mode_ordered(int32_t mode) {
+  switch (mode) {
+    case MATCH_OWN_TABLE:
+    case MATCH_USER_TABLE: return &row_ordered<Src, MatchTable>;
+    case MATCH_FIXED_2: return &row_ordered<Src, MatchCompare2>;
+    case MATCH_FIXED_4: return &row_ordered<Src, MatchGray>;
+    case MATCH_FIXED_16: return &row_ordered<Src, MatchCompare16>;
+    case MATCH_FIXED_CUBE: return &row_ordered<Src, MatchCube>;
+    default: return &row_ordered<Src, MatchPack>;
+  }
+}
+
+template <class Src>
+DitherRowFn by_method(int32_t method, int32_t mode) {
+  switch (method) {
+    case DITHER_FLOYD_STEINBERG: return by_mode<Diffuse<Src, KernelFloydSteinberg>>(mode);
+    case DITHER_STUCKI: return by_mode<Diffuse<Src, KernelStucki>>(mode);
+    case DITHER_BURKES: return by_mode<Diffuse<Src, KernelBurkes>>(mode);
+    case DITHER_SIERRA: return by_mode<Diffuse<Src, KernelSierra>>(mode);
+    case DITHER_STEVENSON_ARCE: return by_mode<Diffuse<Src, KernelStevensonArce>>(mode);
+    case DITHER_JARVIS: return by_mode<Diffuse<Src, KernelJarvis>>(mode);
+    case DITHER_ORDERED:
+    case DITHER_CLUSTERED: return by_mode_ordered<Src>(mode);
+    default: return by_mode<Plain<Src>>(mode);
+  }
+}
+
+// How source pixels are read, settled from depth and order at start.
+enum class SrcClass { pal8, pal_bits, gray12, gray12_lut, gray16, gray16_lut, rgb555, bytes, order5 };
+
+DitherRowFn pick_row(SrcClass s, int32_t method, int32_t mode) {
+  switch (s) {
+    case SrcClass::pal8: return by_method<SrcPal8>(method, mode);
+    case SrcClass::pal_bits: return by_method<SrcPalBits>(method, mode);
+    case SrcClass::gray12: return by_method<SrcGray<12, false>>(method, mode);
+    case SrcClass::gray12_lut: return by_method<SrcGray<12, true>>(method, mode);
+    case SrcClass::gray16: return by_method<SrcGray<16, false>>(method, mode);
+    case SrcClass::gray16_lut: return by_method<SrcGray<16, true>>(method, mode);
+    case SrcClass::rgb555: return by_method<Src555>(method, mode);
+    case SrcClass::bytes: return by_method<SrcBytes>(method, mode);
+    case SrcClass::order5: return by_method<SrcOrder5>(method, mode);
+  }
+  return nullptr;
+}
+
+// ---- start ---------------------------------------------------------------------------------
+
+// Smallest b of 1..8 with colors <= 2^b.
+int32_t bits_for_colors(int32_t colors) {
+  int32_t b = 1;
+  while (b < 8 && colors > (1 << b)) ++b;
+  return b;
+}
+
+// Gray sample bit range: keep the top `count` bits (at most maxBits) of the
+// range low .. high.  Ranges that describe no bits read as 0 (mask 0).
+void gray_range(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit, DitherContext& c) {
+  const int64_t low = lowBit > 0 ? lowBit : 0;
+  const int64_t high = highBit >= 0 ? highBit : int64_t(bits) - 1;
+  int64_t count = high - low + 1;
+  if (count > maxBits) count = maxBits;
+  const int64_t shift = high - count + 1;
+  if (count <= 0) {
+    c.GrayBits = c.GrayMask = c.GrayShift = 0;
+    return;
+  }
+  c.GrayBits = uint32_t(count);
+  c.GrayMask = (1u << count) - 1u;
+  c.GrayShift = uint32_t(shift < 0 ? 0 : (shift > 31 ? 31 : shift));
+}
+
+const uint32_t kBlackLutEntry = 0;
+
+int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors, int32_t outputBits,
+                        uint32_t* userTable) {
+  if (!bm) return RESULT_BAD_PARAMETER;
+  const int32_t bits = bm->BitsPerPixel;
+  if (!valid_bitmap_depth(bits) || colors < 1 || colors > 256) return RESULT_BAD_PARAMETER;
+  const int32_t method = bm->DitheringMethod;
+  if (uint32_t(method) > 8u) return RESULT_BAD_PARAMETER;
+
+  // Destination palette and match mode.
+  const int32_t classBits = bits_for_colors(colors);
+  const RGBQUAD* fixed = fixed_palette(classBits);
+  const size_t palBytes = size_t(colors) * sizeof(RGBQUAD);
+  int32_t mode;
+  const RGBQUAD* pal = palette;
+  if (userTable) {
+    mode = MATCH_USER_TABLE;
+    if (!pal) pal = fixed;
+  } else if (!pal) {
+    pal = fixed;
+    mode = classBits + 1;
+  } else if (fixed && std::memcmp(pal, fixed, palBytes) == 0) {
+    mode = classBits + 1;  // a prefix of the fixed palette counts as the fixed palette
+  } else if (classBits == 8 && std::memcmp(pal, color_cube(), palBytes) == 0) {
+    mode = MATCH_FIXED_CUBE;
+  } else {
+    mode = MATCH_OWN_TABLE;
+  }
+  if (!pal) return RESULT_FAIL;
+
+  // One block: context, error rows, own match table.
+  const MethodShape shape = kMethodShape[method];
+  const uint64_t width = bm->Width > 0 ? uint64_t(bm->Width) : 0u;
+  const uint64_t rowLength = width + 2u * uint64_t(shape.margin);
+  const uint64_t head = (uint64_t(sizeof(DitherContext)) + 15u) & ~uint64_t(15);
+  const uint64_t rowsBytes = 3u * uint64_t(shape.rows) * rowLength * sizeof(int32_t);
+  const uint64_t tableBytes = mode == MATCH_OWN_TABLE ? uint64_t(kMatchCells) * sizeof(uint32_t) : 0u;
+  const uint64_t total = head + tableBytes + rowsBytes;
+  if (rowLength > UINT32_MAX || total > uint64_t(SIZE_MAX)) return RESULT_FAIL;
+  void* block = V_Calloc(1, size_t(total));
+  if (!block) return RESULT_FAIL;
+  ScopeExit release([&] { V_Free(block); });
+
+  auto* c = static_cast<DitherContext*>(block);
+  uint8_t* base = static_cast<uint8_t*>(block);
+  c->BlockSize = size_t(total);
+  c->ColorCount = uint32_t(colors);
+  c->SourceBits = bits;
+  c->Method = method;
+  c->MatchMode = mode;
+  c->OutputBits = uint32_t(outputBits);
+  c->ErrorRowCount = shape.rows;
+  c->ErrorRowLength = uint32_t(rowLength);
+  c->Width = int32_t(width);
+  c->Margin = shape.margin;
+  c->Matrix = method == DITHER_CLUSTERED ? kClusteredMatrix : kOrderedMatrix;
+  if (mode == MATCH_OWN_TABLE) c->MatchTable = reinterpret_cast<uint32_t*>(base + head);
+  if (mode == MATCH_USER_TABLE) c->MatchTable = userTable;
+  int32_t* rowMem = reinterpret_cast<int32_t*>(base + head + tableBytes);
+  for (int ch = 0; ch < 3; ++ch)
+    for (int r = 0; r < shape.rows; ++r) c->ErrorRows[ch * 3 + r] = rowMem + (ch * shape.rows + r) * rowLength;
+
+  std::memcpy(c->DestPalette, pal, palBytes);
+
+  // Entries flagged in bits 0-1 of the reserved byte are never chosen by
+  // table matching.  When every entry is flagged there would be nothing to
+  // match against, so the whole palette is used instead (flags ignored).
+  if (mode == MATCH_OWN_TABLE || mode == MATCH_USER_TABLE) {
+    uint32_t n = 0;
+    for (int32_t i = 0; i < colors; ++i)
+      if ((pal[i].rgbReserved & 3u) == 0)
+        c->MatchList[n++] = {pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, uint8_t(i)};
+    if (n == 0)
+      for (int32_t i = 0; i < colors; ++i)
+        c->MatchList[n++] = {pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, uint8_t(i)};
+    c->MatchListCount = n;
+  }
+  if (mode == MATCH_FIXED_2 || mode == MATCH_FIXED_4) c->GrayMatchShift = mode == MATCH_FIXED_2 ? 10 : 9;
+  static constexpr int32_t kPack[11][5] = {{}, {}, {}, {}, {7, 2, 7, 1, 7}, {}, {6, 3, 6, 1, 7},
+                                           {6, 4, 6, 2, 6}, {6, 5, 5, 2, 6}, {5, 5, 5, 2, 6}, {}};
+  std::memcpy(c->PackShift, kPack[mode], sizeof c->PackShift);
+
+  // Source layout.
+  const int32_t order = bm->Order;
+  SrcClass src = SrcClass::bytes;
+  if (bits <= 8) {
+    src = bits == 8 ? SrcClass::pal8 : SrcClass::pal_bits;
+    const uint32_t count = bm->ColorCount < 256u ? bm->ColorCount : 256u;
+    if (count > 0 && bm->Palette &&
+        V_GetBitmapPaletteEntries(bm, 0, int32_t(count), c->SourcePalette) <= 0)
+      return RESULT_FAIL;
+  } else if (bits == 12 || (bits == 16 && order == ORDER_GRAY)) {
+    // 12-bit rows are gray whatever their Order says, so their bit range is
+    // always worked out; a range left empty would read every sample as 0.
+    const bool lut = bm->GrayLut && (bm->Flags & BITMAP_GRAY_FLAG);
+    gray_range(bits, lut ? bits : 8, bm->LowBit, bm->HighBit, *c);
+    if (lut) {
+      c->GrayLut = bm->GrayLut;
+      c->GrayLutLength = bm->GrayLutLength;
+      if (c->GrayLutLength == 0) {  // an empty table reads as black
+        c->GrayLut = &kBlackLutEntry;
+        c->GrayLutLength = 1;
+      }
+    } else {
+      for (uint32_t v = 0; v <= c->GrayMask && v < 256u; ++v)
+        c->GrayScale[v] = uint8_t(c->GrayMask < 255u ? v * 255u / c->GrayMask : v);
+    }
+    if (bits == 12) src = lut ? SrcClass::gray12_lut : SrcClass::gray12;
+    else src = lut ? SrcClass::gray16_lut : SrcClass::gray16;
+  } else if (bits == 16) {
+    src = SrcClass::rgb555;
+    c->RedShift = order == ORDER_BGR ? 10 : 0;
+    c->BlueShift = order == ORDER_BGR ? 0 : 10;
+  } else {
+    const bool bgr = order == ORDER_BGR;
+    const bool wide = bits >= 48;  // 16-bit channels: read their high bytes
+    c->Stride = bits / 8;
+    if ((bits == 24 || bits == 48) && order != ORDER_RGB && order != ORDER_BGR) {
+      src = SrcClass::order5;
+    } else {
+      const int32_t step = wide ? 2 : 1, hi = wide ? 1 : 0;
+      c->RedOffset = (bgr ? 2 : 0) * step + hi;
+      c->GreenOffset = step + hi;
+      c->BlueOffset = (bgr ? 0 : 2) * step + hi;
+    }
+  }
+  if (order == ORDER_GRAY && bits != 12 && bits != 16) gray_range(bits, 8, bm->LowBit, bm->HighBit, *c);
+
+  c->Row = pick_row(src, method, mode);
+  if (!c->Row) return RESULT_FAIL;
+
+  // Pre-seed: exact palette colours resolve without a search; the first
+  // entry that falls in a cell wins.  A caller's table is seeded in place,
+  // so this comes after everything that can fail.
+  if (c->MatchTable) {
+    for (uint32_t k = 0; k < c->MatchListCount; ++k) {
+      const DitherMatchEntry& e = c->MatchList[k];
+      const uint32_t cell = uint32_t(e.red >> 3) << 10 | uint32_t(e.green >> 3) << 5 | uint32_t(e.blue >> 3);
+      if (c->MatchTable[cell] == 0) c->MatchTable[cell] = uint32_t(e.index) + 1u;
+    }
+  }
+
+  release.dismiss();
+  bm->DitherState = c;
+  return RESULT_OK;
+}
+
+}  // namespace
+
+int32_t dither_ordered_offset(int32_t mode, uint32_t outputBits, int32_t m) {
+  switch (mode) {
+    case MATCH_OWN_TABLE:
+    case MATCH_USER_TABLE:
+      switch (outputBits) {
+        case 1: return m - 128;
+        case 2: return (m >> 1) - 64;
+        case 3: return m / 3 - 42;
+        case 4: return (m >> 2) - 32;
+        case 5: return m / 5 - 25;
+        case 6: return m / 6 - 21;
+        case 7: return m / 7 - 18;
+        case 8: return (m >> 3) - 16;
+        default: return 0;
+      }
+    case MATCH_FIXED_4: return (m >> 1) - 64;
+    case MATCH_FIXED_8: return m / 3 - 42;
+    case MATCH_FIXED_32: return m / 5 - 25;
+    case MATCH_FIXED_64: return m / 6 - 21;
+    case MATCH_FIXED_128: return m / 7 - 18;
+    case MATCH_FIXED_256: return (m >> 3) - 16;
+    case MATCH_FIXED_CUBE: return m / 6 - 21;
+    default: return 0;  // modes 2 and 5 threshold against the matrix instead
+  }
+}
+
+}  // namespace vk
+
+using namespace vk;
+
+extern "C" {
+
+VK_API int32_t VK_CALL V_StartDitheringExt(BitmapHandle* bitmap, const RGBQUAD* palette, int32_t colors,
+                                           int32_t outputBits, uint32_t* userMatchTable) {
+  return api_call([&] { return start_dithering(bitmap, palette, colors, outputBits, userMatchTable); });
+}
+
+VK_API int32_t VK_CALL V_StartDithering(BitmapHandle* bitmap, const RGBQUAD* palette, int32_t colors) {
+  return api_call([&]() -> int32_t {
+    if (!bitmap || colors < 1 || colors > 256) return RESULT_BAD_PARAMETER;
+    return start_dithering(bitmap, palette, colors, bits_for_colors(colors), nullptr);
+  });
+}
+
+VK_API int32_t VK_CALL V_DitherLine(BitmapHandle* bitmap, uint8_t* inputRow, uint8_t* outputRow) {
+  return api_call([&]() -> int32_t {
+    if (!bitmap || !bitmap->DitherState || !inputRow || !outputRow) return RESULT_BAD_PARAMETER;
+    DitherContext& c = *static_cast<DitherContext*>(bitmap->DitherState);
+    // The error rows were sized for the width at start; never run past it.
+    const int32_t width = bitmap->Width < c.Width ? bitmap->Width : c.Width;
+    c.Row(c, inputRow, outputRow, width);
+    return RESULT_OK;
+  });
+}
+
+VK_API int32_t VK_CALL V_StopDithering(BitmapHandle* bitmap) {
+  return api_call([&]() -> int32_t {
+    if (!bitmap) return RESULT_BAD_PARAMETER;
+    if (!bitmap->DitherState) return RESULT_OK;
+    // Context, error rows and an own match table are one block; a caller's
+    // table is not ours to free.
+    V_Free(bitmap->DitherState);
+    bitmap->DitherState = nullptr;
+    return RESULT_OK;
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,413 @@
+// Palettes in both forms, gray and fixed palettes, bitmap palette operations
+// and the palette rules of V_CreateBitmap.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "color_helpers.h"
+#include "fault.h"
+#include "platform.h"
+#include "vkkrn.h"
+
+using vkt::quad;
+
+namespace {
+
+class Palette : public vkt::LeakCheck {};
+
+std::vector<RGBQUAD> entries_of(VK_HPALETTE p) {
+  std::vector<RGBQUAD> v(256);
+  const int32_t n = V_GetPaletteEntries(p, 0, 256, v.data());
+  v.resize(n > 0 ? static_cast<size_t>(n) : 0u);
+  return v;
+}
+
+std::vector<RGBQUAD> bitmap_entries(BitmapHandle* b) {
+  std::vector<RGBQUAD> v(256);
+  const int32_t n = V_GetBitmapPaletteEntries(b, 0, 256, v.data());
+  v.resize(n > 0 ? static_cast<size_t>(n) : 0u);
+  return v;
+}
+
+void expect_entries(const std::vector<RGBQUAD>& got, const std::vector<RGBQUAD>& want, bool reserved = true) {
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t i = 0; i < want.size(); ++i) {
+    EXPECT_TRUE(vkt::same_rgb(got[i], want[i])) << "entry " << i;
+    if (reserved) EXPECT_EQ(got[i].rgbReserved, want[i].rgbReserved) << "entry " << i;
+  }
+}
+
+// An allocated 8x4 bitmap of `bits` with the given palette in the asked form.
+void make_bitmap(BitmapHandle* b, int32_t bits, const std::vector<RGBQUAD>& pal, bool table) {
+  ASSERT_EQ(V_CreateBitmap(b, TYPE_CONVENTIONAL, 8, 4, bits, 0, pal.empty() ? nullptr : pal.data(), 2, nullptr, 0),
+            RESULT_OK);
+  ASSERT_EQ(V_SetPaletteType(b, table ? 1 : 0), RESULT_OK);
+  ASSERT_EQ((b->Flags & PALETTE_IS_TABLE) != 0, table);
+}
+
+TEST_F(Palette, CreateValidatesAndKeepsReservedAsFlags) {
+  std::vector<RGBQUAD> pal = vkt::random_palette(256, 7);
+  pal[3].rgbReserved = 2;
+  EXPECT_EQ(V_CreatePalette(nullptr, 4), nullptr);
+  EXPECT_EQ(V_CreatePalette(pal.data(), 257), nullptr);
+  EXPECT_EQ(V_CreatePalette(pal.data(), -1), nullptr);
+  EXPECT_EQ(V_GetPaletteSize(nullptr), 0);
+
+  VK_HPALETTE p = V_CreatePalette(pal.data(), 256);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(V_GetPaletteSize(p), 256);
+  expect_entries(entries_of(p), pal);
+  EXPECT_EQ(V_GetPaletteEntries(p, 0, 4, nullptr), 0);
+
+  const RGBQUAD two[2] = {quad(1, 2, 3, 1), quad(4, 5, 6, 0)};
+  EXPECT_EQ(V_SetPaletteEntries(p, 10, 2, nullptr), 0);
+  EXPECT_EQ(V_SetPaletteEntries(p, 10, 2, two), 2);
+  RGBQUAD back[2];
+  EXPECT_EQ(V_GetPaletteEntries(p, 10, 2, back), 2);
+  EXPECT_TRUE(vkt::same_rgb(back[0], two[0]) && back[0].rgbReserved == 1);
+  EXPECT_TRUE(vkt::same_rgb(back[1], two[1]));
+
+  VK_HPALETTE d = V_DupPalette(p);
+  ASSERT_NE(d, nullptr);
+  EXPECT_NE(d, p);
+  expect_entries(entries_of(d), entries_of(p));
+  EXPECT_EQ(V_DupPalette(nullptr), nullptr);
+  vk::plat::palette_delete(d);
+  vk::plat::palette_delete(p);
+}
+
+TEST_F(Palette, GrayAndFixedPalettes) {
+  struct Case {
+    int bits;
+    std::vector<RGBQUAD> want;
+  };
+  const std::vector<Case> gray = {
+      {1, {quad(0, 0, 0), quad(255, 255, 255)}},
+      {2, {quad(0, 0, 0), quad(85, 85, 85), quad(170, 170, 170), quad(255, 255, 255)}},
+      {4, vkt::gray_ramp(16)},
+      {0, vkt::gray_ramp(256)},
+      {8, vkt::gray_ramp(256)},
+  };
+  for (const Case& c : gray) {
+    VK_HPALETTE p = V_CreateGrayPalette(c.bits);
+    ASSERT_NE(p, nullptr) << c.bits;
+    expect_entries(entries_of(p), c.want);
+    vk::plat::palette_delete(p);
+  }
+  EXPECT_EQ(V_CreateGrayPalette(9), nullptr);
+  EXPECT_EQ(V_CreateGrayPalette(-1), nullptr);
+
+  // Fixed: 0 is black and white here, unlike V_GetFixedPalette.
+  VK_HPALETTE bw = V_CreateFixedPalette(0);
+  ASSERT_NE(bw, nullptr);
+  expect_entries(entries_of(bw), {quad(0, 0, 0), quad(255, 255, 255)});
+  vk::plat::palette_delete(bw);
+  for (int bits = 1; bits <= 8; ++bits) {
+    VK_HPALETTE p = V_CreateFixedPalette(bits);
+    ASSERT_NE(p, nullptr);
+    const RGBQUAD* t = V_IntGetFixedPalette(bits);
+    expect_entries(entries_of(p), std::vector<RGBQUAD>(t, t + (1 << bits)));
+    vk::plat::palette_delete(p);
+  }
+  EXPECT_EQ(V_CreateFixedPalette(9), nullptr);
+  EXPECT_EQ(V_CreateFixedPalette(-2), nullptr);
+}
+
+TEST_F(Palette, SystemPaletteOnlyOnPaletteDevices) {
+  vk::plat::ScreenInfo screen{};
+  screen.palette_device = false;
+  screen.palette_size = 256;
+  vk::plat::override_screen_info(&screen);
+  EXPECT_EQ(V_CreateSystemPalette(), nullptr);
+
+  screen.palette_device = true;
+  screen.palette_size = 20;
+  for (int i = 0; i < 20; ++i) screen.system_palette[i] = quad(i, 2 * i, 3 * i);
+  vk::plat::override_screen_info(&screen);
+  VK_HPALETTE p = V_CreateSystemPalette();
+  vk::plat::override_screen_info(nullptr);
+  ASSERT_NE(p, nullptr);
+  expect_entries(entries_of(p), std::vector<RGBQUAD>(screen.system_palette, screen.system_palette + 20), false);
+  vk::plat::palette_delete(p);
+}
+
+// The bitmap operations behave alike in both forms.
+class BitmapPalette : public vkt::LeakCheck, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(BitmapPalette, ReadWriteAndErrors) {
+  const bool table = GetParam();
+  const std::vector<RGBQUAD> pal = vkt::random_palette(256, 11);
+  BitmapHandle b;
+  make_bitmap(&b, 8, pal, table);
+  expect_entries(bitmap_entries(&b), pal);
+
+  RGBQUAD out[16];
+  EXPECT_EQ(V_GetBitmapPaletteEntries(&b, 250, 10, out), 6);
+  EXPECT_EQ(V_GetBitmapPaletteEntries(&b, 256, 1, out), 0);
+  EXPECT_EQ(V_GetBitmapPaletteEntries(&b, 0, 1, nullptr), 0);
+
+  EXPECT_EQ(V_GetBitmapColors(nullptr, 0, 1, out), RESULT_NO_BITMAP);
+  EXPECT_EQ(V_GetBitmapColors(&b, 0, 0, out), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_GetBitmapColors(&b, 250, 10, out), RESULT_BAD_PARAMETER);  // only 6 there
+  EXPECT_EQ(V_GetBitmapColors(&b, 5, 2, out), RESULT_OK);
+  EXPECT_TRUE(vkt::same_rgb(out[0], pal[5]) && vkt::same_rgb(out[1], pal[6]));
+
+  const RGBQUAD put[3] = {quad(1, 1, 1, 3), quad(2, 2, 2), quad(3, 3, 3)};
+  EXPECT_EQ(V_PutBitmapColors(&b, -1, 3, put), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_PutBitmapColors(&b, 254, 3, put), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_PutBitmapColors(&b, 10, 3, put), RESULT_OK);
+  EXPECT_EQ((b.Flags & PALETTE_IS_TABLE) != 0, table);
+  std::vector<RGBQUAD> want = pal;
+  std::copy(put, put + 3, want.begin() + 10);
+  expect_entries(bitmap_entries(&b), want);
+
+  EXPECT_EQ(V_CompareBitmapToPalette(&b, want.data(), 256), 1);
+  want[200].rgbReserved ^= 0xFF;  // reserved bytes are not compared
+  EXPECT_EQ(V_CompareBitmapToPalette(&b, want.data(), 256), 1);
+  want[200].rgbGreen ^= 1;
+  EXPECT_EQ(V_CompareBitmapToPalette(&b, want.data(), 256), 0);
+  EXPECT_EQ(V_CompareBitmapToPalette(&b, want.data(), 200), 1);  // only the first 200 compared
+  EXPECT_EQ(V_CompareBitmapToPalette(nullptr, want.data(), 4), 0);
+
+  // The nearest index does not depend on the form.
+  const std::vector<RGBQUAD> now = bitmap_entries(&b);
+  VK_HPALETTE ref = V_CreatePalette(now.data(), 256);
+  for (uint32_t c : {0x000000u, 0xFFFFFFu, 0x123456u, 0x80FF20u})
+    EXPECT_EQ(V_GetNearestPaletteIndex(&b, c), vk::plat::palette_nearest(ref, c)) << c;
+  vk::plat::palette_delete(ref);
+  EXPECT_EQ(V_GetNearestPaletteIndex(nullptr, 0), 0u);
+
+  V_FreeBitmap(&b);
+  EXPECT_EQ(V_PutBitmapColors(&b, 0, 1, put), RESULT_NO_BITMAP);
+}
+
+TEST_P(BitmapPalette, GrayFixedDupAndCopy) {
+  const bool table = GetParam();
+  BitmapHandle b;
+  make_bitmap(&b, 4, vkt::random_palette(16, 3), table);
+
+  EXPECT_EQ(V_CreateBitmapGrayPalette(nullptr), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_CreateBitmapGrayPalette(&b), RESULT_OK);
+  EXPECT_EQ(b.ColorCount, 16u);
+  expect_entries(bitmap_entries(&b), vkt::gray_ramp(16));
+
+  // A count that names no fixed palette changes nothing.
+  void* before = b.Palette;
+  b.ColorCount = 3;
+  EXPECT_EQ(V_CreateBitmapFixedPalette(&b), 0);
+  EXPECT_EQ(b.Palette, before);
+  b.ColorCount = 16;
+
+  // Duplicates are platform palettes whatever the form.
+  VK_HPALETTE dup = V_DupBitmapPalette(&b);
+  ASSERT_NE(dup, nullptr);
+  expect_entries(entries_of(dup), vkt::gray_ramp(16));
+  vk::plat::palette_delete(dup);
+
+  BitmapHandle c;
+  ASSERT_EQ(V_CreateBitmap(&c, TYPE_CONVENTIONAL, 4, 4, 24, 1, nullptr, 2, nullptr, 0), RESULT_OK);
+  EXPECT_EQ(V_CopyBitmapPalette(nullptr, &b), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_CopyBitmapPalette(&c, &b), 1);
+  EXPECT_EQ((c.Flags & PALETTE_IS_TABLE) != 0, table);
+  EXPECT_EQ(c.ColorCount, 16u);
+  EXPECT_NE(c.Palette, b.Palette);
+  expect_entries(bitmap_entries(&c), vkt::gray_ramp(16));
+  V_FreeBitmap(&c);
+
+  // A source without palette empties the destination's palette fields.
+  BitmapHandle none;
+  ASSERT_EQ(V_InitBitmap(&none, 4, 4, 24), RESULT_OK);
+  BitmapHandle d = b;
+  EXPECT_EQ(V_CopyBitmapPalette(&d, &none), RESULT_OK);
+  EXPECT_EQ(d.Palette, nullptr);
+  EXPECT_EQ(d.ColorCount, 0u);
+  V_FreeBitmap(&b);
+}
+
+TEST_P(BitmapPalette, SetBitmapPaletteTakesACopy) {
+  const bool table = GetParam();
+  BitmapHandle b;
+  make_bitmap(&b, 8, {}, table);
+  const RGBQUAD one = quad(9, 9, 9);
+  VK_HPALETTE tiny = V_CreatePalette(&one, 1);
+  void* before = b.Palette;
+  EXPECT_EQ(V_SetBitmapPalette(&b, tiny), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_SetBitmapPalette(&b, nullptr), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_SetBitmapPalette(nullptr, tiny), RESULT_NO_BITMAP);
+  EXPECT_EQ(b.Palette, before);
+  vk::plat::palette_delete(tiny);
+
+  const std::vector<RGBQUAD> pal = vkt::random_palette(16, 5);
+  VK_HPALETTE mine = V_CreatePalette(pal.data(), 16);
+  EXPECT_EQ(V_SetBitmapPalette(&b, mine), RESULT_OK);
+  EXPECT_EQ(b.Flags & PALETTE_IS_TABLE, 0u);
+  EXPECT_EQ(b.ColorCount, 16u);
+  EXPECT_NE(b.Palette, mine);
+  expect_entries(bitmap_entries(&b), pal);
+  expect_entries(entries_of(mine), pal);  // the caller's palette is still alive
+  vk::plat::palette_delete(mine);
+  V_FreeBitmap(&b);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, BitmapPalette, ::testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "Table" : "Platform"; });
+
+TEST_F(Palette, BitmapPaletteCreateAndTypeSwitch) {
+  BitmapHandle b;
+  ASSERT_EQ(V_InitBitmap(&b, 4, 4, 8), RESULT_OK);
+  const std::vector<RGBQUAD> pal = vkt::random_palette(300, 1);
+  b.Flags |= PALETTE_IS_TABLE;
+  V_CreateBitmapPalette(&b, pal.data(), 300);  // too many: no palette, count kept
+  EXPECT_EQ(b.Palette, nullptr);
+  EXPECT_EQ(b.ColorCount, 300u);
+  V_CreateBitmapPalette(&b, pal.data(), 16);
+  ASSERT_NE(b.Palette, nullptr);
+  EXPECT_EQ(b.ColorCount, 16u);
+  expect_entries(bitmap_entries(&b), std::vector<RGBQUAD>(pal.begin(), pal.begin() + 16));
+
+  EXPECT_EQ(V_SetPaletteType(&b, 0), RESULT_NO_BITMAP);  // no storage
+  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
+  void* table = b.Palette;
+  EXPECT_EQ(V_SetPaletteType(&b, 5), RESULT_OK);  // already a table
+  EXPECT_EQ(b.Palette, table);
+  EXPECT_EQ(V_SetPaletteType(&b, 0), RESULT_OK);
+  EXPECT_EQ(b.Flags & PALETTE_IS_TABLE, 0u);
+  EXPECT_EQ(V_SetPaletteType(&b, 1), RESULT_OK);
+  EXPECT_NE(b.Flags & PALETTE_IS_TABLE, 0u);
+  EXPECT_EQ(b.ColorCount, 16u);
+  expect_entries(bitmap_entries(&b), std::vector<RGBQUAD>(pal.begin(), pal.begin() + 16));
+  V_FreeBitmap(&b);
+}
+
+// Palette changes that allocate leave the bitmap as it was when they fail.
+TEST_F(Palette, FaultSweepLeavesBitmapIntact) {
+  const std::vector<RGBQUAD> pal = vkt::random_palette(256, 2);
+  const RGBQUAD put[2] = {quad(1, 2, 3), quad(4, 5, 6)};
+  for (bool table : {false, true}) {
+    BitmapHandle b;
+    make_bitmap(&b, 8, pal, table);
+    struct Op {
+      const char* name;
+      int32_t (*run)(BitmapHandle*, const RGBQUAD*);
+    };
+    const Op ops[] = {
+        {"put", [](BitmapHandle* x, const RGBQUAD* e) { return V_PutBitmapColors(x, 7, 2, e); }},
+        {"type", [](BitmapHandle* x, const RGBQUAD*) {
+           return V_SetPaletteType(x, (x->Flags & PALETTE_IS_TABLE) ? 0 : 1);
+         }},
+        {"gray", [](BitmapHandle* x, const RGBQUAD*) { return V_CreateBitmapGrayPalette(x); }},
+    };
+    for (const Op& op : ops) {
+      for (long n = 1; n < 50; ++n) {
+        const BitmapHandle before = b;
+        const std::vector<RGBQUAD> entries = bitmap_entries(&b);
+        const long live = vk::fault::live_total();
+        vk::fault::arm(n);
+        const int32_t r = op.run(&b, put);
+        const bool fired = vk::fault::fired();
+        vk::fault::disarm();
+        if (r != RESULT_OK) {
+          EXPECT_EQ(r, RESULT_FAIL) << op.name << " n=" << n;
+          EXPECT_TRUE(vkt::same_record(before, b)) << op.name << " n=" << n;
+          expect_entries(bitmap_entries(&b), entries);
+          EXPECT_EQ(vk::fault::live_total(), live) << op.name << " n=" << n;
+        }
+        if (!fired) break;
+      }
+    }
+    V_FreeBitmap(&b);
+  }
+}
+
+// ---- V_CreateBitmap palette rules -----------------------------------------------------
+
+TEST_F(Palette, CreateBitmapPaletteRules) {
+  BitmapHandle b;
+  // Depth 0: 8-bit pixels with the 256-entry gray ramp.
+  ASSERT_EQ(V_CreateBitmap(&b, TYPE_CONVENTIONAL, 5, 3, 0, 0, nullptr, 4, nullptr, 0), RESULT_OK);
+  EXPECT_EQ(b.BitsPerPixel, 8);
+  EXPECT_EQ(b.ColorCount, 256u);
+  EXPECT_EQ(b.Flags & PALETTE_IS_TABLE, 0u);
+  EXPECT_EQ(b.ViewPerspective, 4);
+  expect_entries(bitmap_entries(&b), vkt::gray_ramp(256));
+  V_FreeBitmap(&b);
+
+  // No palette: the fixed palette of the depth.
+  for (int bits = 1; bits <= 8; ++bits) {
+    ASSERT_EQ(V_CreateBitmap(&b, TYPE_CONVENTIONAL, 5, 3, bits, 0, nullptr, 2, nullptr, 0), RESULT_OK);
+    const RGBQUAD* fixed = V_IntGetFixedPalette(bits);
+    expect_entries(bitmap_entries(&b), std::vector<RGBQUAD>(fixed, fixed + (1 << bits)));
+    V_FreeBitmap(&b);
+  }
+
+  // A given palette: ColorCount entries of it.
+  const std::vector<RGBQUAD> pal = vkt::random_palette(256, 9);
+  ASSERT_EQ(V_CreateBitmap(&b, TYPE_CONVENTIONAL, 5, 3, 4, 0, pal.data(), 2, nullptr, 0), RESULT_OK);
+  expect_entries(bitmap_entries(&b), std::vector<RGBQUAD>(pal.begin(), pal.begin() + 16));
+  V_FreeBitmap(&b);
+
+  // Deeper pixels take the order and get no palette.
+  ASSERT_EQ(V_CreateBitmap(&b, TYPE_CONVENTIONAL, 5, 3, 24, 0, pal.data(), 2, nullptr, 0), RESULT_OK);
+  EXPECT_EQ(b.Order, 0);
+  EXPECT_EQ(b.Palette, nullptr);
+  V_FreeBitmap(&b);
+  ASSERT_EQ(V_CreateBitmap(&b, TYPE_CONVENTIONAL, 5, 3, 48, 5, nullptr, 2, nullptr, 0), RESULT_OK);
+  EXPECT_EQ(b.Order, 5);
+  V_FreeBitmap(&b);
+}
+
+TEST_F(Palette, CreateBitmapRefusals) {
+  BitmapHandle b;
+  EXPECT_EQ(V_CreateBitmap(nullptr, 1, 4, 4, 8, 0, nullptr, 2, nullptr, 0), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_CreateBitmap(&b, 1, 4, 4, 10, 0, nullptr, 2, nullptr, 0), RESULT_BAD_BITS_PER_PIXEL);
+  // Order 5 only for 24 and 48 bits, refused before any storage.
+  for (int bits : {0, 8, 16, 32, 64}) {
+    const long live = vk::fault::live_total();
+    EXPECT_EQ(V_CreateBitmap(&b, 1, 4, 4, bits, 5, nullptr, 2, nullptr, 0), RESULT_BAD_BITS_PER_PIXEL) << bits;
+    EXPECT_EQ(b.Flags & BITMAP_ALLOCATED, 0u);
+    EXPECT_EQ(vk::fault::live_total(), live);
+  }
+  EXPECT_EQ(V_CreateBitmap(&b, 3, 4, 4, 8, 0, nullptr, 2, nullptr, 0), RESULT_BAD_PARAMETER);
+}
+
+TEST_F(Palette, CreateBitmapUserData) {
+  BitmapHandle b;
+  std::vector<uint8_t> pixels(4 * 12, 0x5A);
+  ASSERT_EQ(V_CreateBitmap(&b, TYPE_USER, 4, 4, 24, 1, nullptr, 2, pixels.data(), 48), RESULT_OK);
+  EXPECT_EQ(b.Data, pixels.data());
+  EXPECT_NE(b.Flags & BITMAP_USER_DATA, 0u);
+  V_FreeBitmap(&b);
+
+  // A wrong size is refused, but the storage stays, without data.
+  EXPECT_EQ(V_CreateBitmap(&b, TYPE_USER, 4, 4, 24, 1, nullptr, 2, pixels.data(), 47), RESULT_BAD_PARAMETER);
+  EXPECT_NE(b.Flags & BITMAP_ALLOCATED, 0u);
+  EXPECT_EQ(b.Data, nullptr);
+  V_FreeBitmap(&b);
+
+  // Data is only looked at for user memory.
+  ASSERT_EQ(V_CreateBitmap(&b, TYPE_CONVENTIONAL, 4, 4, 24, 1, nullptr, 2, pixels.data(), 1), RESULT_OK);
+  EXPECT_NE(b.Data, pixels.data());
+  V_FreeBitmap(&b);
+}
+
+TEST_F(Palette, CreateBitmapFaultSweep) {
+  for (long n = 1; n < 64; ++n) {
+    BitmapHandle b;
+    const long live = vk::fault::live_total();
+    vk::fault::arm(n);
+    const int32_t r = V_CreateBitmap(&b, TYPE_CONVENTIONAL, 16, 16, 8, 0, nullptr, 2, nullptr, 0);
+    const bool fired = vk::fault::fired();
+    vk::fault::disarm();
+    if (r == RESULT_OK) {
+      EXPECT_NE(b.Palette, nullptr);
+      V_FreeBitmap(&b);
+    } else {
+      EXPECT_EQ(b.Flags & BITMAP_ALLOCATED, 0u) << n;
+    }
+    EXPECT_EQ(vk::fault::live_total(), live) << n;
+    if (!fired) break;
+  }
+}
+
+}  // namespace
