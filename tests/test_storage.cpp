@@ -731,3 +731,31 @@ TEST_F(Storage, FailedTileAttemptIsRetriedWithHalvedTiles) {
 }
 
 }  // namespace
+
+namespace {
+
+using namespace vkt;
+
+// A rebuild into tiles given only a tile count splits the rows evenly.
+TEST_F(Storage, RebuildIntoTilesFromATileCount) {
+  BitmapHandle b = init(10, 10, 32);  // 40 bytes a row
+  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
+  fill(&b, 14);
+  ASSERT_EQ(V_SetMemoryThresholds(0, 0, 40, 0, 0, THRESHOLD_TILE_SIZE), RESULT_OK);
+  ASSERT_EQ(V_SetBitmapMemoryInfo(&b, TYPE_TILED, 0, 4, 1, 2, 1,
+                                  MEMINFO_TYPE | MEMINFO_TOTAL_TILES | MEMINFO_MEMORY_TILES | MEMINFO_MAX_MAPPED |
+                                      MEMINFO_MAPPED),
+            RESULT_OK);
+  const TileInfo i = tile_info(&b);
+  EXPECT_EQ(i.type, TYPE_TILED);
+  EXPECT_EQ(i.tile_size, 120u);  // 3 rows: 3 + 3 + 3 + 1
+  EXPECT_EQ(i.total, 4u);
+  EXPECT_EQ(i.memory, 1u);
+  EXPECT_EQ(i.max_mapped, 2u);
+  EXPECT_EQ(i.mapped, 1u);
+  EXPECT_EQ(files_in(dir_), 3u);
+  EXPECT_TRUE(holds_pattern(&b, 14));
+  V_FreeBitmap(&b);
+}
+
+}  // namespace
