@@ -461,6 +461,15 @@ TEST_F(CliProgram, PixelsGrayAndColourCount) {
     ASSERT_EQ(0, r.status) << r.err;
     EXPECT_NE(std::string::npos, r.out.find(": 6 colours")) << r.out;
   }
+  if (available("--optimised-palette")) {
+    r = run({path("a.png"), "--optimised-palette", "16"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("6 colours, exactly")) << r.out;
+    EXPECT_NE(std::string::npos, r.out.find("#1e140a")) << r.out;
+    r = run({path("a.png"), "--optimised-palette", "2"});
+    ASSERT_EQ(0, r.status) << r.err;
+    EXPECT_NE(std::string::npos, r.out.find("2 colours, approximating")) << r.out;
+  }
   if (available("--gray")) {
     r = run({path("a.png"), "--gray", "8", path("g.png")});
     ASSERT_EQ(0, r.status) << r.err;

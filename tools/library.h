@@ -19,6 +19,7 @@
   X(V_ConvertBuffer)               \
   X(V_CreateBitmap)                \
   X(V_CreateBitmapList)            \
+  X(V_CreateOptimizedPalette)      \
   X(V_DestroyBitmapList)           \
   X(V_FreeBitmap)                  \
   X(V_GetBitmapColorCountExt)      \

@@ -335,6 +335,21 @@ void op_decompress(Context& ctx, const std::string&) {
   check_result(V_ChangeBitmapCompression(&need_bitmap(ctx, "--decompress"), 0), "--decompress");
 }
 
+// Prints the palette of up to N colours the optimiser picks for the image.
+void op_optimised_palette(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--optimised-palette");
+  const long n = parse_long(arg, "--optimised-palette", 1, 256);
+  std::vector<RGBQUAD> pal(256);
+  uint32_t colors = static_cast<uint32_t>(n);
+  int32_t needs_dither = 1;
+  check_result(V_CreateOptimizedPalette(&bm, pal.data(), &colors, nullptr, &needs_dither, 0),
+               "--optimised-palette " + arg);
+  *ctx.out << ctx.name << ": " << colors << " colours, "
+           << (needs_dither ? "approximating the image" : "exactly the image's colours") << "\n";
+  for (uint32_t i = 0; i < colors && i < pal.size(); ++i)
+    *ctx.out << "  " << i << ": " << format_colour(VK_RGB(pal[i].rgbRed, pal[i].rgbGreen, pal[i].rgbBlue)) << "\n";
+}
+
 // Moves the pixels into storage of another memory type (tiles, disk, ...).
 void op_storage(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--storage");
@@ -361,6 +376,7 @@ bool have_put_pixel() { return core_ok() && have(V_PutPixelColor); }
 bool have_reduce() { return core_ok() && have(V_ColorResBitmap); }
 bool have_count() { return core_ok() && have(V_GetBitmapColorCountExt); }
 bool have_compress() { return core_ok() && have(V_ChangeBitmapCompression); }
+bool have_optimiser() { return core_ok() && have(V_CreateOptimizedPalette); }
 bool have_storage() { return core_ok() && have(V_SetBitmapMemoryInfo); }
 bool have_height() { return core_ok() && have(V_ChangeBitmapHeight); }
 
@@ -398,6 +414,8 @@ const std::vector<OpInfo>& operations() {
        have_reduce, op_reduce, "V_ColorResBitmap"},
       {"--count-colors", nullptr, "print the number of distinct colours", have_count, op_count_colors,
        "V_GetBitmapColorCountExt"},
+      {"--optimised-palette", "N", "print the palette of up to N colours the optimiser picks", have_optimiser,
+       op_optimised_palette, "V_CreateOptimizedPalette"},
       {"--compress", nullptr, "keep a 1-bit image in compressed (run-length) storage", have_compress, op_compress,
        "V_ChangeBitmapCompression"},
       {"--decompress", nullptr, "back from compressed to plain storage", have_compress, op_decompress,

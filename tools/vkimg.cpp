@@ -250,6 +250,7 @@ int run_pipeline(Command& cmd) {
   if (cmd.output.empty()) {
     for (const Step& s : cmd.steps)
       if (s.option != "--info" && s.option != "--get-pixel" && s.option != "--count-colors" &&
+          s.option != "--optimised-palette" &&
           s.option != "--storage" && s.option != "--compress" && s.option != "--decompress")
         throw UsageError(s.option + " changes the image, but no output file is named");
     if (cmd.steps.empty()) cmd.steps.push_back(Step{"--info", ""});
@@ -498,6 +499,7 @@ int run_demo(Command& cmd) {
   try {
     Context ctx{to_bitmap(img, cmd.settings.memory_type), "default.png", cmd.settings, &text};
     run_step(ctx, Step{"--info", ""});
+    if (find_operation("--optimised-palette")->available()) run_step(ctx, Step{"--optimised-palette", "16"});
     if (find_operation("--get-pixel")->available())
       for (const char* xy : {"0,0", "100,100", "1024,400"}) {
         const auto comma = std::string(xy).find(',');
