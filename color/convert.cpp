@@ -476,13 +476,29 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     case 24:
       if (!(so == ORDER_RGB || so == ORDER_BGR || so == ORDER_BGR_ALT)) return RESULT_BAD_PARAMETER;
       break;
-    case 32:
     case 48:
+      if (so == ORDER_BGR_ALT) break;  // handled below through the 24-bit path
+      [[fallthrough]];
+    case 32:
     case 64:
       if (!rgb_order(so)) return RESULT_BAD_PARAMETER;
       break;
     default:
       break;
+  }
+  if (sb == 48 && so == ORDER_BGR_ALT) {
+    // 48-bit pixels in the second colour space: that space is defined on
+    // 8-bit channels, so the high bytes are taken (narrowing in place, front
+    // to back, never overtakes its source) and converted as 24-bit pixels of
+    // the same space.  The 24-bit call is validated first (a negative width
+    // runs every check and touches nothing), so a refused call leaves the
+    // buffer as it was.
+    if (db == 48 && dor == ORDER_BGR_ALT) return RESULT_OK;
+    const int32_t valid = convert_buffer(buf, -1, 24, db, ORDER_BGR_ALT, dor, sp, dp, flags, lowBit, highBit);
+    if (valid != RESULT_OK || width < 1) return valid;
+    for (size_t i = 0; i < size_t(width); ++i)
+      for (size_t k = 0; k < 3; ++k) buf[3 * i + k] = buf[6 * i + 2 * k + 1];
+    return convert_buffer(buf, width, 24, db, ORDER_BGR_ALT, dor, sp, dp, flags, lowBit, highBit);
   }
   // Destination orders: colour words accept RGB or BGR, 16 bits also gray;
   // the second colour space only from a 24-bit source into 24 or 48 bits.

@@ -32,8 +32,14 @@ VK_API int32_t VK_CALL V_ChangeBitmapCompression(BitmapHandle* bitmap, int32_t m
     bitmap->Flags = flags;
     if (r != RESULT_OK) return r;
 
+    // Reading the rows moves the source's row cache; a failed change puts
+    // it back so that the caller's record is exactly as it was.
+    const uint32_t cached_offset = bitmap->CachedRowOffset;
+    const int32_t cached_row = bitmap->CachedRow;
     r = V_CopyBitmapData(&fresh, bitmap);
     if (r != RESULT_OK) {
+      bitmap->CachedRowOffset = cached_offset;
+      bitmap->CachedRow = cached_row;
       fresh.Palette = nullptr;  // shared with the caller's record
       fresh.Region = nullptr;
       V_FreeBitmap(&fresh);

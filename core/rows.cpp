@@ -17,7 +17,7 @@ namespace vk::storage {
 namespace {
 
 // Row cache: an addition for the neighbouring rows, a product otherwise.
-inline uint32_t cached_offset(BitmapHandle* b, uint32_t row) {
+inline void update_cache(BitmapHandle* b, uint32_t row) {
   const auto cached = static_cast<uint32_t>(b->CachedRow);
   if (row != cached) {
     if (row == cached + 1)
@@ -28,7 +28,6 @@ inline uint32_t cached_offset(BitmapHandle* b, uint32_t row) {
       b->CachedRowOffset = row * b->BytesPerLine;
     b->CachedRow = static_cast<int32_t>(row);
   }
-  return b->CachedRowOffset;
 }
 
 // Bytes of flat in-memory storage the record owns.
@@ -42,7 +41,11 @@ enum class Dir { get, put };
 template <Dir D>
 int32_t flat_transfer(BitmapHandle* b, void* buffer, uint32_t row, uint32_t column_bytes, uint32_t count,
                       int32_t short_code) {
-  const uint64_t start = static_cast<uint64_t>(cached_offset(b, row)) + column_bytes;
+  // The cache is kept as the record describes it; the position itself is
+  // the full product, so a row far outside the storage cannot wrap around
+  // into it.
+  update_cache(b, row);
+  const uint64_t start = static_cast<uint64_t>(row) * b->BytesPerLine + column_bytes;
   if (b->Flags & BITMAP_IN_MEMORY) {
     if (!b->Data) return RESULT_NO_BITMAP;
     const uint64_t limit = flat_limit(b);

@@ -407,7 +407,7 @@ int32_t adjust_tiles(BitmapHandle* b, uint32_t memory_tiles, uint32_t max_mapped
 
 // Storage of memory type 4 for a rebuild, with explicit tile parameters.
 int32_t allocate_tiles_for(BitmapHandle& n, const BitmapHandle* old, uint32_t tile_size, uint32_t total_tiles,
-                           uint32_t memory_tiles, uint32_t max_mapped, uint32_t mapped, uint32_t which) {
+                           uint32_t memory_tiles, uint32_t max_mapped, uint32_t which) {
   const ThreadSettings& s = settings();
   const uint64_t size = n.Size;
   if ((s.TileSize >= 1 && size < static_cast<uint64_t>(s.TileSize)) || (s.TileSize < 1 && size < kDefaultTileBytes))
@@ -438,7 +438,6 @@ int32_t allocate_tiles_for(BitmapHandle& n, const BitmapHandle* old, uint32_t ti
   if (which & MEMINFO_MAX_MAPPED) limit = max_mapped;
   tiles::Table* t = nullptr;
   VK_TRY(tiles::build(&n, static_cast<uint32_t>(rows), memory, limit, &t));
-  if (which & MEMINFO_MAPPED) tiles::set_mapped_count(t, &n, mapped < t->max_mapped_tiles ? mapped : t->max_mapped_tiles);
   OsBlock lut(V_OsAlloc(256));
   if (!lut) {
     tiles::free_table(t);
@@ -468,10 +467,15 @@ int32_t rebuild(BitmapHandle* b, int32_t type, uint32_t tile_size, uint32_t tota
     if (n.GrayLut && n.GrayLut != b->GrayLut) V_OsFree(n.GrayLut);
   });
   if (type == TYPE_TILED)
-    VK_TRY(allocate_tiles_for(n, b, tile_size, total_tiles, memory_tiles, max_mapped, mapped, which));
+    VK_TRY(allocate_tiles_for(n, b, tile_size, total_tiles, memory_tiles, max_mapped, which));
   else
     VK_TRY(V_AllocateBitmap(&n, type));
   VK_TRY(V_CopyBitmapData(&n, b));
+  // The copy mapped tiles on demand; the mapped count asked for is set last.
+  if ((n.Flags & BITMAP_TILED) && (which & MEMINFO_MAPPED)) {
+    tiles::Table* t = tiles::table_of(&n);
+    tiles::set_mapped_count(t, &n, mapped < t->max_mapped_tiles ? mapped : t->max_mapped_tiles);
+  }
 
   release_storage(b);
   b->StorageHandle = n.StorageHandle;

@@ -64,7 +64,11 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
   n.Flags = (n.Flags & ~PALETTE_IS_TABLE) | (src->Flags & PALETTE_IS_TABLE);
   if (flags & DUP_OWN_PALETTE) {
     n.Palette = nullptr;
-    if (src->Palette) VK_TRY(V_CopyBitmapPalette(&n, src));
+    if (src->Palette) {
+      // The palette copy reports failure as 0; a duplicate reports it as a result code.
+      const int32_t r = V_CopyBitmapPalette(&n, src);
+      if (r != RESULT_OK) return r < 0 ? r : RESULT_FAIL;
+    }
   } else {
     n.Palette = src->Palette;
   }

@@ -250,11 +250,17 @@ struct Packer {
   return value;
 }
 
+// Matchers are built once per row so that their parameters live in
+// registers rather than being reloaded from the context after every store
+// into the (int32) error rows.
 struct MatchTable {
   static constexpr bool compare = false;
-  static uint32_t get(DitherContext& c, int r, int g, int b) {
+  DitherContext& c;
+  uint32_t* table;
+  explicit MatchTable(DitherContext& ctx) : c(ctx), table(ctx.MatchTable) {}
+  uint32_t get(int r, int g, int b) const {
     const uint32_t cell = (uint32_t(r) >> 3) << 10 | (uint32_t(g) >> 3) << 5 | (uint32_t(b) >> 3);
-    uint32_t v = c.MatchTable[cell];
+    uint32_t v = table[cell];
     if (v == 0) [[unlikely]]
       v = resolve_cell(c, cell);
     return (v - 1u) & 255u;  // a caller's table may hold anything: stay inside the palette arrays
@@ -263,41 +269,46 @@ struct MatchTable {
 // Modes 2 and 3: (2R + 5G + B + 4) >> 10 resp. ((...) >> 3) >> 6.
 struct MatchGray {
   static constexpr bool compare = false;
-  static uint32_t get(DitherContext& c, int r, int g, int b) {
-    return uint32_t(2 * r + 5 * g + b + 4) >> c.GrayMatchShift;
-  }
+  uint32_t shift;
+  explicit MatchGray(const DitherContext& ctx) : shift(uint32_t(ctx.GrayMatchShift)) {}
+  uint32_t get(int r, int g, int b) const { return uint32_t(2 * r + 5 * g + b + 4) >> shift; }
 };
 // Modes 4, 6, 7, 8, 9: channel bit fields.
 struct MatchPack {
   static constexpr bool compare = false;
-  static uint32_t get(DitherContext& c, int r, int g, int b) {
-    const int32_t* s = c.PackShift;
-    return (uint32_t(r) >> s[0]) << s[1] | (uint32_t(g) >> s[2]) << s[3] | (uint32_t(b) >> s[4]);
+  uint32_t s0, s1, s2, s3, s4;
+  explicit MatchPack(const DitherContext& ctx)
+      : s0(uint32_t(ctx.PackShift[0])), s1(uint32_t(ctx.PackShift[1])), s2(uint32_t(ctx.PackShift[2])),
+        s3(uint32_t(ctx.PackShift[3])), s4(uint32_t(ctx.PackShift[4])) {}
+  uint32_t get(int r, int g, int b) const {
+    return (uint32_t(r) >> s0) << s1 | (uint32_t(g) >> s2) << s3 | (uint32_t(b) >> s4);
   }
 };
-// Mode 5: half (0-7) or, for any non-black, full (9-15) intensity.
+// Mode 5: black or, for anything else, full intensity (9-15).
 struct Match16 {
   static constexpr bool compare = false;
-  static uint32_t get(DitherContext&, int r, int g, int b) {
+  explicit Match16(const DitherContext&) {}
+  uint32_t get(int r, int g, int b) const {
     const uint32_t n = (uint32_t(b) >> 7) << 2 | (uint32_t(g) >> 7) << 1 | (uint32_t(r) >> 7);
     return n | (n ? 8u : 0u);
   }
 };
 struct MatchCube {
   static constexpr bool compare = false;
-  static uint32_t get(DitherContext&, int r, int g, int b) {
-    return uint32_t((r / 51 * 6 + g / 51) * 6 + b / 51);
-  }
+  explicit MatchCube(const DitherContext&) {}
+  uint32_t get(int r, int g, int b) const { return uint32_t((r / 51 * 6 + g / 51) * 6 + b / 51); }
 };
 // Ordered methods, mode 2: threshold the gray level against the matrix.
 struct MatchCompare2 {
   static constexpr bool compare = true;
-  static uint32_t cmp(int r, int g, int b, int m) { return m < ((2 * r + 5 * g + b + 4) >> 3) ? 1u : 0u; }
+  explicit MatchCompare2(const DitherContext&) {}
+  uint32_t cmp(int r, int g, int b, int m) const { return m < ((2 * r + 5 * g + b + 4) >> 3) ? 1u : 0u; }
 };
 // Ordered methods, mode 5: threshold each channel against the matrix.
 struct MatchCompare16 {
   static constexpr bool compare = true;
-  static uint32_t cmp(int r, int g, int b, int m) {
+  explicit MatchCompare16(const DitherContext&) {}
+  uint32_t cmp(int r, int g, int b, int m) const {
     const uint32_t n = uint32_t(m < b) << 2 | uint32_t(m < g) << 1 | uint32_t(m < r);
     return n | (n ? 8u : 0u);
   }
@@ -309,11 +320,12 @@ template <class Src, class M>
 void row_plain(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
   if (width < 1) return;
   Src src(c, in);
+  const M match(c);
   Packer pk(out, c.OutputBits);
   for (int32_t x = 0; x < width; ++x) {
     int r, g, b;
     src.next(r, g, b);
-    pk.put(M::get(c, r, g, b));
+    pk.put(match.get(r, g, b));
   }
   pk.finish();
 }
@@ -324,12 +336,13 @@ void row_ordered(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
   ++c.RowCounter;
   if (width < 1) return;
   Src src(c, in);
+  const M match(c);
   Packer pk(out, c.OutputBits);
   if constexpr (M::compare) {
     for (int32_t x = 0; x < width; ++x) {
       int r, g, b;
       src.next(r, g, b);
-      pk.put(M::cmp(r, g, b, mrow[x & 7]));
+      pk.put(match.cmp(r, g, b, mrow[x & 7]));
     }
   } else {
     int off[8];
@@ -338,7 +351,7 @@ void row_ordered(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
       int r, g, b;
       src.next(r, g, b);
       const int o = off[x & 7];
-      pk.put(M::get(c, clamp255(r + o), clamp255(g + o), clamp255(b + o)));
+      pk.put(match.get(clamp255(r + o), clamp255(g + o), clamp255(b + o)));
     }
   }
   pk.finish();
@@ -379,13 +392,14 @@ void row_diffuse(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
   if (width < 1) return;
 
   Src src(c, in);
+  const M match(c);
   Packer pk(out, c.OutputBits);
   const RGBQUAD* pal = c.DestPalette;
   for (int32_t x = 0; x < width; ++x) {
     int v[3];
     src.next(v[0], v[1], v[2]);
     for (int ch = 0; ch < 3; ++ch) v[ch] = clamp255(v[ch] + car[ch][0] / D);  // truncates toward zero
-    const uint32_t index = M::get(c, v[0], v[1], v[2]);
+    const uint32_t index = match.get(v[0], v[1], v[2]);
     pk.put(index);
     const RGBQUAD& q = pal[index];
     const int e3[3] = {v[0] - q.rgbRed, v[1] - q.rgbGreen, v[2] - q.rgbBlue};

@@ -8,6 +8,10 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
+#if defined(__GNUC__) && defined(__x86_64__)
+#include <immintrin.h>
+#define VK_AVX2_DISPATCH 1
+#endif
 
 #include "core.h"
 
@@ -71,7 +75,7 @@ uint32_t find_palette_index(const RGBQUAD* palette, uint32_t colors, int32_t red
 void PaletteMatcher::prepare(const RGBQUAD* palette, uint32_t colors) {
   palette_ = palette;
   colors_ = colors > 256 ? 256 : colors;
-  padded_ = (colors_ + 3) & ~3u;
+  padded_ = (colors_ + 7) & ~7u;
   for (uint32_t i = 0; i < padded_; ++i) {
     // Padding entries sit far outside the cube: their distance (below 2^30,
     // so no int32 overflow) can never be the minimum.
@@ -88,16 +92,44 @@ void PaletteMatcher::prepare(const RGBQUAD* palette, uint32_t colors) {
 // search ends on i0 when m is 0 (first exact match) and otherwise on the last
 // entry at distance m whose order code equals the target's, or i0 if none.
 uint32_t PaletteMatcher::find(uint32_t red, uint32_t green, uint32_t blue) const {
-#if defined(__SSE2__)
-  if (colors_ == 0) return 0xFFFFFFFFu;
+#if defined(VK_AVX2_DISPATCH)
+  static const bool avx2 = __builtin_cpu_supports("avx2");
+  if (avx2) {
+    uint32_t answer;
+    if (shortcut(red, green, blue, answer)) return answer;
+    return search_avx2(red, green, blue);
+  }
+#endif
+  return find_baseline(red, green, blue);
+}
+
+// Empty palette, then the black and white shortcuts of the search.
+bool PaletteMatcher::shortcut(uint32_t red, uint32_t green, uint32_t blue, uint32_t& answer) const {
+  answer = 0xFFFFFFFFu;
+  if (colors_ == 0) return true;
   const uint32_t last = colors_ - 1;
   if ((red | green | blue) == 0) {
-    if (is_black(palette_[0])) return 0;
-    if (is_black(palette_[last])) return last;
+    if (is_black(palette_[0])) return answer = 0, true;
+    if (is_black(palette_[last])) return answer = last, true;
   } else if ((red & green & blue) == 255) {
-    if (is_white(palette_[last])) return last;
-    if (is_white(palette_[0])) return 0;
+    if (is_white(palette_[last])) return answer = last, true;
+    if (is_white(palette_[0])) return answer = 0, true;
   }
+  return false;
+}
+
+uint32_t PaletteMatcher::find_baseline(uint32_t red, uint32_t green, uint32_t blue) const {
+#if defined(__SSE2__)
+  uint32_t answer;
+  if (shortcut(red, green, blue, answer)) return answer;
+  return search_sse2(red, green, blue);
+#else
+  return find_palette_index(palette_, colors_, int32_t(red), int32_t(green), int32_t(blue));
+#endif
+}
+
+#if defined(__SSE2__)
+uint32_t PaletteMatcher::search_sse2(uint32_t red, uint32_t green, uint32_t blue) const {
   alignas(16) int32_t d[256];
   const __m128i t_rg = _mm_set1_epi32(int32_t(red | (green << 16)));
   const __m128i t_b = _mm_set1_epi32(int32_t(blue));
@@ -139,10 +171,55 @@ uint32_t PaletteMatcher::find(uint32_t red, uint32_t green, uint32_t blue) const
     }
   }
   return i0;
-#else
-  return find_palette_index(palette_, colors_, int32_t(red), int32_t(green), int32_t(blue));
-#endif
 }
+#endif
+
+#if defined(VK_AVX2_DISPATCH)
+// The distance pass and both scans of find() eight entries at a time.
+__attribute__((target("avx2"))) uint32_t PaletteMatcher::search_avx2(uint32_t red, uint32_t green,
+                                                                      uint32_t blue) const {
+  alignas(32) int32_t d[256];
+  const __m256i t_rg = _mm256_set1_epi32(int32_t(red | (green << 16)));
+  const __m256i t_b = _mm256_set1_epi32(int32_t(blue));
+  __m256i vmin = _mm256_set1_epi32(INT_MAX);
+  for (uint32_t k = 0; k < padded_; k += 8) {
+    const __m256i a = _mm256_sub_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(rg_ + 2 * k)), t_rg);
+    const __m256i c = _mm256_sub_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(b0_ + 2 * k)), t_b);
+    const __m256i s = _mm256_add_epi32(_mm256_madd_epi16(a, a), _mm256_madd_epi16(c, c));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(d + k), s);
+    vmin = _mm256_min_epi32(vmin, s);
+  }
+  __m128i m4 = _mm_min_epi32(_mm256_castsi256_si128(vmin), _mm256_extracti128_si256(vmin, 1));
+  m4 = _mm_min_epi32(m4, _mm_shuffle_epi32(m4, 0x4E));
+  m4 = _mm_min_epi32(m4, _mm_shuffle_epi32(m4, 0xB1));
+  const int32_t m = _mm_cvtsi128_si32(m4);
+  const __m256i vm = _mm256_set1_epi32(m);
+  uint32_t i0 = 0;
+  for (uint32_t k = 0; k < padded_; k += 8) {
+    const int mask = _mm256_movemask_ps(
+        _mm256_castsi256_ps(_mm256_cmpeq_epi32(_mm256_load_si256(reinterpret_cast<const __m256i*>(d + k)), vm)));
+    if (mask) {
+      i0 = k + uint32_t(__builtin_ctz(unsigned(mask)));
+      break;
+    }
+  }
+  if (m == 0) return i0;
+  const uint8_t target = uint8_t(order_code(int32_t(red), int32_t(green), int32_t(blue)));
+  for (uint32_t k = padded_; k > (i0 & ~7u);) {
+    k -= 8;
+    int mask = _mm256_movemask_ps(
+        _mm256_castsi256_ps(_mm256_cmpeq_epi32(_mm256_load_si256(reinterpret_cast<const __m256i*>(d + k)), vm)));
+    while (mask) {
+      const int bit = 31 - __builtin_clz(unsigned(mask));
+      const uint32_t idx = k + uint32_t(bit);
+      if (idx <= i0) return i0;
+      if (code_[idx] == target) return idx;
+      mask &= ~(1 << bit);
+    }
+  }
+  return i0;
+}
+#endif
 
 uint32_t* current_user_match_table() { return settings().UserMatchTable; }
 

@@ -24,13 +24,20 @@ class PaletteMatcher {
   // `colors` entries of `palette` (1..256); the palette must stay alive.
   void prepare(const RGBQUAD* palette, uint32_t colors);
   uint32_t find(uint32_t red, uint32_t green, uint32_t blue) const;
+  // The same without the wide-vector path (what find uses on processors
+  // without it); kept callable so both paths can be checked on one machine.
+  uint32_t find_baseline(uint32_t red, uint32_t green, uint32_t blue) const;
 
  private:
+  bool shortcut(uint32_t red, uint32_t green, uint32_t blue, uint32_t& answer) const;
+  uint32_t search_avx2(uint32_t red, uint32_t green, uint32_t blue) const;
+  uint32_t search_sse2(uint32_t red, uint32_t green, uint32_t blue) const;
+
   const RGBQUAD* palette_ = nullptr;
   uint32_t colors_ = 0;
-  uint32_t padded_ = 0;  // colors_ rounded up to a multiple of 4
-  alignas(16) int16_t rg_[512];  // red, green interleaved per entry
-  alignas(16) int16_t b0_[512];  // blue, 0 per entry
+  uint32_t padded_ = 0;  // colors_ rounded up to a multiple of 8
+  alignas(32) int16_t rg_[512];  // red, green interleaved per entry
+  alignas(32) int16_t b0_[512];  // blue, 0 per entry
   uint8_t code_[256];
 };
 

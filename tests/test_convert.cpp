@@ -297,6 +297,15 @@ TEST(Convert, SecondColourSpace) {
   ASSERT_EQ(conv(y, 1, 24, 24, ORDER_BGR, ORDER_BGR_ALT), RESULT_OK);
   EXPECT_EQ((std::vector<int>(x, x + 3)), (std::vector<int>(y, y + 3)));
   EXPECT_EQ((std::vector<int>(x + 3, x + 6)), (std::vector<int>{50, 200, 200}));
+
+  // 48-bit pixels of the second space take their high bytes through the
+  // 24-bit path (pixel access and dithering convert single pixels this way).
+  uint8_t wide[12] = {0x11, 100, 0x22, 50, 0x33, 200, 0, 0, 0, 255, 0, 0};
+  ASSERT_EQ(conv(wide, 2, 48, 24, ORDER_BGR_ALT, ORDER_BGR), RESULT_OK);
+  EXPECT_EQ((std::vector<int>(wide, wide + 6)), (std::vector<int>{105, 16, 255, 0, 255, 0}));
+  uint8_t keep[6] = {1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(conv(keep, 1, 48, 32, ORDER_BGR_ALT, ORDER_GRAY), RESULT_BAD_PARAMETER);
+  EXPECT_EQ((std::vector<int>(keep, keep + 6)), (std::vector<int>{1, 2, 3, 4, 5, 6}));
 }
 
 TEST(Convert, PaletteMapsAndMatching) {
@@ -479,7 +488,12 @@ bool accepted(int sb, int db, int so, int dor) {
   switch (sb) {
     case 16: if (!(rgb(so) || so == ORDER_GRAY)) return false; break;
     case 24: if (!(rgb(so) || so == ORDER_BGR_ALT)) return false; break;
-    case 32: case 48: case 64: if (!rgb(so)) return false; break;
+    case 48:
+      // 48-bit second-colour-space pixels go through the 24-bit path.
+      if (so == ORDER_BGR_ALT) return (db == 48 && dor == ORDER_BGR_ALT) || accepted(24, db, so, dor);
+      if (!rgb(so)) return false;
+      break;
+    case 32: case 64: if (!rgb(so)) return false; break;
   }
   switch (db) {
     case 16: return rgb(dor) || dor == ORDER_GRAY;

@@ -193,7 +193,9 @@ TEST(Lookup, PreparedMatcherAgreesWithSearch) {
       const uint32_t r = (t < 2000) ? (rng() % 5) * 10 : rng() & 255;
       const uint32_t g = (t < 2000) ? (rng() % 5) * 10 : rng() & 255;
       const uint32_t b = (t < 2000) ? (rng() % 5) * 10 : rng() & 255;
-      ASSERT_EQ(m.find(r, g, b), brute_nearest(p, int(r), int(g), int(b))) << p.size() << " " << r << "," << g << "," << b;
+      const uint32_t want = brute_nearest(p, int(r), int(g), int(b));
+      ASSERT_EQ(m.find(r, g, b), want) << p.size() << " " << r << "," << g << "," << b;
+      ASSERT_EQ(m.find_baseline(r, g, b), want) << p.size() << " " << r << "," << g << "," << b;
     }
     for (const RGBQUAD& e : p) ASSERT_EQ(m.find(e.rgbRed, e.rgbGreen, e.rgbBlue), brute_nearest(p, e.rgbRed, e.rgbGreen, e.rgbBlue));
     ASSERT_EQ(m.find(0, 0, 0), brute_nearest(p, 0, 0, 0));

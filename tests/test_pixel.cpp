@@ -266,6 +266,32 @@ TEST_F(Pixel, GrayLookupTable) {
   V_FreeBitmap(&b);
 }
 
+// Compressed 1-bit rows are reached by pixel, not by byte: pixel access must
+// still see the same pixels as on a flat bitmap.
+TEST_F(Pixel, CompressedRowsMatchFlatRows) {
+  BitmapHandle flat, packed;
+  ASSERT_EQ(V_CreateBitmap(&flat, TYPE_CONVENTIONAL, 29, 3, 1, 0, nullptr, 2, nullptr, 0), RESULT_OK);
+  ASSERT_EQ(V_CreateBitmap(&packed, TYPE_COMPRESSED, 29, 3, 1, 0, nullptr, 2, nullptr, 0), RESULT_OK);
+  ASSERT_NE(packed.Flags & BITMAP_COMPRESSED, 0u);
+  std::mt19937 rng(8);
+  for (int i = 0; i < 60; ++i) {
+    const int32_t y = static_cast<int32_t>(rng() % 3), x = static_cast<int32_t>(rng() % 29);
+    const uint32_t c = (rng() & 1) ? 0x00FFFFFFu : 0u;
+    ASSERT_EQ(V_PutPixelColor(&flat, y, x, c), RESULT_OK);
+    ASSERT_EQ(V_PutPixelColor(&packed, y, x, c), RESULT_OK);
+  }
+  for (int32_t y = 0; y < 3; ++y)
+    for (int32_t x = 0; x < 29; ++x) {
+      ASSERT_EQ(V_GetPixelColor(&packed, y, x), V_GetPixelColor(&flat, y, x)) << y << "," << x;
+      uint8_t a = 0, b = 0;
+      ASSERT_EQ(V_GetPixelData(&flat, &a, y, x, 1), RESULT_OK);
+      ASSERT_EQ(V_GetPixelData(&packed, &b, y, x, 1), RESULT_OK);
+      ASSERT_EQ(a, b) << y << "," << x;
+    }
+  V_FreeBitmap(&flat);
+  V_FreeBitmap(&packed);
+}
+
 // ---- the pixel-position hook -------------------------------------------------------------
 
 int32_t VK_CALL allow_even_columns(BitmapHandle*, int32_t, int32_t column) { return (column & 1) == 0; }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "core.h"
+#include "platform.h"
 
 namespace {
 
@@ -140,6 +141,82 @@ TEST(Record, CopyHandleIsShallowAndWhole) {
   std::memset(&dst, 0x11, sizeof dst);
   V_CopyBitmapHandle(&dst, nullptr);
   EXPECT_EQ(dst.Width, 0x11111111);
+}
+
+// ---- releasing, resizing and playback values (reach into storage and colour) ----------
+
+TEST(Record, FreeImageKeepsOrReleasesTheAttachments) {
+  EXPECT_EQ(V_FreeImage(nullptr, 1), RESULT_OK);
+  BitmapHandle b;
+  ASSERT_EQ(V_InitBitmap(&b, 4, 4, 8), RESULT_OK);
+  const BitmapHandle before = b;
+  EXPECT_EQ(V_FreeImage(&b, 0), RESULT_OK);  // no storage: nothing happens
+  EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
+
+  const long base = vk::fault::live_total();
+  vk::plat::PaletteEntry e[2] = {{0, 0, 0, 0}, {255, 255, 255, 0}};
+  for (int32_t free_attachments : {0, 1}) {
+    ASSERT_EQ(V_InitBitmap(&b, 4, 4, 1), RESULT_OK);
+    ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
+    VK_HPALETTE pal = vk::plat::palette_create(e, 2);
+    ASSERT_NE(pal, nullptr);
+    b.Palette = pal;
+    b.Flags &= ~PALETTE_IS_TABLE;
+    EXPECT_EQ(V_FreeImage(&b, free_attachments), RESULT_OK);
+    EXPECT_EQ(b.Flags & BITMAP_ALLOCATED, 0u);
+    EXPECT_EQ(b.Palette, nullptr);
+    EXPECT_EQ(b.Width, 4);  // geometry kept
+    if (!free_attachments) {
+      EXPECT_EQ(vk::plat::palette_count(pal), 2u);  // survived, still the caller's
+      vk::plat::palette_delete(pal);
+    }
+    EXPECT_EQ(vk::fault::live_total(), base) << free_attachments;
+  }
+}
+
+TEST(Record, UpdateSizeRecomputesFlatSizesAndNeedsATable) {
+  EXPECT_EQ(V_UpdateBitmapSize(nullptr), RESULT_NO_BITMAP);
+  BitmapHandle b;
+  ASSERT_EQ(V_InitBitmap(&b, 10, 3, 24), RESULT_OK);
+  EXPECT_EQ(V_UpdateBitmapSize(&b), RESULT_NO_BITMAP);
+  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
+  b.Size = 1;
+  EXPECT_EQ(V_UpdateBitmapSize(&b), RESULT_OK);
+  EXPECT_EQ(b.Size, 3u * 32u);
+  V_FreeBitmap(&b);
+
+  // Compressed and super-compressed records without their tables.
+  for (uint32_t kind : {BITMAP_COMPRESSED, BITMAP_SUPER_COMPRESSED}) {
+    ASSERT_EQ(V_InitBitmap(&b, 10, 3, 1), RESULT_OK);
+    b.Flags = BITMAP_ALLOCATED | BITMAP_IN_MEMORY | kind;
+    b.Size = 77;
+    EXPECT_EQ(V_UpdateBitmapSize(&b), RESULT_NO_BITMAP) << kind;
+    EXPECT_EQ(b.Size, 77u);
+  }
+}
+
+TEST(Record, CopyPlaybackParmsCarriesValuesFlagsAndColours) {
+  BitmapHandle src, dst;
+  ASSERT_EQ(V_InitBitmap(&src, 2, 2, 24), RESULT_OK);
+  ASSERT_EQ(V_InitBitmap(&dst, 2, 2, 24), RESULT_OK);
+  EXPECT_EQ(V_CopyPlaybackParms(nullptr, &src), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_CopyPlaybackParms(&dst, nullptr), RESULT_BAD_PARAMETER);
+  src.Flags = BITMAP_PLAYBACK_FLAG2 | BITMAP_GRAY_FLAG;
+  dst.Flags = BITMAP_PLAYBACK_FLAG1 | BITMAP_USER_DATA;
+  src.PlaybackValue1 = 1;
+  src.PlaybackValue2 = 2;
+  src.PlaybackValue3 = 3;
+  src.PlaybackValue6 = 6;
+  src.PlaybackColor1 = VK_RGB(10, 20, 30);
+  src.PlaybackColor2 = VK_RGB(200, 100, 0);
+  ASSERT_EQ(V_CopyPlaybackParms(&dst, &src), RESULT_OK);
+  EXPECT_EQ(dst.Flags, BITMAP_PLAYBACK_FLAG2 | BITMAP_USER_DATA);  // only the playback flags move
+  EXPECT_EQ(dst.PlaybackValue1, 1u);
+  EXPECT_EQ(dst.PlaybackValue2, 2u);
+  EXPECT_EQ(dst.PlaybackValue3, 3u);
+  EXPECT_EQ(dst.PlaybackValue6, 6u);
+  EXPECT_EQ(dst.PlaybackColor1, VK_RGB(10, 20, 30));  // true colour to true colour: the same value
+  EXPECT_EQ(dst.PlaybackColor2, VK_RGB(200, 100, 0));
 }
 
 }  // namespace

@@ -231,6 +231,22 @@ TEST(Utility, VersionRecord) {
   EXPECT_EQ(v.BuildTime[15], 0);
 }
 
+TEST(Utility, ThunkDispatcherReachesRowAccess) {
+  EXPECT_EQ(V_ThunkDispatch(nullptr, 2), RESULT_BAD_PARAMETER);
+  BitmapHandle b;
+  ASSERT_EQ(V_InitBitmap(&b, 4, 2, 8), RESULT_OK);
+  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
+  uint8_t in[4] = {1, 2, 3, 4}, out[4] = {};
+  ThunkArgs put = {&b, in, 1, 0, 4}, get = {&b, out, 1, 0, 4};
+  EXPECT_EQ(V_ThunkDispatch(&put, 0), 0);
+  EXPECT_EQ(V_ThunkDispatch(&put, 3), 4);
+  EXPECT_EQ(V_ThunkDispatch(&get, 2), 4);
+  EXPECT_EQ(V_ThunkDispatch(&get, 1), 0);
+  EXPECT_EQ(std::memcmp(in, out, 4), 0);
+  for (int32_t r : {4, -1, 50}) EXPECT_EQ(V_ThunkDispatch(&get, r), 50) << r;
+  V_FreeBitmap(&b);
+}
+
 // ---- platform: MulDiv, palettes, screen -----------------------------------------------
 
 TEST(Platform, MulDivRoundsHalvesAwayFromZero) {

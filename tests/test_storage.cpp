@@ -243,8 +243,8 @@ TEST_F(Storage, EveryKindKeepsThePixels) {
         EXPECT_EQ(got[i], pattern(row + at / 40, at % 40, 3)) << "row " << row << " i " << i;
       }
     }
-    if (k == Kind::tiles_disk || k == Kind::tiles_mixed) EXPECT_LE(tile_info(&b).mapped, 1u);
-    if (k == Kind::tiles_unmapped) EXPECT_EQ(tile_info(&b).mapped, 0u);
+    if (k == Kind::tiles_disk || k == Kind::tiles_mixed) { EXPECT_LE(tile_info(&b).mapped, 1u); }
+    if (k == Kind::tiles_unmapped) { EXPECT_EQ(tile_info(&b).mapped, 0u); }
     release(&b);
   }
 }
@@ -333,7 +333,7 @@ TEST_F(Storage, MemoryInfoReportsEachKind) {
     uint32_t untouched = 77;
     EXPECT_EQ(V_GetBitmapMemoryInfo(&b, &type, &untouched, nullptr, nullptr, nullptr, nullptr), RESULT_OK);
     EXPECT_EQ(type, t);
-    if (t != TYPE_TILED) EXPECT_EQ(untouched, 77u);
+    if (t != TYPE_TILED) { EXPECT_EQ(untouched, 77u); }
     release(&b);
   }
 }
@@ -430,8 +430,8 @@ TEST_F(Storage, RebuildingIntoAnotherTypeKeepsPixelsAndAttributes) {
     EXPECT_TRUE(holds_pattern(&b, 9));
     EXPECT_EQ(b.XResolution, 300);
     EXPECT_EQ(b.PlaybackValue2, 42u);
-    if (b.PaintLut) EXPECT_EQ(b.PaintLut[7], 99);
-    if (c.want == TYPE_TILED) EXPECT_EQ(tile_info(&b).tile_size, 200u);
+    if (b.PaintLut) { EXPECT_EQ(b.PaintLut[7], 99); }
+    if (c.want == TYPE_TILED) { EXPECT_EQ(tile_info(&b).tile_size, 200u); }
     V_FreeBitmap(&b);
     EXPECT_EQ(files_in(dir_), 0u);
   }
@@ -636,7 +636,7 @@ TEST_F(Storage, FailedMemoryInfoChangesLeaveTheBitmapWhole) {
         [&] {
           b = make(c.from);
           fill(&b, 6);
-          if (c.small_tiles) ASSERT_EQ(V_SetMemoryThresholds(0, 0, 120, 0, 0, THRESHOLD_TILE_SIZE), RESULT_OK);
+          if (c.small_tiles) { ASSERT_EQ(V_SetMemoryThresholds(0, 0, 120, 0, 0, THRESHOLD_TILE_SIZE), RESULT_OK); }
           before = b;
         },
         [&] { return V_SetBitmapMemoryInfo(&b, c.type, c.tile_size, 0, c.memory, 0, 0, c.which); },
@@ -695,6 +695,66 @@ TEST_F(Storage, CompressedStorageWorksThroughTheSameCalls) {
   ASSERT_EQ(V_SetBitmapMemoryInfo(&b, TYPE_COMPRESSED, 0, 0, 0, 0, 0, MEMINFO_TYPE), RESULT_OK);
   EXPECT_EQ(memory_type(&b), TYPE_COMPRESSED);
   EXPECT_TRUE(holds_pattern(&b, 7));
+  V_FreeBitmap(&b);
+}
+
+}  // namespace
+
+namespace {
+
+using namespace vkt;
+
+// A tile attempt that fails (here: one temp file) is retried with tiles of
+// half the size while memory would hold the bitmap.
+TEST_F(Storage, FailedTileAttemptIsRetriedWithHalvedTiles) {
+  ASSERT_EQ(V_SetMemoryThresholds(0, 0, 4000, 0, 1, 31 & ~THRESHOLD_MEMORY_RESERVE), RESULT_OK);
+  bool halved = false;
+  for (long n = 1; n < 40 && !halved; ++n) {
+    BitmapHandle b = init(10, 1000, 32);  // 40000 bytes, tiles of 100 rows
+    vk::fault::arm(n);
+    const int32_t r = V_AllocateBitmap(&b, TYPE_NO_DISK);
+    vk::fault::disarm();
+    if (r == RESULT_OK) {
+      const TileInfo i = tile_info(&b);
+      EXPECT_TRUE(i.tile_size == 4000 || i.tile_size == 2000) << i.tile_size;
+      if (i.tile_size == 2000) {
+        halved = true;
+        EXPECT_EQ(i.total, 20u);
+        fill(&b);
+        EXPECT_TRUE(holds_pattern(&b));
+      }
+      V_FreeBitmap(&b);
+    }
+    EXPECT_EQ(files_in(dir_), 0u);
+  }
+  EXPECT_TRUE(halved);
+}
+
+}  // namespace
+
+namespace {
+
+using namespace vkt;
+
+// A rebuild into tiles given only a tile count splits the rows evenly.
+TEST_F(Storage, RebuildIntoTilesFromATileCount) {
+  BitmapHandle b = init(10, 10, 32);  // 40 bytes a row
+  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
+  fill(&b, 14);
+  ASSERT_EQ(V_SetMemoryThresholds(0, 0, 40, 0, 0, THRESHOLD_TILE_SIZE), RESULT_OK);
+  ASSERT_EQ(V_SetBitmapMemoryInfo(&b, TYPE_TILED, 0, 4, 1, 2, 1,
+                                  MEMINFO_TYPE | MEMINFO_TOTAL_TILES | MEMINFO_MEMORY_TILES | MEMINFO_MAX_MAPPED |
+                                      MEMINFO_MAPPED),
+            RESULT_OK);
+  const TileInfo i = tile_info(&b);
+  EXPECT_EQ(i.type, TYPE_TILED);
+  EXPECT_EQ(i.tile_size, 120u);  // 3 rows: 3 + 3 + 3 + 1
+  EXPECT_EQ(i.total, 4u);
+  EXPECT_EQ(i.memory, 1u);
+  EXPECT_EQ(i.max_mapped, 2u);
+  EXPECT_EQ(i.mapped, 1u);
+  EXPECT_EQ(files_in(dir_), 3u);
+  EXPECT_TRUE(holds_pattern(&b, 14));
   V_FreeBitmap(&b);
 }
 

@@ -13,11 +13,13 @@
 #define VKIMG_LIBRARY_FUNCTIONS(X) \
   X(V_AllocateBitmap)              \
   X(V_ChangeBitmapCompression)     \
+  X(V_ChangeBitmapHeight)          \
   X(V_ColorResBitmap)              \
   X(V_ColorResBitmapList)          \
   X(V_ConvertBuffer)               \
   X(V_CreateBitmap)                \
   X(V_CreateBitmapList)            \
+  X(V_CreateOptimizedPalette)      \
   X(V_DestroyBitmapList)           \
   X(V_FreeBitmap)                  \
   X(V_GetBitmapColorCountExt)      \
@@ -35,6 +37,7 @@
   X(V_IsGrayScaleBitmap)           \
   X(V_PutBitmapRow)                \
   X(V_PutPixelColor)               \
+  X(V_SetBitmapMemoryInfo)         \
   X(V_SetMemoryThresholds)         \
   X(V_SetStatusCallBack)           \
   X(V_SetTempDirectory)            \

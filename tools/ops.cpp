@@ -335,6 +335,39 @@ void op_decompress(Context& ctx, const std::string&) {
   check_result(V_ChangeBitmapCompression(&need_bitmap(ctx, "--decompress"), 0), "--decompress");
 }
 
+// Prints the palette of up to N colours the optimiser picks for the image.
+void op_optimised_palette(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--optimised-palette");
+  const long n = parse_long(arg, "--optimised-palette", 1, 256);
+  std::vector<RGBQUAD> pal(256);
+  uint32_t colors = static_cast<uint32_t>(n);
+  int32_t needs_dither = 1;
+  check_result(V_CreateOptimizedPalette(&bm, pal.data(), &colors, nullptr, &needs_dither, 0),
+               "--optimised-palette " + arg);
+  *ctx.out << ctx.name << ": " << colors << " colours, "
+           << (needs_dither ? "approximating the image" : "exactly the image's colours") << "\n";
+  for (uint32_t i = 0; i < colors && i < pal.size(); ++i)
+    *ctx.out << "  " << i << ": " << format_colour(VK_RGB(pal[i].rgbRed, pal[i].rgbGreen, pal[i].rgbBlue)) << "\n";
+}
+
+// Moves the pixels into storage of another memory type (tiles, disk, ...).
+void op_storage(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--storage");
+  const long type = parse_long(arg, "--storage", 1, 2048);
+  check_result(V_SetBitmapMemoryInfo(&bm, static_cast<int32_t>(type), 0, 0, 0, 0, 0, MEMINFO_TYPE),
+               "--storage " + arg);
+}
+
+// Keeps the top N rows (or adds rows at the bottom).
+void op_height(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--height");
+  if (bm.ViewPerspective != 0) throw UsageError("--height works on images stored top row first");
+  const long h = parse_long(arg, "--height", 1, INT32_MAX);
+  if (static_cast<uint64_t>(bm.BytesPerLine) * static_cast<uint64_t>(h) > 0xFFFFFFFFull)
+    throw UsageError("--height " + arg + " makes the bitmap larger than 4 GiB");
+  check_result(V_ChangeBitmapHeight(&bm, static_cast<int32_t>(h)), "--height " + arg);
+}
+
 bool core_ok() { return missing_core().empty(); }
 bool have_convert() { return core_ok() && have(V_ConvertBuffer); }
 bool have_gray() { return core_ok() && have(V_GrayScaleBitmap); }
@@ -343,6 +376,9 @@ bool have_put_pixel() { return core_ok() && have(V_PutPixelColor); }
 bool have_reduce() { return core_ok() && have(V_ColorResBitmap); }
 bool have_count() { return core_ok() && have(V_GetBitmapColorCountExt); }
 bool have_compress() { return core_ok() && have(V_ChangeBitmapCompression); }
+bool have_optimiser() { return core_ok() && have(V_CreateOptimizedPalette); }
+bool have_storage() { return core_ok() && have(V_SetBitmapMemoryInfo); }
+bool have_height() { return core_ok() && have(V_ChangeBitmapHeight); }
 
 }  // namespace
 
@@ -378,10 +414,16 @@ const std::vector<OpInfo>& operations() {
        have_reduce, op_reduce, "V_ColorResBitmap"},
       {"--count-colors", nullptr, "print the number of distinct colours", have_count, op_count_colors,
        "V_GetBitmapColorCountExt"},
+      {"--optimised-palette", "N", "print the palette of up to N colours the optimiser picks", have_optimiser,
+       op_optimised_palette, "V_CreateOptimizedPalette"},
       {"--compress", nullptr, "keep a 1-bit image in compressed (run-length) storage", have_compress, op_compress,
        "V_ChangeBitmapCompression"},
       {"--decompress", nullptr, "back from compressed to plain storage", have_compress, op_decompress,
        "V_ChangeBitmapCompression"},
+      {"--storage", "TYPE", "move the pixels to storage of memory type TYPE (1, 4 tiles, 128 disk, ...)",
+       have_storage, op_storage, "V_SetBitmapMemoryInfo"},
+      {"--height", "N", "keep the top N rows, or add blank rows at the bottom", have_height, op_height,
+       "V_ChangeBitmapHeight"},
   };
   return kOps;
 }

@@ -249,7 +249,9 @@ int run_pipeline(Command& cmd) {
   const std::string input = cmd.positional.at(0);
   if (cmd.output.empty()) {
     for (const Step& s : cmd.steps)
-      if (s.option != "--info" && s.option != "--get-pixel" && s.option != "--count-colors")
+      if (s.option != "--info" && s.option != "--get-pixel" && s.option != "--count-colors" &&
+          s.option != "--optimised-palette" &&
+          s.option != "--storage" && s.option != "--compress" && s.option != "--decompress")
         throw UsageError(s.option + " changes the image, but no output file is named");
     if (cmd.steps.empty()) cmd.steps.push_back(Step{"--info", ""});
   } else {
@@ -272,6 +274,7 @@ int run_pipeline(Command& cmd) {
   } catch (const Cancelled& e) {
     rethrow_for(input, e);
   }
+  if (interrupted()) throw Cancelled(input + ": cancelled");
   if (!cmd.output.empty()) save(*ctx.bitmap.get(), cmd.output, cmd.quiet);
   return kExitOk;
 }
@@ -420,7 +423,9 @@ std::vector<DemoStep> demo_steps() {
                {{"--reduce", "1"}, {"--compress", ""}, {"--info", ""}},
                DITHER_FLOYD_STEINBERG,
                PaletteMode::fixed});
-  d.push_back({"put-pixel.png", {}});  // filled in by run_demo: a marked cross
+  d.push_back({"storage-disk.png", {{"--storage", "128"}, {"--info", ""}, {"--storage", "4"}, {"--info", ""}}});
+  d.push_back({"height-half.png", {{"--height", "half"}}});  // the number is filled in by run_demo
+  d.push_back({"put-pixel.png", {}});                        // filled in by run_demo: a marked cross
   return d;
 }
 
@@ -467,9 +472,17 @@ int run_demo(Command& cmd) {
       if (!find_operation(st.option)->available()) return;  // not in this library build yet
     const std::string path = (dir / file).string();
     try {
-      Context ctx{to_bitmap(img, cmd.settings.memory_type), "default.png", s, &text};
+      Context ctx{to_bitmap(img, cmd.settings.memory_type), file, s, &text};
       text << "== " << file << ":";
-      for (const Step& st : steps) text << " " << st.text();
+      for (size_t k = 0; k < steps.size() && k < 4; ++k) text << " " << steps[k].text();
+      if (steps.size() > 4) text << " ... (" << steps.size() << " operations)";
+      for (const Step& st : steps)
+        if (st.option == "--reduce") {
+          static constexpr const char* kPalettes[] = {"optimised", "fixed", "cube", "file"};
+          text << " [palette " << kPalettes[static_cast<int>(s.palette)] << ", dither "
+               << (s.dither >= 0 ? dither_name(s.dither) : "default") << "]";
+          break;
+        }
       text << "\n";
       for (const Step& st : steps) run_step(ctx, st);
       notes.clear();
@@ -486,6 +499,7 @@ int run_demo(Command& cmd) {
   try {
     Context ctx{to_bitmap(img, cmd.settings.memory_type), "default.png", cmd.settings, &text};
     run_step(ctx, Step{"--info", ""});
+    if (find_operation("--optimised-palette")->available()) run_step(ctx, Step{"--optimised-palette", "16"});
     if (find_operation("--get-pixel")->available())
       for (const char* xy : {"0,0", "100,100", "1024,400"}) {
         const auto comma = std::string(xy).find(',');
@@ -504,6 +518,7 @@ int run_demo(Command& cmd) {
     Settings s = cmd.settings;
     s.dither = d.dither;
     s.palette = d.palette;
+    if (d.file == "height-half.png") d.steps[0].arg = std::to_string(std::max(1, img.height / 2));
     if (d.file == "put-pixel.png") {
       const int cx = img.width / 2, cy = img.height / 2;
       for (int k = -8; k <= 8; ++k) {
