@@ -89,39 +89,6 @@ Image random_image(int w, int h, unsigned seed) {
 
 // ---- hand-computed rows ---------------------------------------------------------------
 
-TEST(Dither, FloydSteinbergCarriesTruncatedNumerators) {
-  // One black entry (a prefix of the 2-entry fixed palette, so the gray
-  // formula applies and always gives 0).  Row of 10: pixel 0 e = 10, pixel 1
-  // gets 70/16 = 4 (value 14), pixel 2 gets 98/16 = 6 (value 16).
-  const RGBQUAD black = q(0, 0, 0);
-  BitmapHandle b = source(3, 24, ORDER_RGB, DITHER_FLOYD_STEINBERG);
-  ASSERT_EQ(V_StartDithering(&b, &black, 1), RESULT_OK);
-  EXPECT_EQ(ctx(b).MatchMode, vk::MATCH_FIXED_2);
-  std::vector<uint8_t> in(9, 10), out(1, 0);
-  ASSERT_EQ(V_DitherLine(&b, in.data(), out.data()), RESULT_OK);
-  // Next-line numerators: col0 = 5*10 + 3*14, col1 = 10 + 5*14 + 3*16, col2 = 14 + 5*16.
-  const int32_t* red = ctx(b).ErrorRows[0] + ctx(b).Margin;
-  EXPECT_EQ(red[0], 92);
-  EXPECT_EQ(red[1], 128);
-  EXPECT_EQ(red[2], 94);
-  EXPECT_EQ(ctx(b).ErrorRows[6][ctx(b).Margin + 1], 128);  // blue row 0, same arithmetic
-  EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
-}
-
-TEST(Dither, StuckiHandComputedRows) {
-  // Row of 10 against black: pending 0, 80/42 = 1, 128/42 = 3 (values 10, 11, 13).
-  const RGBQUAD black = q(0, 0, 0);
-  BitmapHandle b = source(3, 24, ORDER_RGB, DITHER_STUCKI);
-  ASSERT_EQ(V_StartDithering(&b, &black, 1), RESULT_OK);
-  std::vector<uint8_t> in(9, 10), out(1, 0);
-  ASSERT_EQ(V_DitherLine(&b, in.data(), out.data()), RESULT_OK);
-  const int32_t* next = ctx(b).ErrorRows[3] + ctx(b).Margin;   // green row 0
-  const int32_t* after = ctx(b).ErrorRows[4] + ctx(b).Margin;  // green row 1
-  EXPECT_EQ(std::vector<int32_t>(next, next + 3), (std::vector<int32_t>{150, 180, 168}));
-  EXPECT_EQ(std::vector<int32_t>(after, after + 3), (std::vector<int32_t>{75, 90, 84}));
-  EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
-}
-
 TEST(Dither, NegativeNumeratorTruncatesTowardZero) {
   // Line 0: 252 -> white, e = -3; line 1 receives 5 * -3 = -15 at column 0,
   // -15 / 16 = 0, so 128 stays 128 and is white (1028 >> 10 = 1).  A floor
@@ -214,6 +181,30 @@ RefResult engine(const Image& img, int method, const RGBQUAD* pal, int colors, i
   }
   EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
   return res;
+}
+
+TEST(Dither, HandComputedNumeratorsForARowOfTen) {
+  // One black entry (a prefix of the 2-entry fixed palette: index always 0),
+  // three pixels of 10.  FS: pending 0, 70/16 = 4, 98/16 = 6 (values 10, 14,
+  // 16); next line col0 = 5*10 + 3*14, col1 = 10 + 5*14 + 3*16, col2 = 14 +
+  // 5*16.  Stucki: 0, 80/42 = 1, 128/42 = 3.  Burkes: 0, 80/32 = 2, 136/32 = 4.
+  struct Case {
+    int method;
+    std::vector<int32_t> next, after;
+  } cases[] = {
+      {DITHER_FLOYD_STEINBERG, {92, 128, 94}, {0, 0, 0}},
+      {DITHER_STUCKI, {150, 180, 168}, {75, 90, 84}},
+      {DITHER_BURKES, {156, 192, 180}, {0, 0, 0}},
+  };
+  const RGBQUAD black = q(0, 0, 0);
+  for (const Case& c : cases) {
+    const RefResult r = engine({{{10, 10, 10}, {10, 10, 10}, {10, 10, 10}}}, c.method, &black, 1, 1);
+    for (int ch = 0; ch < 3; ++ch) {
+      const auto* p = &r.pending[0][size_t(ch * 3) * 3];
+      EXPECT_EQ(std::vector<int32_t>(p, p + 3), c.next) << c.method << " channel " << ch;
+      EXPECT_EQ(std::vector<int32_t>(p + 3, p + 6), c.after) << c.method << " channel " << ch;
+    }
+  }
 }
 
 TEST(Dither, DiffusionKernelsMatchWholeImageReference) {

@@ -77,19 +77,6 @@ TEST(OptimizeQuantise, PopularityOnlyFromSixtyFourColoursOrWithFewPopular) {
   }
 }
 
-TEST(OptimizeQuantise, PopularityStopsWhenNoCellDominates) {
-  // Highest 100, second 50: 2 x 50 >= 100, so no popular split; the variance
-  // split at the mean does the work.
-  Histogram h;
-  ASSERT_TRUE(h.allocate());
-  fill(h, {{0, 0, 2, 100}, {0, 0, 0, 50}, {0, 0, 6, 50}});
-  RGBQUAD pal[4] = {};
-  uint32_t produced = 0;
-  ASSERT_EQ(vk::opt::quantise(h, 2, true, pal, &produced, nullptr), RESULT_OK);
-  // Blue mean (200 + 0 + 300) / 200 = 2: {2, 0} mean 200/150 = 1 -> 8, {6} -> 49.
-  EXPECT_EQ(blues(pal, produced), (std::vector<uint32_t>{8, 49}));
-}
-
 TEST(OptimizeQuantise, SingleCellBoxesAreNeverSplit) {
   for (uint32_t cells : {1u, 2u, 5u}) {
     Histogram h;
@@ -150,37 +137,17 @@ TEST(OptimizeQuantise, LargestVarianceBoxIsSplitFirst) {
   EXPECT_EQ(pal[2].rgbBlue, 0);
 }
 
-TEST(OptimizeSort, SelectionExchangeCarriesThePermutation) {
-  RGBQUAD p[4] = {{1, 2, 9, 0}, {5, 0, 3, 0}, {0, 7, 3, 0}, {0, 7, 3, 0}};
-  uint32_t perm[4] = {0, 1, 2, 3};
-  vk::opt::sort_palette(p, 4, perm);
-  // By red, then green, then blue (RGBQUAD is blue, green, red, reserved).
-  EXPECT_EQ(p[0].rgbBlue, 5);
-  EXPECT_EQ(p[1].rgbGreen, 7);
-  EXPECT_EQ(p[2].rgbGreen, 7);
-  EXPECT_EQ(p[3].rgbRed, 9);
-  EXPECT_EQ(perm[0], 1u);
-  EXPECT_EQ(perm[3], 0u);
-  EXPECT_EQ(perm[1] + perm[2], 5u);
-}
-
 // ---- through the public call ---------------------------------------------------
-
-TEST(OptimizedPalette, ArgumentChecks) {
-  RGBQUAD pal[16];
-  uint32_t n = 16;
-  int32_t needs = 5;
-  EXPECT_EQ(V_CreateOptimizedPalette(nullptr, pal, &n, nullptr, &needs, 0), RESULT_NO_BITMAP);
-  vkt::Bitmap b(4, 4, 24);
-  EXPECT_EQ(V_CreateOptimizedPalette(b.get(), nullptr, &n, nullptr, &needs, 0), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_CreateOptimizedPalette(b.get(), pal, nullptr, nullptr, &needs, 0), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_CreateOptimizedPalette(b.get(), pal, &n, nullptr, nullptr, 0), RESULT_BAD_PARAMETER);
-  n = 0;
-  EXPECT_EQ(V_CreateOptimizedPalette(b.get(), pal, &n, nullptr, &needs, 0), RESULT_BAD_PARAMETER);
-}
 
 TEST(OptimizedPalette, SmallPaletteSourceKeepsItsOwnEntriesUnsorted) {
   vkt::Bitmap b(8, 2, 8);
+  {
+    RGBQUAD pal[4];
+    uint32_t n = 0;
+    int32_t needs = 0;
+    EXPECT_EQ(V_CreateOptimizedPalette(nullptr, pal, &n, nullptr, &needs, 0), RESULT_NO_BITMAP);
+    EXPECT_EQ(V_CreateOptimizedPalette(b.get(), pal, &n, nullptr, &needs, 0), RESULT_BAD_PARAMETER);  // 0 colours
+  }
   std::vector<RGBQUAD> own(16);
   for (int i = 0; i < 16; ++i) own[i] = RGBQUAD{uint8_t(200 - i * 10), uint8_t(i), uint8_t(255 - i * 7), 0};
   b.set_palette(own);
