@@ -25,22 +25,9 @@ BitmapHandle Bitmap::release() {
 }
 
 void Bitmap::reset() {
-  if (owned_ && have(V_FreeBitmap)) V_FreeBitmap(&h_);
+  if (owned_) V_FreeBitmap(&h_);
   owned_ = false;
   h_ = BitmapHandle{};
-}
-
-std::string missing_core() {
-  std::string missing;
-  auto need = [&](bool ok, const char* name) {
-    if (!ok) missing += std::string(missing.empty() ? "" : ", ") + name;
-  };
-  need(have(V_CreateBitmap), "V_CreateBitmap");
-  need(have(V_FreeBitmap), "V_FreeBitmap");
-  need(have(V_PutBitmapRow), "V_PutBitmapRow");
-  need(have(V_GetBitmapRow), "V_GetBitmapRow");
-  need(have(V_GetBitmapPaletteEntries), "V_GetBitmapPaletteEntries");
-  return missing;
 }
 
 int32_t storage_row(const BitmapHandle& bm, int32_t y) {
@@ -48,8 +35,6 @@ int32_t storage_row(const BitmapHandle& bm, int32_t y) {
 }
 
 Bitmap to_bitmap(const Image& img, int memory_type) {
-  const std::string missing = missing_core();
-  if (!missing.empty()) throw LibraryError("the library lacks " + missing, RESULT_FAIL);
   if (img.bits == 3 || img.bits == 5 || img.bits == 6 || img.bits == 7 || img.bits == 12)
     throw LibraryError("unexpected picture depth", RESULT_BAD_BITS_PER_PIXEL);
   if (static_cast<uint64_t>(img.stride()) * static_cast<uint64_t>(img.height) > 0xFFFFFFFFull)
@@ -98,15 +83,11 @@ void widen12(const uint8_t* src, uint8_t* dst, int width) {
 }  // namespace
 
 Image to_image(BitmapHandle& bm) {
-  const std::string missing = missing_core();
-  if (!missing.empty()) throw LibraryError("the library lacks " + missing, RESULT_FAIL);
   if (!(bm.Flags & BITMAP_ALLOCATED)) throw LibraryError("the bitmap has no storage", RESULT_NO_BITMAP);
   if (bm.ViewPerspective != 0 && bm.ViewPerspective != 2)
     throw LibraryError("cannot save view perspective " + std::to_string(bm.ViewPerspective), RESULT_BAD_PARAMETER);
   const int bits = bm.BitsPerPixel;
   const bool order5 = bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
-  if (order5 && !have(V_ConvertBuffer))
-    throw LibraryError("the library lacks V_ConvertBuffer (needed for colour order 5)", RESULT_FAIL);
 
   Image img;
   int out_bits = bits, out_order = bm.Order;

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "image_io.h"
-#include "library.h"
+#include "vkkrn.h"
 
 namespace vkimg {
 
@@ -38,10 +38,6 @@ struct LibraryError : std::runtime_error {
   int32_t code;
   LibraryError(const std::string& what, int32_t c) : std::runtime_error(what), code(c) {}
 };
-
-// Functions the picture <-> bitmap moves need, missing from the library:
-// empty when they are all there.
-std::string missing_core();
 
 // A new bitmap of `memory_type` holding the picture (view perspective 0:
 // rows top first).  1-8-bit pictures get their palette padded to 2^bits.

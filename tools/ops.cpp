@@ -68,7 +68,7 @@ void install_interrupt_handling(bool show_progress) {
   sigaction(SIGINT, &sa, nullptr);
   g_progress.enabled = show_progress;
   if (const char* at = std::getenv("VKIMG_TEST_INTERRUPT_AT")) g_progress.interrupt_at = std::atoi(at);
-  if (have(V_SetStatusCallBack)) V_SetStatusCallBack(status_callback, 0);
+  V_SetStatusCallBack(status_callback, 0);
 }
 
 bool interrupted() { return g_interrupted != 0; }
@@ -368,18 +368,6 @@ void op_height(Context& ctx, const std::string& arg) {
   check_result(V_ChangeBitmapHeight(&bm, static_cast<int32_t>(h)), "--height " + arg);
 }
 
-bool core_ok() { return missing_core().empty(); }
-bool have_convert() { return core_ok() && have(V_ConvertBuffer); }
-bool have_gray() { return core_ok() && have(V_GrayScaleBitmap); }
-bool have_get_pixel() { return core_ok() && have(V_GetPixelColor); }
-bool have_put_pixel() { return core_ok() && have(V_PutPixelColor); }
-bool have_reduce() { return core_ok() && have(V_ColorResBitmap); }
-bool have_count() { return core_ok() && have(V_GetBitmapColorCountExt); }
-bool have_compress() { return core_ok() && have(V_ChangeBitmapCompression); }
-bool have_optimiser() { return core_ok() && have(V_CreateOptimizedPalette); }
-bool have_storage() { return core_ok() && have(V_SetBitmapMemoryInfo); }
-bool have_height() { return core_ok() && have(V_ChangeBitmapHeight); }
-
 }  // namespace
 
 uint32_t resolve_flags(const Settings& s, int bits, bool gray) {
@@ -401,29 +389,19 @@ uint32_t resolve_flags(const Settings& s, int bits, bool gray) {
 
 const std::vector<OpInfo>& operations() {
   static const std::vector<OpInfo> kOps = {
-      {"--info", nullptr, "print size, depth, order, palette, storage, memory info and colour count", core_ok,
-       op_info, "row access"},
+      {"--info", nullptr, "print size, depth, order, palette, storage, memory info and colour count", op_info},
       {"--convert", "BITS[:ORDER]", "convert rows to BITS (0-8,12,16,24,32,48,64); ORDER rgb|bgr|gray|alt",
-       have_convert, op_convert, "V_ConvertBuffer"},
-      {"--gray", "8|12|16", "turn the image into gray of 8, 12 or 16 bits", have_gray, op_gray, "V_GrayScaleBitmap"},
-      {"--get-pixel", "X,Y", "print the colour of the pixel at X,Y (0,0 = top left)", have_get_pixel, op_get_pixel,
-       "V_GetPixelColor"},
-      {"--put-pixel", "X,Y=COLOUR", "set a pixel: #RRGGBB, R,G,B, index:N, gray16:N or 0xVALUE", have_put_pixel,
-       op_put_pixel, "V_PutPixelColor"},
-      {"--reduce", "BITS[:gray]", "colour-resolve to BITS per pixel (see --dither, --palette, --colors)",
-       have_reduce, op_reduce, "V_ColorResBitmap"},
-      {"--count-colors", nullptr, "print the number of distinct colours", have_count, op_count_colors,
-       "V_GetBitmapColorCountExt"},
-      {"--optimised-palette", "N", "print the palette of up to N colours the optimiser picks", have_optimiser,
-       op_optimised_palette, "V_CreateOptimizedPalette"},
-      {"--compress", nullptr, "keep a 1-bit image in compressed (run-length) storage", have_compress, op_compress,
-       "V_ChangeBitmapCompression"},
-      {"--decompress", nullptr, "back from compressed to plain storage", have_compress, op_decompress,
-       "V_ChangeBitmapCompression"},
-      {"--storage", "TYPE", "move the pixels to storage of memory type TYPE (1, 4 tiles, 128 disk, ...)",
-       have_storage, op_storage, "V_SetBitmapMemoryInfo"},
-      {"--height", "N", "keep the top N rows, or add blank rows at the bottom", have_height, op_height,
-       "V_ChangeBitmapHeight"},
+       op_convert},
+      {"--gray", "8|12|16", "turn the image into gray of 8, 12 or 16 bits", op_gray},
+      {"--get-pixel", "X,Y", "print the colour of the pixel at X,Y (0,0 = top left)", op_get_pixel},
+      {"--put-pixel", "X,Y=COLOUR", "set a pixel: #RRGGBB, R,G,B, index:N, gray16:N or 0xVALUE", op_put_pixel},
+      {"--reduce", "BITS[:gray]", "colour-resolve to BITS per pixel (see --dither, --palette, --colors)", op_reduce},
+      {"--count-colors", nullptr, "print the number of distinct colours", op_count_colors},
+      {"--optimised-palette", "N", "print the palette of up to N colours the optimiser picks", op_optimised_palette},
+      {"--compress", nullptr, "keep a 1-bit image in compressed (run-length) storage", op_compress},
+      {"--decompress", nullptr, "back from compressed to plain storage", op_decompress},
+      {"--storage", "TYPE", "move the pixels to storage of memory type TYPE (1, 4 tiles, 128 disk, ...)", op_storage},
+      {"--height", "N", "keep the top N rows, or add blank rows at the bottom", op_height},
   };
   return kOps;
 }
@@ -437,10 +415,6 @@ const OpInfo* find_operation(const std::string& option) {
 void run_step(Context& ctx, const Step& step) {
   const OpInfo* op = find_operation(step.option);
   if (!op) throw UsageError("unknown operation " + step.option);
-  if (!op->available())
-    throw LibraryError(step.option + " is not available: the library lacks " +
-                           (core_ok() ? std::string(op->needs) : missing_core()),
-                       RESULT_FAIL);
   progress_begin(step.text());
   op->run(ctx, step.arg);
   progress_end();
@@ -467,19 +441,17 @@ std::string storage_report(BitmapHandle& bm) {
   std::ostringstream s;
   s << "  storage: " << storage_kind(bm.Flags) << ", " << bm.Size << " bytes, " << bm.BytesPerLine
     << " bytes per line, flags 0x" << std::hex << bm.Flags << std::dec << " (" << flag_names(bm.Flags) << ")\n";
-  if (have(V_GetBitmapMemoryInfo)) {
-    int32_t type = 0;
-    uint32_t tile = 0, total = 0, memory = 0, most = 0, mapped = 0;
-    const int32_t r = V_GetBitmapMemoryInfo(&bm, &type, &tile, &total, &memory, &most, &mapped);
-    if (r == RESULT_OK) {
-      s << "  memory info: type " << type;
-      if (type == TYPE_TILED)
-        s << ", tile size " << tile << " bytes, " << total << " tiles (" << memory << " in memory, " << mapped
-          << " of at most " << most << " disk tiles mapped)";
-      s << "\n";
-    } else {
-      s << "  memory info: " << describe_result(r) << "\n";
-    }
+  int32_t type = 0;
+  uint32_t tile = 0, total = 0, memory = 0, most = 0, mapped = 0;
+  const int32_t r = V_GetBitmapMemoryInfo(&bm, &type, &tile, &total, &memory, &most, &mapped);
+  if (r == RESULT_OK) {
+    s << "  memory info: type " << type;
+    if (type == TYPE_TILED)
+      s << ", tile size " << tile << " bytes, " << total << " tiles (" << memory << " in memory, " << mapped
+        << " of at most " << most << " disk tiles mapped)";
+    s << "\n";
+  } else {
+    s << "  memory info: " << describe_result(r) << "\n";
   }
   return s.str();
 }
@@ -492,17 +464,15 @@ std::string describe_bitmap(const BitmapHandle& cbm, const std::string& name, bo
   s << ", view perspective " << bm.ViewPerspective << ", " << bm.XResolution << "x" << bm.YResolution << " dpi\n";
   if (bm.BitsPerPixel <= 8) {
     s << "  palette: " << bm.ColorCount << " entries" << ((bm.Flags & PALETTE_IS_TABLE) ? " (table)" : "");
-    if (have(V_IsGrayScaleBitmap)) {
-      static constexpr const char* kGray[] = {"colour", "gray ramp", "inverted gray ramp", "gray"};
-      const int32_t g = V_IsGrayScaleBitmap(&bm);
-      if (g >= 0 && g <= 3) s << ", " << kGray[g];
-    }
+    static constexpr const char* kGray[] = {"colour", "gray ramp", "inverted gray ramp", "gray"};
+    const int32_t g = V_IsGrayScaleBitmap(&bm);
+    if (g >= 0 && g <= 3) s << ", " << kGray[g];
     s << "\n";
   } else if (bm.Order == ORDER_GRAY) {
     s << "  gray bits: " << bm.LowBit << ".." << bm.HighBit << "\n";
   }
   s << storage_report(bm);
-  if (count_colours && have(V_GetBitmapColorCountExt)) {
+  if (count_colours) {
     uint32_t count = 0;
     progress_begin("counting colours");
     const int32_t r = V_GetBitmapColorCountExt(&bm, &count, nullptr);

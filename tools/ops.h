@@ -75,9 +75,7 @@ struct OpInfo {
   const char* option;
   const char* arg;  // null: takes no argument
   const char* help;
-  bool (*available)();
   void (*run)(Context&, const std::string& arg);
-  const char* needs;  // the library functions it calls, for messages
 };
 
 const std::vector<OpInfo>& operations();

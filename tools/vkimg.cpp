@@ -65,13 +65,13 @@ constexpr OptionInfo kSettings[] = {
     {"--no-progress", nullptr, "never draw the progress bar"},
     {"-q", nullptr, "no notes on standard error"},
     {"--version", nullptr, "print the library's version record"},
-    {"--help", nullptr, "this text (--help-all also lists operations this library build lacks)"},
+    {"--help", nullptr, "this text"},
 };
 
 bool is_setting(const std::string& o) {
   for (const auto& s : kSettings)
     if (o == s.option) return true;
-  return o == "--quiet" || o == "-h" || o == "--help-all" || o == "-V";
+  return o == "--quiet" || o == "-h" || o == "-V";
 }
 
 bool setting_takes_arg(const std::string& o) {
@@ -80,7 +80,7 @@ bool setting_takes_arg(const std::string& o) {
   return false;
 }
 
-void print_help(std::ostream& out, bool all) {
+void print_help(std::ostream& out) {
   out << "usage: vkimg [SETTINGS] INPUT [OPERATIONS...] [-o] OUTPUT\n"
          "       vkimg [--demo] [DIR]\n"
          "       vkimg info FILE...\n"
@@ -90,10 +90,7 @@ void print_help(std::ostream& out, bool all) {
          "\nOperations (run in the order given):\n";
   char line[256];
   for (const OpInfo& op : operations()) {
-    const bool ok = op.available();
-    if (!ok && !all) continue;
-    std::snprintf(line, sizeof line, "  %-14s %-13s %s%s\n", op.option, op.arg ? op.arg : "", op.help,
-                  ok ? "" : " (unavailable)");
+    std::snprintf(line, sizeof line, "  %-14s %-13s %s\n", op.option, op.arg ? op.arg : "", op.help);
     out << line;
   }
   out << "\nSettings:\n";
@@ -102,21 +99,9 @@ void print_help(std::ostream& out, bool all) {
     out << line;
   }
   out << "\nExit status: 0 success, 1 failure, 2 usage error, 130 cancelled (Ctrl-C).\n";
-  if (all) {
-    std::string missing;
-#define VKIMG_LIST_MISSING(fn) \
-  if (!have(fn)) missing += " " #fn;
-    VKIMG_LIBRARY_FUNCTIONS(VKIMG_LIST_MISSING)
-#undef VKIMG_LIST_MISSING
-    out << "\nLibrary functions this build lacks:" << (missing.empty() ? " none" : missing) << "\n";
-  }
 }
 
 void print_version(std::ostream& out) {
-  if (!have(V_VersionInfo)) {
-    out << "vkimg (library version record not available)\n";
-    return;
-  }
   VersionInfo v{};
   check_result(V_VersionInfo(&v), "V_VersionInfo");
   out << "vkimg, library " << v.MajorVersion << "." << v.MinorVersion << " level " << v.Level << ": "
@@ -127,7 +112,7 @@ void print_version(std::ostream& out) {
 
 // ---- argument parsing ----
 
-Command parse(int argc, char** argv, bool& help, bool& help_all, bool& version) {
+Command parse(int argc, char** argv, bool& help, bool& version) {
   Command cmd;
   std::vector<std::string> args(argv + 1, argv + argc);
   size_t i = 0;
@@ -191,7 +176,6 @@ Command parse(int argc, char** argv, bool& help, bool& help_all, bool& version) 
     else if (opt == "--no-progress") cmd.progress = 0;
     else if (opt == "-q" || opt == "--quiet") cmd.quiet = true;
     else if (opt == "--help" || opt == "-h") help = true;
-    else if (opt == "--help-all") help = help_all = true;
     else if (opt == "--version" || opt == "-V") version = true;
   }
   return cmd;
@@ -199,7 +183,6 @@ Command parse(int argc, char** argv, bool& help, bool& help_all, bool& version) 
 
 void apply_global_settings(Command& cmd) {
   if (!cmd.thresholds.empty()) {
-    if (!have(V_SetMemoryThresholds)) throw LibraryError("--thresholds: the library lacks V_SetMemoryThresholds", RESULT_FAIL);
     int32_t v[5] = {0, 0, 0, 0, 0};
     uint32_t which = 0;
     std::stringstream in(cmd.thresholds);
@@ -212,7 +195,6 @@ void apply_global_settings(Command& cmd) {
     check_result(V_SetMemoryThresholds(v[0], v[1], v[2], v[3], v[4], which), "--thresholds " + cmd.thresholds);
   }
   if (!cmd.temp_dir.empty()) {
-    if (!have(V_SetTempDirectory)) throw LibraryError("--temp-dir: the library lacks V_SetTempDirectory", RESULT_FAIL);
     check_result(V_SetTempDirectory(cmd.temp_dir.c_str()), "--temp-dir " + cmd.temp_dir);
   }
   if (cmd.settings.palette == PaletteMode::user) load_palette_file(cmd.settings);
@@ -257,11 +239,6 @@ int run_pipeline(Command& cmd) {
   } else {
     format_for_path(cmd.output);
   }
-  for (const Step& s : cmd.steps) {
-    const OpInfo* op = find_operation(s.option);
-    if (!op->available())
-      throw LibraryError(s.option + " is not available in this library build (needs " + op->needs + ")", RESULT_FAIL);
-  }
   Context ctx{Bitmap{}, input, cmd.settings, &std::cout};
   const Image img = read_image(input);
   try {
@@ -300,8 +277,6 @@ int run_info_files(Command& cmd) {
 
 int run_storage(Command& cmd) {
   if (cmd.positional.size() != 1) throw UsageError("storage takes one WIDTHxHEIGHTxBPP");
-  if (!have(V_CreateBitmap) || !have(V_FreeBitmap))
-    throw LibraryError("storage: the library lacks V_CreateBitmap", RESULT_FAIL);
   const std::string& spec = cmd.positional[0];
   const size_t x1 = spec.find('x'), x2 = spec.find('x', x1 == std::string::npos ? 0 : x1 + 1);
   if (x1 == std::string::npos || x2 == std::string::npos) throw UsageError("storage takes WIDTHxHEIGHTxBPP, e.g. 4000x3000x24");
@@ -319,12 +294,10 @@ int run_storage(Command& cmd) {
   if (bm.allocated()) bm.adopt();
   check_result(r, "storage " + spec + " with memory type " + std::to_string(type));
   std::cout << spec << " asked with memory type " << type << ":\n" << storage_report(*bm.get());
-  if (have(V_GetMemoryThresholds)) {
-    int32_t reserve = 0, tiled = 0, tile = 0, mem = 0, mapped = 0;
-    V_GetMemoryThresholds(&reserve, &tiled, &tile, &mem, &mapped);
-    std::cout << "  thresholds: reserve " << reserve << ", tiled above " << tiled << ", tile size " << tile
-              << ", memory tiles " << mem << ", mapped tiles " << mapped << "\n";
-  }
+  int32_t reserve = 0, tiled = 0, tile = 0, mem = 0, mapped = 0;
+  V_GetMemoryThresholds(&reserve, &tiled, &tile, &mem, &mapped);
+  std::cout << "  thresholds: reserve " << reserve << ", tiled above " << tiled << ", tile size " << tile
+            << ", memory tiles " << mem << ", mapped tiles " << mapped << "\n";
   return kExitOk;
 }
 
@@ -332,20 +305,13 @@ int run_storage(Command& cmd) {
 struct ListGuard {
   BitmapList list = nullptr;
   ~ListGuard() {
-    if (list && have(V_DestroyBitmapList)) V_DestroyBitmapList(list);
+    if (list) V_DestroyBitmapList(list);
   }
 };
-
-bool have_list() {
-  return missing_core().empty() && have(V_CreateBitmapList) && have(V_DestroyBitmapList) &&
-         have(V_InsertBitmapListItem) && have(V_GetBitmapListItem) && have(V_GetBitmapListCount) &&
-         have(V_ColorResBitmapList);
-}
 
 // Resolves every input with one shared palette; writes DIR/<input name>.
 void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, int bits, const Settings& settings,
                  const std::vector<std::string>& outputs, bool quiet) {
-  if (!have_list()) throw LibraryError("--list: the library lacks bitmap lists or V_ColorResBitmapList", RESULT_FAIL);
   ListGuard guard;
   check_result(V_CreateBitmapList(&guard.list), "creating the bitmap list");
   for (const auto& [name, img] : inputs) {
@@ -450,8 +416,6 @@ int run_demo(Command& cmd) {
                        : !cmd.output.empty()   ? fs::path(cmd.output)
                                                : fs::path("out");
   fs::create_directories(dir);
-  const std::string missing = missing_core();
-  if (!missing.empty()) throw LibraryError("the demo needs the library's " + missing, RESULT_FAIL);
 
   progress_begin("making the default picture");
   const Image img = make_demo_image(cmd.demo_width, cmd.demo_height);
@@ -468,8 +432,6 @@ int run_demo(Command& cmd) {
     status = kExitFailure;
   };
   auto run = [&](const std::string& file, std::vector<Step> steps, Settings s) {
-    for (const Step& st : steps)
-      if (!find_operation(st.option)->available()) return;  // not in this library build yet
     const std::string path = (dir / file).string();
     try {
       Context ctx{to_bitmap(img, cmd.settings.memory_type), file, s, &text};
@@ -499,14 +461,13 @@ int run_demo(Command& cmd) {
   try {
     Context ctx{to_bitmap(img, cmd.settings.memory_type), "default.png", cmd.settings, &text};
     run_step(ctx, Step{"--info", ""});
-    if (find_operation("--optimised-palette")->available()) run_step(ctx, Step{"--optimised-palette", "16"});
-    if (find_operation("--get-pixel")->available())
-      for (const char* xy : {"0,0", "100,100", "1024,400"}) {
-        const auto comma = std::string(xy).find(',');
-        if (std::stol(std::string(xy).substr(0, comma)) < img.width &&
-            std::stol(std::string(xy).substr(comma + 1)) < img.height)
-          run_step(ctx, Step{"--get-pixel", xy});
-      }
+    run_step(ctx, Step{"--optimised-palette", "16"});
+    for (const char* xy : {"0,0", "100,100", "1024,400"}) {
+      const auto comma = std::string(xy).find(',');
+      if (std::stol(std::string(xy).substr(0, comma)) < img.width &&
+          std::stol(std::string(xy).substr(comma + 1)) < img.height)
+        run_step(ctx, Step{"--get-pixel", xy});
+    }
   } catch (const Cancelled&) {
     throw;
   } catch (const std::exception& e) {
@@ -530,21 +491,19 @@ int run_demo(Command& cmd) {
   }
 
   // Three tinted frames with one shared palette.
-  if (have_list()) {
-    try {
-      std::vector<std::pair<std::string, Image>> frames = {
-          {"list-0.png", img}, {"list-1.png", tinted(img, 40, 0, -30)}, {"list-2.png", tinted(img, -30, 10, 40)}};
-      std::vector<std::string> outs;
-      for (const auto& f : frames) outs.push_back((dir / f.first).string());
-      Settings s = cmd.settings;
-      s.dither = DITHER_FLOYD_STEINBERG;
-      reduce_list(frames, 8, s, outs, true);
-      for (const auto& o : outs) std::cout << o << "\n";
-    } catch (const Cancelled&) {
-      throw;
-    } catch (const std::exception& e) {
-      fail(std::string("list: ") + e.what());
-    }
+  try {
+    std::vector<std::pair<std::string, Image>> frames = {
+        {"list-0.png", img}, {"list-1.png", tinted(img, 40, 0, -30)}, {"list-2.png", tinted(img, -30, 10, 40)}};
+    std::vector<std::string> outs;
+    for (const auto& f : frames) outs.push_back((dir / f.first).string());
+    Settings s = cmd.settings;
+    s.dither = DITHER_FLOYD_STEINBERG;
+    reduce_list(frames, 8, s, outs, true);
+    for (const auto& o : outs) std::cout << o << "\n";
+  } catch (const Cancelled&) {
+    throw;
+  } catch (const std::exception& e) {
+    fail(std::string("list: ") + e.what());
   }
   text.close();
   std::cout << (dir / "report.txt").string() << "\n";
@@ -552,10 +511,10 @@ int run_demo(Command& cmd) {
 }
 
 int main_checked(int argc, char** argv) {
-  bool help = false, help_all = false, version = false;
-  Command cmd = parse(argc, argv, help, help_all, version);
+  bool help = false, version = false;
+  Command cmd = parse(argc, argv, help, version);
   if (help) {
-    print_help(std::cout, help_all);
+    print_help(std::cout);
     return kExitOk;
   }
   if (version) {
