@@ -451,6 +451,11 @@ int32_t resolve_list(BitmapList list, int32_t bits, uint32_t flags, RGBQUAD* pal
         VK_TRY(V_CreateBitmapListOptPal(list, colours, &produced, l.contiguous ? &table : nullptr, &needs,
                                         (flags & RESOLVE_FEW_POPULAR) ? 1 : 0));
       }
+      // Filling the free entries from the last one backwards with the
+      // optimiser's colours taken from its last one backwards gives this same
+      // layout whenever every free entry is filled.  When exact colours leave
+      // some free entries over, filling from the front keeps the unused ones
+      // at the tail, which is what the reduced colour count drops.
       fill_free(l, colours, produced);
       if (needs == 0 && produced < l.free_count && l.contiguous && l.last_free == n - 1)
         l.count = n - (l.free_count - produced);
