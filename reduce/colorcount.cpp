@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "core.h"
+#include "packing.h"
 
 namespace vk {
 namespace {
@@ -25,23 +26,6 @@ inline RGBQUAD quad(uint8_t r, uint8_t g, uint8_t b) {
   q.rgbBlue = b;
   q.rgbReserved = 0;
   return q;
-}
-
-// A pixel of 1-8 bits from a continuous MSB-first bit stream.  A pixel that
-// crosses a byte boundary is read from two bytes taken big-endian; the row
-// buffer has slack so the second byte is always readable.
-template <int B>
-inline uint32_t packed_pixel(const uint8_t* row, uint32_t x) {
-  if constexpr (B == 8) {
-    return row[x];
-  } else if constexpr (B == 1 || B == 2 || B == 4) {
-    const uint32_t bit = x * B;
-    return (row[bit >> 3] >> (8 - B - (bit & 7))) & ((1u << B) - 1);
-  } else {
-    const uint32_t bit = x * B;
-    const uint32_t word = (static_cast<uint32_t>(row[bit >> 3]) << 8) | row[(bit >> 3) + 1];
-    return (word >> (16 - B - (bit & 7))) & ((1u << B) - 1);
-  }
 }
 
 // ---- pixel readers: key = colour value k, colour = the entry to report ------

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "core.h"
+#include "packing.h"
 
 namespace vk::opt {
 
@@ -44,21 +45,6 @@ void Histogram::halve() {
 }
 
 namespace {
-
-template <int B>
-inline uint32_t packed_pixel(const uint8_t* row, uint32_t x) {
-  if constexpr (B == 8) {
-    return row[x];
-  } else if constexpr (B == 1 || B == 2 || B == 4) {
-    const uint32_t bit = x * B;
-    return (row[bit >> 3] >> (8 - B - (bit & 7))) & ((1u << B) - 1);
-  } else {
-    // Crosses byte boundaries: two bytes big-endian (the buffer has slack).
-    const uint32_t bit = x * B;
-    const uint32_t word = (static_cast<uint32_t>(row[bit >> 3]) << 8) | row[(bit >> 3) + 1];
-    return (word >> (16 - B - (bit & 7))) & ((1u << B) - 1);
-  }
-}
 
 inline uint32_t le16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8); }
 

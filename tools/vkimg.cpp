@@ -277,23 +277,23 @@ int run_info_files(Command& cmd) {
 
 int run_storage(Command& cmd) {
   if (cmd.positional.size() != 1) throw UsageError("storage takes one WIDTHxHEIGHTxBPP");
-  const std::string& spec = cmd.positional[0];
-  const size_t x1 = spec.find('x'), x2 = spec.find('x', x1 == std::string::npos ? 0 : x1 + 1);
+  const std::string& size_text = cmd.positional[0];
+  const size_t x1 = size_text.find('x'), x2 = size_text.find('x', x1 == std::string::npos ? 0 : x1 + 1);
   if (x1 == std::string::npos || x2 == std::string::npos) throw UsageError("storage takes WIDTHxHEIGHTxBPP, e.g. 4000x3000x24");
-  const long w = parse_long(spec.substr(0, x1), "width", 1, INT32_MAX);
-  const long h = parse_long(spec.substr(x1 + 1, x2 - x1 - 1), "height", 1, INT32_MAX);
-  const long bpp = parse_long(spec.substr(x2 + 1), "bits per pixel", 1, 64);
+  const long w = parse_long(size_text.substr(0, x1), "width", 1, INT32_MAX);
+  const long h = parse_long(size_text.substr(x1 + 1, x2 - x1 - 1), "height", 1, INT32_MAX);
+  const long bpp = parse_long(size_text.substr(x2 + 1), "bits per pixel", 1, 64);
   const uint64_t size = Image::stride_for(static_cast<int>(std::min<long>(w, INT32_MAX)), static_cast<int>(bpp)) *
                         static_cast<uint64_t>(h);
   if (size > 0xFFFFFFFFull)
-    throw UsageError("storage: " + spec + " needs " + std::to_string(size) + " bytes, more than a bitmap holds (4 GiB)");
+    throw UsageError("storage: " + size_text + " needs " + std::to_string(size) + " bytes, more than a bitmap holds (4 GiB)");
   const int type = cmd.storage_type ? cmd.storage_type : cmd.settings.memory_type;
   Bitmap bm;
   const int32_t r = V_CreateBitmap(bm.get(), type, static_cast<int32_t>(w), static_cast<int32_t>(h),
                                    static_cast<int32_t>(bpp), bpp > 8 ? ORDER_BGR : ORDER_RGB, nullptr, 0, nullptr, 0);
   if (bm.allocated()) bm.adopt();
-  check_result(r, "storage " + spec + " with memory type " + std::to_string(type));
-  std::cout << spec << " asked with memory type " << type << ":\n" << storage_report(*bm.get());
+  check_result(r, "storage " + size_text + " with memory type " + std::to_string(type));
+  std::cout << size_text << " asked with memory type " << type << ":\n" << storage_report(*bm.get());
   int32_t reserve = 0, tiled = 0, tile = 0, mem = 0, mapped = 0;
   V_GetMemoryThresholds(&reserve, &tiled, &tile, &mem, &mapped);
   std::cout << "  thresholds: reserve " << reserve << ", tiled above " << tiled << ", tile size " << tile
