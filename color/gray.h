@@ -28,7 +28,7 @@ struct Range {
 inline Range range(int32_t bits, int32_t max_bits, int32_t low_bit, int32_t high_bit) {
   GrayRange r;
   if (!gray_range(bits, max_bits, low_bit, high_bit, r) || r.count > 16 || r.shift < 0 || r.shift > 16)
-    return Range{bits, (1u << bits) - 1u, 0};
+    return Range{bits, bits >= 32 ? 0xFFFFFFFFu : (1u << bits) - 1u, 0};
   return Range{r.count, r.mask, r.shift};
 }
 

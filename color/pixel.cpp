@@ -128,7 +128,8 @@ uint32_t get_pixel_color(BitmapHandle* b, int32_t row, int32_t column) {
   uint32_t colours = 0;
   if (bits <= 8) colours = palette_for(b, pal);
   const bool gray = bits == 12 || (bits == 16 && b->Order == ORDER_GRAY);
-  const gray::Range range = gray::range(bits, bits, b->LowBit, b->HighBit);
+  // The bit range only means something for gray samples.
+  const gray::Range range = gray ? gray::range(bits, bits, b->LowBit, b->HighBit) : gray::Range{bits, 0, 0};
 
   uint8_t p[8] = {};
   {
