@@ -107,6 +107,38 @@ int32_t check_run(ListHeader* hdr, uint32_t index, uint32_t count, uint32_t* n) 
   return RESULT_OK;
 }
 
+// A list being made by copy or move: destroyed with whatever items it got
+// unless it is handed to the caller.
+class NewList {
+ public:
+  NewList() = default;
+  NewList(const NewList&) = delete;
+  NewList& operator=(const NewList&) = delete;
+  ~NewList() {
+    if (hdr_) destroy_list(hdr_);
+  }
+  int32_t create() { return create_list(&handle_, &hdr_); }
+  ListHeader* operator->() const { return hdr_; }
+  ListHeader* get() const { return hdr_; }
+  BitmapList release() {
+    hdr_ = nullptr;
+    return handle_;
+  }
+
+ private:
+  BitmapList handle_ = nullptr;
+  ListHeader* hdr_ = nullptr;
+};
+
+// Shared start of copy and move: the source header, the output pointer and
+// the run of items (n = how many the run really covers).
+int32_t open_run(BitmapList list, const BitmapList* new_list, uint32_t index, uint32_t count, ListHeader** hdr,
+                 uint32_t* n) {
+  *hdr = header_of(list);
+  if (!*hdr || !new_list) return RESULT_BAD_PARAMETER;
+  return check_run(*hdr, index, count, n);
+}
+
 }  // namespace
 }  // namespace vk
 
@@ -197,47 +229,37 @@ VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, 
 
 VK_API int32_t VK_CALL V_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count) {
   return vk::api_call([&]() -> int32_t {
-    ListHeader* hdr = vk::header_of(list);
-    if (!hdr || !newList) return RESULT_BAD_PARAMETER;
+    ListHeader* hdr = nullptr;
     uint32_t n = 0;
-    VK_TRY(vk::check_run(hdr, index, count, &n));
-    BitmapList made = nullptr;
-    ListHeader* dst = nullptr;
-    if (vk::create_list(&made, &dst) != RESULT_OK) return RESULT_FAIL;
+    VK_TRY(vk::open_run(list, newList, index, count, &hdr, &n));
+    vk::NewList dst;
+    if (dst.create() != RESULT_OK) return RESULT_FAIL;
     for (uint32_t i = 0; i < n; ++i) {
       BitmapHandle copy;
       std::memset(&copy, 0, sizeof copy);
       // The source record is passed in place: reading it may refresh its row
       // cache, which is part of the list's own record.
-      int32_t r = V_CopyBitmap(&copy, hdr->items + index + i);
-      if (r == RESULT_OK) {
-        r = vk::insert_item(dst, UINT32_MAX, &copy);
-        if (r != RESULT_OK) V_FreeBitmap(&copy);
-      }
+      VK_TRY(V_CopyBitmap(&copy, hdr->items + index + i));
+      const int32_t r = vk::insert_item(dst.get(), UINT32_MAX, &copy);
       if (r != RESULT_OK) {
-        vk::destroy_list(dst);
+        V_FreeBitmap(&copy);
         return r;
       }
     }
-    *newList = made;
+    *newList = dst.release();
     return RESULT_OK;
   });
 }
 
 VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count) {
   return vk::api_call([&]() -> int32_t {
-    ListHeader* hdr = vk::header_of(list);
-    if (!hdr || !newList) return RESULT_BAD_PARAMETER;
+    ListHeader* hdr = nullptr;
     uint32_t n = 0;
-    VK_TRY(vk::check_run(hdr, index, count, &n));
-    BitmapList made = nullptr;
-    ListHeader* dst = nullptr;
-    if (vk::create_list(&made, &dst) != RESULT_OK) return RESULT_FAIL;
+    VK_TRY(vk::open_run(list, newList, index, count, &hdr, &n));
+    vk::NewList dst;
+    if (dst.create() != RESULT_OK) return RESULT_FAIL;
     void* items = V_OsAlloc(static_cast<size_t>(n) * sizeof(BitmapHandle));
-    if (!items) {
-      vk::destroy_list(dst);
-      return RESULT_FAIL;
-    }
+    if (!items) return RESULT_FAIL;
     // Records move byte for byte: ownership of their storage goes with them.
     std::memcpy(items, hdr->items + index, static_cast<size_t>(n) * sizeof(BitmapHandle));
     dst->items = static_cast<BitmapHandle*>(items);
@@ -246,7 +268,7 @@ VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList lis
                  static_cast<size_t>(hdr->count - index - n) * sizeof(BitmapHandle));
     hdr->count -= n;
     vk::shrink_items(hdr);
-    *newList = made;
+    *newList = dst.release();
     return RESULT_OK;
   });
 }
