@@ -161,34 +161,41 @@ int32_t Progress::finish() {
 }  // namespace vk
 
 // ---- status callbacks ------------------------------------------------------------------
+namespace {
+using CallbackField = StatusCallback ThreadSettings::*;
+using DataField = intptr_t ThreadSettings::*;
+
+StatusCallback set_callback(CallbackField proc, DataField data, StatusCallback callback, intptr_t userData) {
+  ThreadSettings& s = vk::settings();
+  StatusCallback old = s.*proc;
+  s.*proc = callback;
+  s.*data = userData;
+  return old;
+}
+
+StatusCallback get_callback(CallbackField proc, DataField data, intptr_t* userData) {
+  ThreadSettings& s = vk::settings();
+  if (userData) *userData = s.*data;
+  return s.*proc;
+}
+}  // namespace
+
 extern "C" {
 
 VK_API StatusCallback VK_CALL V_SetStatusCallBack(StatusCallback callback, intptr_t userData) {
-  ThreadSettings& s = vk::settings();
-  StatusCallback old = s.StatusProc;
-  s.StatusProc = callback;
-  s.StatusData = userData;
-  return old;
+  return set_callback(&ThreadSettings::StatusProc, &ThreadSettings::StatusData, callback, userData);
 }
 
 VK_API StatusCallback VK_CALL V_GetStatusCallBack(intptr_t* userData) {
-  ThreadSettings& s = vk::settings();
-  if (userData) *userData = s.StatusData;
-  return s.StatusProc;
+  return get_callback(&ThreadSettings::StatusProc, &ThreadSettings::StatusData, userData);
 }
 
 VK_API StatusCallback VK_CALL V_SetCopyStatusCallBack(StatusCallback callback, intptr_t userData) {
-  ThreadSettings& s = vk::settings();
-  StatusCallback old = s.CopyStatusProc;
-  s.CopyStatusProc = callback;
-  s.CopyStatusData = userData;
-  return old;
+  return set_callback(&ThreadSettings::CopyStatusProc, &ThreadSettings::CopyStatusData, callback, userData);
 }
 
 VK_API StatusCallback VK_CALL V_GetCopyStatusCallBack(intptr_t* userData) {
-  ThreadSettings& s = vk::settings();
-  if (userData) *userData = s.CopyStatusData;
-  return s.CopyStatusProc;
+  return get_callback(&ThreadSettings::CopyStatusProc, &ThreadSettings::CopyStatusData, userData);
 }
 
 }  // extern "C"
