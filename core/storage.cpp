@@ -127,21 +127,12 @@ int32_t try_tiles(BitmapHandle& n, uint64_t tile_bytes, uint64_t usable) {
 int32_t try_disk(BitmapHandle& n) {
   const uint64_t size = n.Size;
   if (size > INT32_MAX) return RESULT_FAIL;  // file offsets are 32-bit signed
-  char name[VK_MAX_PATH];
-  name[0] = '\0';
-  V_OsGetTempName(name);
-  if (name[0] == '\0') return RESULT_FAIL;
-  const VK_FILE f = V_OsCreat(name, VK_CREAT_DELETE_ON_CLOSE);
-  if (f == -1) {
-    V_OsDelete(name);
-    return RESULT_FAIL;
-  }
+  // The same temp file a disk tile gets (named, created delete-on-close,
+  // extended by one byte at size - 1)...
+  const VK_FILE f = tiles::make_temp_file(size);
+  if (f == -1) return RESULT_FAIL;
+  // ...then one zero byte more at Size.
   static const uint8_t zero = 0;
-  const auto last = static_cast<int32_t>(size - 1);
-  if (V_OsSeek(f, last, VK_SEEK_SET, 0) != last || V_OsWrite(f, &zero, 1, 0) != 1) {
-    V_OsClose(f, 0);
-    return RESULT_FAIL;
-  }
   if (V_OsSeek(f, static_cast<int32_t>(size), VK_SEEK_SET, 0) != static_cast<int32_t>(size)) {
     V_OsClose(f, 0);
     return RESULT_FAIL;
@@ -602,26 +593,24 @@ VK_API int32_t VK_CALL V_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t newHei
 VK_API int32_t VK_CALL V_SetMemoryThresholds(int32_t memoryReserve, int32_t tiledThreshold, int32_t tileSize,
                                              int32_t memoryTileLimit, int32_t mappedTileLimit,
                                              uint32_t whichValues) {
+  // Tested in bit order; a refused value stops the call, and the values
+  // stored before it stay stored.
+  const struct {
+    uint32_t bit;
+    int32_t value, minimum;
+    int32_t ThreadSettings::*field;
+  } items[] = {
+      {THRESHOLD_MEMORY_RESERVE, memoryReserve, -100, &ThreadSettings::MemoryReserve},
+      {THRESHOLD_TILED, tiledThreshold, -100, &ThreadSettings::TiledThreshold},
+      {THRESHOLD_TILE_SIZE, tileSize, 0, &ThreadSettings::TileSize},
+      {THRESHOLD_MEMORY_TILES, memoryTileLimit, -100, &ThreadSettings::MemoryTileLimit},
+      {THRESHOLD_MAPPED_TILES, mappedTileLimit, -100, &ThreadSettings::MappedTileLimit},
+  };
   ThreadSettings& s = settings();
-  if (whichValues & THRESHOLD_MEMORY_RESERVE) {
-    if (memoryReserve < -100) return RESULT_BAD_PARAMETER;
-    s.MemoryReserve = memoryReserve;
-  }
-  if (whichValues & THRESHOLD_TILED) {
-    if (tiledThreshold < -100) return RESULT_BAD_PARAMETER;
-    s.TiledThreshold = tiledThreshold;
-  }
-  if (whichValues & THRESHOLD_TILE_SIZE) {
-    if (tileSize < 0) return RESULT_BAD_PARAMETER;
-    s.TileSize = tileSize;
-  }
-  if (whichValues & THRESHOLD_MEMORY_TILES) {
-    if (memoryTileLimit < -100) return RESULT_BAD_PARAMETER;
-    s.MemoryTileLimit = memoryTileLimit;
-  }
-  if (whichValues & THRESHOLD_MAPPED_TILES) {
-    if (mappedTileLimit < -100) return RESULT_BAD_PARAMETER;
-    s.MappedTileLimit = mappedTileLimit;
+  for (const auto& item : items) {
+    if (!(whichValues & item.bit)) continue;
+    if (item.value < item.minimum) return RESULT_BAD_PARAMETER;
+    s.*item.field = item.value;
   }
   return RESULT_OK;
 }
