@@ -3,6 +3,7 @@
 #ifdef VKIMG_HAVE_TOOL
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -278,6 +279,60 @@ TEST(CliCodec, TruncatedAndCorruptFilesFailCleanly) {
       }
     }
   }
+}
+
+// A header may claim anything: a tiny PNG claiming 262144 x 8191 pixels must
+// be refused before the picture is allocated, and resolutions beyond what a
+// 32-bit int holds in dots per metre must neither overflow nor wrap.
+TEST(CliCodec, HeadersCannotMakeTheReaderAllocateOrOverflow) {
+  std::vector<Colour> ramp(256);
+  for (int i = 0; i < 256; ++i) ramp[size_t(i)] = Colour{uint8_t(i), uint8_t(i), uint8_t(i), 0};
+  Image small = random_image(8, 0, ramp, 11);  // written as 8-bit gray: 2 GiB as claimed below
+  std::vector<uint8_t> png = vkimg::encode(small, Format::png, "x");
+  // IHDR width and height (big-endian at 16 and 20), its CRC recomputed.
+  const uint32_t w = 262144, h = 8191;
+  for (int i = 0; i < 4; ++i) png[16 + i] = uint8_t(w >> (24 - 8 * i)), png[20 + i] = uint8_t(h >> (24 - 8 * i));
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 12; i < 29; ++i) {
+    crc ^= png[i];
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+  }
+  crc ^= 0xFFFFFFFFu;
+  for (int i = 0; i < 4; ++i) png[29 + i] = uint8_t(crc >> (24 - 8 * i));
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // In a child limited to 256 MiB of address space, so that an allocation of
+  // the claimed size would fail differently from the refusal.
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    struct rlimit lim = {256u << 20, 256u << 20};
+    setrlimit(RLIMIT_AS, &lim);
+    try {
+      vkimg::decode(png, Format::png, "bomb.png");
+    } catch (const IoError& e) {
+      _exit(std::string(e.what()).find("truncated") != std::string::npos ? 0 : 2);
+    } catch (...) {
+      _exit(3);
+    }
+    _exit(4);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+#endif
+  EXPECT_THROW(vkimg::decode(png, Format::png, "bomb.png"), IoError);
+
+  for (const Format f : {Format::bmp, Format::png}) {
+    Image img = random_image(24, 1, {}, 12);
+    img.xdpi = 300000;
+    img.ydpi = 2000000000;
+    const Image back = vkimg::decode(vkimg::encode(img, f, "x"), f, "x");
+    EXPECT_EQ(back.xdpi, 300000) << format_name(f);
+    EXPECT_GT(back.ydpi, 0) << format_name(f);  // clamped to the field, never wrapped
+  }
+  std::vector<uint8_t> bmp = vkimg::encode(random_image(24, 1, {}, 13), Format::bmp, "x");
+  for (int i = 0; i < 4; ++i) bmp[38 + i] = 0xF0;  // 0xF0F0F0F0 pixels per metre
+  EXPECT_EQ(vkimg::decode(bmp, Format::bmp, "x").xdpi, int((uint64_t{0xF0F0F0F0} * 254 + 5000) / 10000));
 }
 
 TEST(CliCodec, FormatFollowsTheExtension) {

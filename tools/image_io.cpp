@@ -49,8 +49,13 @@ std::vector<Colour> gray_ramp(int bits) {
   return pal;
 }
 
-int dpi_from_ppm(uint32_t ppm) { return ppm ? static_cast<int>((ppm * 254 + 5000) / 10000) : 0; }
-uint32_t ppm_from_dpi(int dpi) { return dpi > 0 ? static_cast<uint32_t>((dpi * 10000 + 127) / 254) : 0; }
+// In 64 bits: resolutions from a file may be anything a 32-bit field holds.
+int dpi_from_ppm(uint32_t ppm) { return static_cast<int>((static_cast<uint64_t>(ppm) * 254 + 5000) / 10000); }
+uint32_t ppm_from_dpi(int dpi) {
+  if (dpi <= 0) return 0;
+  const uint64_t ppm = (static_cast<uint64_t>(dpi) * 10000 + 127) / 254;
+  return ppm > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(ppm);
+}
 
 // ---- generic pixel access, used where a format needs another layout ----
 
@@ -292,6 +297,11 @@ bool png_decode_into(PngIo& io, Image& img, std::vector<png_bytep>& rows) {
 
   if (static_cast<uint64_t>(Image::stride_for(static_cast<int>(w), bits)) * h > kMaxBytes)
     png_error(png, "image too large");
+  // Deflate packs at most about 1032 bytes into one, so a file too short to
+  // hold even the smallest rows its header claims is refused before the
+  // picture is allocated (a few bytes must not make us zero gigabytes).
+  const uint64_t least_raw = static_cast<uint64_t>(h) * (1 + (static_cast<uint64_t>(w) * depth + 7) / 8);
+  if (static_cast<uint64_t>(io.in_size - io.pos) * 1032 < least_raw) png_error(png, "file is truncated");
   if (png_get_rowbytes(png, info) > Image::stride_for(static_cast<int>(w), bits))
     png_error(png, "unexpected row size");
   img.width = static_cast<int>(w);
