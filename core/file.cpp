@@ -1,6 +1,8 @@
 // file.cpp - the V_Os file calls over the platform file layer, the
 // per-thread I/O redirection table (words 2-11 of the thread's settings) and
 // redirection into a memory buffer.
+#include <climits>
+
 #include "core.h"
 #include "platform.h"
 
@@ -73,17 +75,23 @@ int32_t VK_CALL buffer_write(VK_FILE file, const void* buffer, int32_t count, in
   return static_cast<int32_t>(n);
 }
 
-// No bounds check: a position past the end makes the next read fail and the
-// next write grow the buffer (or fail).
+// A position past the end is allowed: the next read fails and the next write
+// grows the buffer (or fails).  A position before the start fails, as it does
+// on a file, and leaves the position alone (it would otherwise wrap to near
+// 4 GiB and make the next write try to grow the buffer that far).
 int32_t VK_CALL buffer_seek(VK_FILE, int32_t offset, int32_t origin, intptr_t data) {
   BufferRedirect* c = context_of(data);
   if (!c) return -1;
+  int64_t base = 0;
   switch (origin) {
-    case VK_SEEK_SET: c->Position = static_cast<uint32_t>(offset); break;
-    case VK_SEEK_CUR: c->Position += static_cast<uint32_t>(offset); break;
-    case VK_SEEK_END: c->Position = c->Length + static_cast<uint32_t>(offset); break;
+    case VK_SEEK_SET: base = 0; break;
+    case VK_SEEK_CUR: base = c->Position; break;
+    case VK_SEEK_END: base = c->Length; break;
     default: return -1;
   }
+  const int64_t to = base + offset;
+  if (to < 0 || to > INT32_MAX) return -1;
+  c->Position = static_cast<uint32_t>(to);
   return static_cast<int32_t>(c->Position);
 }
 

@@ -307,6 +307,9 @@ TEST(BufferRedirect, LengthNeverExceedsTheBlock) {
     ASSERT_EQ(V_StartRedirectToBuffer(&ctx, nullptr, flags, block, 100), RESULT_OK);
     EXPECT_EQ(V_RedirectedOpen("", VK_O_RDWR, 0), REDIRECT_HANDLE);
     EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "abcde", 5), 5);
+    // Before the start is refused and moves nothing (no wrap to near 4 GiB).
+    EXPECT_EQ(V_RedirectedSeek(REDIRECT_HANDLE, -6, VK_SEEK_CUR), -1);
+    EXPECT_EQ(V_RedirectedSeek(REDIRECT_HANDLE, 0, VK_SEEK_CUR), 5);
     EXPECT_EQ(V_RedirectedSeek(REDIRECT_HANDLE, 100000, VK_SEEK_SET), 100000);
     EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "", 0), 0);
     void* out = nullptr;
