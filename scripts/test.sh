@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
-# Builds and runs every test three ways: native x86-64, 32-bit (-m32), and
-# native under AddressSanitizer + UndefinedBehaviorSanitizer.
-# Usage: scripts/test.sh [native|m32|asan ...]   (default: all three)
+# Builds and runs every test: native x86-64, 32-bit (-m32), native under
+# AddressSanitizer + UndefinedBehaviorSanitizer, native under ThreadSanitizer,
+# and each libFuzzer target for 30 seconds on its corpus (when clang is there).
+# Usage: scripts/test.sh [native|m32|asan|tsan|fuzz ...]   (default: all five)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
+root=$(pwd)
 variants=("$@")
-[ ${#variants[@]} -gt 0 ] || variants=(native m32 asan)
+[ ${#variants[@]} -gt 0 ] || variants=(native m32 asan tsan fuzz)
 
 run_variant() {
   local name=$1; shift
@@ -38,6 +40,34 @@ for v in "${variants[@]}"; do
     asan)
       ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
         run_variant asan -DVK_SANITIZE=ON -DVK_BUILD_BENCH=OFF ;;
+    tsan)
+      TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+        run_variant tsan -DVK_TSAN=ON -DVK_BUILD_BENCH=OFF -DVK_BUILD_TOOLS=OFF ;;
+    fuzz)
+      if ! command -v clang++ >/dev/null; then echo "==== fuzz: clang++ not found, skipped ===="; continue; fi
+      echo "==== fuzz build ===="
+      CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVK_FUZZ=ON \
+        -DVK_BUILD_TESTS=OFF -DVK_BUILD_BENCH=OFF >/dev/null
+      cmake --build build/fuzz -j"$jobs"
+      seconds=${VK_FUZZ_SECONDS:-30}
+      for target in build/fuzz/fuzz/fuzz_*; do
+        [ -x "$target" ] || continue
+        name=$(basename "$target")
+        corpus=fuzz/corpus/${name#fuzz_}
+        [ "$name" = fuzz_image_read ] && corpus=fuzz/corpus/image
+        # New inputs go to a scratch folder: the committed corpus stays small.
+        scratch=$(mktemp -d)
+        echo "==== fuzz $name: ${seconds}s ===="
+        # libFuzzer writes a crashing input into its working directory, the scratch folder.
+        if ! (cd "$scratch" && "$root/$target" -max_total_time="$seconds" -rss_limit_mb=2048 \
+                "$scratch" "$root/$corpus" >"$scratch.log" 2>&1); then
+          tail -n 40 "$scratch.log"
+          echo "fuzz: $name found a fault (inputs kept in $scratch)" >&2
+          exit 1
+        fi
+        grep -E "^Done|^#[0-9]+.*DONE" "$scratch.log" | tail -n 1
+        rm -rf "$scratch" "$scratch.log"
+      done ;;
     *) echo "unknown variant $v" >&2; exit 2 ;;
   esac
 done
