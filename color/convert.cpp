@@ -630,7 +630,9 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
   // Key -> 8-bit gray level for gray sources (identity for gray levels).
   auto key_level = [&](uint32_t k) -> uint32_t {
     if (sk != SrcKind::sample) return k;
-    return ctx.src_mask ? k * 255u / ctx.src_mask : 0;
+    // The tables are filled for every 8-bit key, but a decoded sample never
+    // exceeds the mask: clamp so keys above it stay inside the 256 levels.
+    return ctx.src_mask ? (k < ctx.src_mask ? k : ctx.src_mask) * 255u / ctx.src_mask : 0;
   };
 
   if (sk == SrcKind::index || sk == SrcKind::level || (sk == SrcKind::sample && ctx.src_count <= 8 &&

@@ -345,7 +345,7 @@ extern "C" VK_API int32_t VK_CALL V_IsGrayScaleBitmap(BitmapHandle* bitmap) {
 
 extern "C" VK_API int32_t VK_CALL V_GrayScaleBitmap(BitmapHandle* bitmap, int32_t bits) {
   return vk::api_call([&]() -> int32_t {
-    if (!bitmap || !(bitmap->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
+    VK_TRY(vk::check_bitmap(bitmap));
     if (bits > 16) return RESULT_BAD_BITS_PER_PIXEL;
     if (bits != 8 && bits != 12 && bits != 16) return RESULT_BAD_PARAMETER;
 

@@ -248,4 +248,23 @@ inline bool valid_bitmap_depth(int32_t bits) {
 }
 inline bool allocated(const BitmapHandle* b) { return b && (b->Flags & BITMAP_ALLOCATED); }
 
+// A record whose numbers agree: positive dimensions, rows long enough for
+// Width pixels, and Height rows that fit the 32-bit Size.  V_InitBitmap keeps
+// its literal 32-bit arithmetic, so a huge width can wrap BytesPerLine to a
+// small value; storage is never given to such a record, and operations that
+// take a caller's record refuse it before touching a row.
+inline bool sound_geometry(const BitmapHandle& b) {
+  if (b.Width < 1 || b.Height < 1 || b.BitsPerPixel < 1) return false;
+  const uint64_t row_bits = static_cast<uint64_t>(b.Width) * static_cast<uint64_t>(b.BitsPerPixel);
+  if (static_cast<uint64_t>(b.BytesPerLine) * 8u < row_bits) return false;
+  return static_cast<uint64_t>(b.BytesPerLine) * static_cast<uint64_t>(b.Height) <= UINT32_MAX;
+}
+
+// The shared entry check of an operation on a caller's bitmap: storage first
+// (RESULT_NO_BITMAP), then numbers that can be trusted (RESULT_BAD_PARAMETER).
+inline int32_t check_bitmap(const BitmapHandle* b) {
+  if (!allocated(b)) return RESULT_NO_BITMAP;
+  return sound_geometry(*b) ? RESULT_OK : RESULT_BAD_PARAMETER;
+}
+
 }  // namespace vk

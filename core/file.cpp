@@ -46,7 +46,9 @@ int32_t VK_CALL buffer_write(VK_FILE file, const void* buffer, int32_t count, in
   if (!c || !buffer || file != kBufferHandle || count < 0) return -1;
   if (c->RedirectFlags & REDIRECT_READ_ONLY) return -1;
   if (count == 0) {
-    c->Length = c->Position;
+    // A zero-byte write ends the data here, but the data never reaches past
+    // the bytes the block holds: a caller copies Length bytes out of it.
+    c->Length = c->Position < c->Capacity ? c->Position : c->Capacity;
     return 0;
   }
   const uint64_t end = static_cast<uint64_t>(c->Position) + static_cast<uint32_t>(count);
@@ -336,7 +338,8 @@ VK_API int32_t VK_CALL V_StopRedirectToBuffer(BufferRedirect* context, void** bu
     V_FilterIO(&c->SavedOpen, &c->SavedRead, &c->SavedWrite, &c->SavedSeek, &c->SavedClose, &c->SavedOpenData,
                &c->SavedReadData, &c->SavedWriteData, &c->SavedSeekData, &c->SavedCloseData);
     if (buffer) *buffer = c->Buffer;
-    if (length) *length = c->Length;
+    const uint32_t held = c->Buffer ? c->Capacity : 0;
+    if (length) *length = c->Length < held ? c->Length : held;
     V_Free(c);
     return RESULT_OK;
   });

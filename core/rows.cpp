@@ -2,9 +2,10 @@
 // of any storage kind, with the one-row cache of flat storage.
 //
 // Requests may run past the end of a row into the following rows (and across
-// tile borders); they may not run past the end of the storage: for memory
-// kinds that would reach memory the bitmap does not own, so such a request
-// is refused with RESULT_BAD_PARAMETER before a byte moves.
+// tile borders); they may not run past the end of the storage: in memory
+// that would reach memory the bitmap does not own, on disk it would grow the
+// temp file, so such a request is refused with RESULT_BAD_PARAMETER before a
+// byte moves, on every storage kind.
 #include <climits>
 #include <cstring>
 
@@ -39,17 +40,19 @@ inline uint64_t flat_limit(const BitmapHandle* b) {
 enum class Dir { get, put };
 
 template <Dir D>
-int32_t flat_transfer(BitmapHandle* b, void* buffer, uint32_t row, uint32_t column_bytes, uint32_t count,
+int32_t flat_transfer(BitmapHandle* b, void* buffer, uint32_t row, uint64_t column_bytes, uint32_t count,
                       int32_t short_code) {
   // The cache is kept as the record describes it; the position itself is
   // the full product, so a row far outside the storage cannot wrap around
   // into it.
   update_cache(b, row);
   const uint64_t start = static_cast<uint64_t>(row) * b->BytesPerLine + column_bytes;
+  // Memory past the limit is not the bitmap's, and on disk a write there
+  // would grow the temp file without bound.
+  const uint64_t limit = flat_limit(b);
+  if (start > limit || count > limit - start) return RESULT_BAD_PARAMETER;
   if (b->Flags & BITMAP_IN_MEMORY) {
     if (!b->Data) return RESULT_NO_BITMAP;
-    const uint64_t limit = flat_limit(b);
-    if (start > limit || count > limit - start) return RESULT_BAD_PARAMETER;
     uint8_t* p = static_cast<uint8_t*>(b->Data) + start;
     if constexpr (D == Dir::get)
       std::memcpy(buffer, p, count);
@@ -81,7 +84,7 @@ int32_t row_transfer(BitmapHandle* b, void* buffer, uint32_t row, int32_t column
     else
       return cmp::write(b, buffer, row, column, count);
   }
-  const uint32_t column_bytes = column_offset(b->BitsPerPixel, static_cast<uint32_t>(column));
+  const uint64_t column_bytes = column_offset(b->BitsPerPixel, static_cast<uint32_t>(column));
   if (flags & BITMAP_TILED) {
     const uint64_t offset = static_cast<uint64_t>(row) * b->BytesPerLine + column_bytes;
     if constexpr (D == Dir::get)
@@ -115,7 +118,7 @@ int32_t get_pixel_bytes(BitmapHandle* b, void* buffer, uint32_t row, int32_t col
   if (!(flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
   if (flags & BITMAP_COMPRESSED) return cmp::pixel_byte(b, static_cast<uint8_t*>(buffer), row, column);
   const auto c = static_cast<uint32_t>(column);
-  const uint32_t column_bytes = column_offset(b->BitsPerPixel, c);
+  const uint64_t column_bytes = column_offset(b->BitsPerPixel, c);
   const uint32_t n = pixel_bytes(b->BitsPerPixel, c);
   if (flags & BITMAP_TILED) {
     const int32_t r = tiles::read(b, static_cast<uint64_t>(row) * b->BytesPerLine + column_bytes, buffer, n);

@@ -152,6 +152,7 @@ int32_t try_disk(BitmapHandle& n) {
 int32_t allocate(BitmapHandle* b, int32_t memory_type) {
   if (!b) return RESULT_BAD_PARAMETER;
   if (b->Size == 0) return RESULT_BAD_AREA;
+  if (!sound_geometry(*b)) return RESULT_BAD_PARAMETER;
   // Storage bits are cleared whatever happens; everything else of the
   // record changes only on success.
   b->Flags &= ~kStorageBits;

@@ -100,15 +100,11 @@ bool resize_disk_tile(Table* t, uint32_t k, uint64_t new_bytes, bool growing) {
 
 VK_FILE make_temp_file(uint64_t bytes) {
   if (bytes == 0 || bytes - 1 > INT32_MAX) return kNoFile;
+  // Made and opened in one step, so no other process can slip a file or a
+  // link in under the name between the two.
   char name[VK_MAX_PATH];
-  name[0] = '\0';
-  V_OsGetTempName(name);  // reports no failure of its own: an empty name is one
-  if (name[0] == '\0') return kNoFile;
-  const VK_FILE f = V_OsCreat(name, VK_CREAT_DELETE_ON_CLOSE);
-  if (f == kNoFile) {
-    V_OsDelete(name);  // the name call left an empty file behind
-    return kNoFile;
-  }
+  const VK_FILE f = plat::temp_file(settings().TempDirectory, "VQ", name);
+  if (f == kNoFile) return kNoFile;
   static const uint8_t zero = 0;
   const auto last = static_cast<int32_t>(bytes - 1);
   if (V_OsSeek(f, last, VK_SEEK_SET, 0) != last || V_OsWrite(f, &zero, 1, 0) != 1) {

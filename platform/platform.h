@@ -75,11 +75,15 @@ int32_t file_read(VK_FILE f, void* buffer, uint32_t count);        // bytes or -
 int32_t file_write(VK_FILE f, const void* buffer, uint32_t count); // bytes or -1
 int64_t file_seek(VK_FILE f, int64_t offset, int origin);          // new position or -1
 bool file_set_end(VK_FILE f);                                      // cut at the current position
-bool file_close(VK_FILE f);                                        // deletes a delete-on-close file
+bool file_close(VK_FILE f);
 bool file_delete(const char* name);
 int64_t file_attributes(const char* name);                         // -1 when it cannot be read
-// Unique name "<dir>/VQxxxx.TMP"; the empty file is created.  out holds VK_MAX_PATH.
+// Unique name "<dir>/<prefix>XXXXXXXX.TMP" (random hex digits); the empty file
+// is created, owner-only.  out holds VK_MAX_PATH.
 bool temp_name(const char* dir, const char* prefix, char* out);
+// A new unique temp file opened for reading and writing that is deleted when
+// closed (on POSIX its name is gone at once).  Its name goes to out.
+VK_FILE temp_file(const char* dir, const char* prefix, char* out);
 void temp_path(char* out);                                         // system temp directory, VK_MAX_PATH
 
 // ---- logical palettes ---------------------------------------------------------

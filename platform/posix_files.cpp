@@ -7,19 +7,19 @@
 // Sharing flags cannot be enforced on POSIX (there are no mandatory share
 // modes); they are accepted and ignored.  Hidden and system attributes have no
 // POSIX counterpart either and are accepted; read-only is the file's write
-// permission.  Delete-on-close is remembered per handle and carried out when
-// the handle is closed.
+// permission.  A delete-on-close file loses its name as soon as it is open
+// (the descriptor keeps the data), so a killed process leaves nothing behind.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 
 #include "fault.h"
 #include "platform.h"
@@ -33,39 +33,45 @@ using fault::Kind;
 int fd_of(VK_FILE f) { return posix::fd_from_file(f); }
 VK_FILE handle_of(int fd) { return posix::file_from_fd(fd); }
 
-// Names of the open delete-on-close files, by descriptor.  A short singly
-// linked list: only temp files of disk storage are on it.
-struct DeleteOnClose {
-  int fd;
-  DeleteOnClose* next;
-  char name[1];
-};
-std::mutex g_doc_mutex;
-DeleteOnClose* g_doc = nullptr;
-
-bool remember_delete(int fd, const char* name) {
-  const size_t n = strlen(name);
-  auto* d = static_cast<DeleteOnClose*>(malloc(sizeof(DeleteOnClose) + n));
-  if (!d) return false;
-  d->fd = fd;
-  memcpy(d->name, name, n + 1);
-  std::lock_guard<std::mutex> lock(g_doc_mutex);
-  d->next = g_doc;
-  g_doc = d;
-  return true;
+// Temp names carry eight hex digits from the system's random source: a name
+// cannot be guessed ahead, and the name space is too large to be used up by
+// files planted in the temp directory.
+uint32_t random_word() {
+  uint32_t w = 0;
+  for (;;) {
+    const ssize_t n = getrandom(&w, sizeof w, 0);
+    if (n == static_cast<ssize_t>(sizeof w)) return w;
+    if (n < 0 && errno != EINTR) break;
+  }
+  // No random source (a very old kernel): fall back to time and address bits.
+  static std::atomic<uint32_t> counter{0};
+  return static_cast<uint32_t>(time(nullptr)) * 2654435761u ^ static_cast<uint32_t>(getpid()) ^
+         (counter.fetch_add(0x9E3779B9u) + static_cast<uint32_t>(reinterpret_cast<uintptr_t>(&w)));
 }
 
-// Unlinks the list entry of fd (if any) and returns it; the caller frees it.
-DeleteOnClose* take_delete(int fd) {
-  std::lock_guard<std::mutex> lock(g_doc_mutex);
-  for (DeleteOnClose** p = &g_doc; *p; p = &(*p)->next) {
-    if ((*p)->fd == fd) {
-      DeleteOnClose* d = *p;
-      *p = d->next;
-      return d;
+// Creates a new file "<dir>/<prefix>XXXXXXXX.TMP" that did not exist (O_EXCL,
+// no link followed) with owner-only access; the name goes to out.  Returns
+// the descriptor or -1.
+int create_unique(const char* dir, const char* prefix, int access_flags, char* out) {
+  if (!dir || !*dir) dir = ".";
+  if (!prefix) prefix = "";
+  // At most three prefix characters, then the hex digits and ".TMP".
+  char pre[4] = {0, 0, 0, 0};
+  for (int i = 0; i < 3 && prefix[i]; ++i) pre[i] = prefix[i];
+  const size_t dlen = strlen(dir);
+  const bool slash = dir[dlen - 1] == '/';
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    char name[VK_MAX_PATH];
+    const int n = snprintf(name, sizeof name, "%s%s%s%08X.TMP", dir, slash ? "" : "/", pre, random_word());
+    if (n < 0 || n >= VK_MAX_PATH) return -1;
+    const int fd = open(name, O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | access_flags, 0600);
+    if (fd >= 0) {
+      memcpy(out, name, static_cast<size_t>(n) + 1);
+      return fd;
     }
+    if (errno != EEXIST && errno != EINTR) return -1;
   }
-  return nullptr;
+  return -1;
 }
 
 }  // namespace
@@ -87,7 +93,11 @@ VK_FILE file_open(const char* name, unsigned access, unsigned /*share*/, unsigne
     default: return -1;
   }
   const bool creating = disposition == CREATE_ALWAYS;
-  const mode_t mode = (attributes & ATTR_READONLY) ? 0444 : 0666;
+  const bool scratch = (attributes & ATTR_DELETE_ON_CLOSE) != 0;
+  // A delete-on-close file holds a bitmap's pixels: owner-only, and never
+  // opened through a planted link.
+  if (scratch) flags |= O_NOFOLLOW;
+  const mode_t mode = (attributes & ATTR_READONLY) ? 0444 : scratch ? 0600 : 0666;
   // A read-only file cannot be written, replaced or truncated, even by a
   // privileged process (which POSIX would let through).  Directories are not files here.
   struct stat st;
@@ -103,11 +113,9 @@ VK_FILE file_open(const char* name, unsigned access, unsigned /*share*/, unsigne
   // A replaced file keeps its old permissions under open(); give it the
   // requested read-only state as a new file would have.
   if (creating && (attributes & ATTR_READONLY)) fchmod(fd, mode);
-  if ((attributes & ATTR_DELETE_ON_CLOSE) && !remember_delete(fd, name)) {
-    close(fd);
-    if (creating) unlink(name);
-    return -1;
-  }
+  // The name goes at once: the descriptor keeps the data for as long as it
+  // is open, and no file outlives the process, however it ends.
+  if (scratch) unlink(name);
   fault::count_live(Kind::file, +1);
   return handle_of(fd);
 }
@@ -164,12 +172,7 @@ bool file_set_end(VK_FILE f) {
 bool file_close(VK_FILE f) {
   const int fd = fd_of(f);
   if (fd < 0) return false;
-  DeleteOnClose* d = take_delete(fd);
   const bool ok = close(fd) == 0 || errno == EINTR;
-  if (d) {
-    unlink(d->name);
-    free(d);
-  }
   if (ok) fault::count_live(Kind::file, -1);
   return ok;
 }
@@ -199,31 +202,20 @@ int64_t file_attributes(const char* name) {
 bool temp_name(const char* dir, const char* prefix, char* out) {
   if (!out) return false;
   if (fault::hit(Kind::temp_name)) return false;
-  if (!dir || !*dir) dir = ".";
-  if (!prefix) prefix = "";
-  // At most three prefix characters, then four hex digits and ".TMP".
-  char pre[4] = {0, 0, 0, 0};
-  for (int i = 0; i < 3 && prefix[i]; ++i) pre[i] = prefix[i];
-  const size_t dlen = strlen(dir);
-  const bool slash = dir[dlen - 1] == '/';
-  static std::atomic<uint32_t> counter{0};
-  uint32_t seed = counter.fetch_add(1) + static_cast<uint32_t>(getpid()) * 2654435761u +
-                  static_cast<uint32_t>(time(nullptr));
-  for (uint32_t attempt = 0; attempt < 0x10000u; ++attempt) {
-    const uint32_t unique = ((seed + attempt) & 0xFFFFu) ? ((seed + attempt) & 0xFFFFu) : 1u;
-    char name[VK_MAX_PATH];
-    const int n = snprintf(name, sizeof name, "%s%s%s%04X.TMP", dir, slash ? "" : "/", pre, unique);
-    if (n < 0 || n >= VK_MAX_PATH) return false;
-    const int fd = open(name, O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
-    if (fd >= 0) {
-      close(fd);
-      memcpy(out, name, static_cast<size_t>(n) + 1);
-      counter.fetch_add(attempt);
-      return true;
-    }
-    if (errno != EEXIST) return false;
-  }
-  return false;
+  const int fd = create_unique(dir, prefix, O_WRONLY, out);
+  if (fd < 0) return false;
+  close(fd);
+  return true;
+}
+
+VK_FILE temp_file(const char* dir, const char* prefix, char* out) {
+  if (!out) return -1;
+  if (fault::hit(Kind::temp_name) || fault::hit(Kind::file)) return -1;
+  const int fd = create_unique(dir, prefix, O_RDWR, out);
+  if (fd < 0) return -1;
+  unlink(out);
+  fault::count_live(Kind::file, +1);
+  return handle_of(fd);
 }
 
 void temp_path(char* out) {

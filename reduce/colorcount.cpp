@@ -263,7 +263,7 @@ extern "C" {
 
 VK_API int32_t VK_CALL V_GetBitmapColorCountExt(BitmapHandle* bitmap, uint32_t* count, RGBQUAD* colours) {
   return vk::api_call([&]() -> int32_t {
-    if (!vk::allocated(bitmap)) return RESULT_NO_BITMAP;
+    VK_TRY(vk::check_bitmap(bitmap));
     if (!count) return RESULT_BAD_PARAMETER;
     return vk::count_colours(bitmap, count, colours);
   });

@@ -301,7 +301,7 @@ int32_t run_rows(RowJob& j) {
 int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, uint32_t flags,
                 const RGBQUAD* palette, VK_HPALETTE handle, int32_t colors, ColorResRowCallback callback,
                 intptr_t user_data) {
-  if (!allocated(source)) return RESULT_BAD_PARAMETER;
+  if (!allocated(source) || !sound_geometry(*source)) return RESULT_BAD_PARAMETER;
   if (palette && handle) return RESULT_BAD_PARAMETER;
   if (!valid_bitmap_depth(bits)) return RESULT_BAD_PARAMETER;
   if (colors < 0) return RESULT_BAD_PARAMETER;

@@ -504,7 +504,7 @@ int32_t optimise_list(BitmapList list, int32_t few, const Args& a) {
   for (uint32_t i = 0; i < items; ++i) {
     BitmapHandle b;
     VK_TRY(V_GetBitmapListItem(list, i, &b));
-    if (!allocated(&b)) return RESULT_NO_BITMAP;
+    VK_TRY(check_bitmap(&b));
   }
 
   Buffer<RGBQUAD> mine(n);
@@ -557,7 +557,7 @@ extern "C" {
 VK_API int32_t VK_CALL V_CreateOptimizedPalette(BitmapHandle* bitmap, RGBQUAD* palette, uint32_t* colors,
                                                 uint32_t** table, int32_t* needsDither, int32_t fewPopular) {
   return vk::api_call([&]() -> int32_t {
-    if (!vk::allocated(bitmap)) return RESULT_NO_BITMAP;
+    VK_TRY(vk::check_bitmap(bitmap));
     const vk::opt::Args a{palette, colors, table, needsDither};
     VK_TRY(vk::opt::check_args(a));
     return vk::opt::optimise_bitmap(bitmap, fewPopular, a);

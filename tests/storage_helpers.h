@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -16,6 +17,7 @@
 
 #include "core.h"
 #include "platform.h"
+#include "posix_internal.h"
 
 namespace vkt {
 
@@ -64,10 +66,15 @@ inline size_t files_in(const std::string& dir) {
   return n;
 }
 
-inline std::vector<uintmax_t> file_sizes(const std::string& dir) {
-  std::vector<uintmax_t> sizes;
-  for (const auto& e : fs::directory_iterator(dir)) sizes.push_back(fs::file_size(e.path()));
-  return sizes;
+// Temp files lose their names as soon as they are open, so what a bitmap
+// holds is seen through its handles: the open-file count and the size of
+// its disk file.
+inline long open_files() { return vk::fault::live(vk::fault::Kind::file); }
+
+inline uintmax_t disk_file_size(const BitmapHandle& b) {
+  struct stat st;
+  const int fd = vk::plat::posix::fd_from_file(reinterpret_cast<VK_FILE>(b.StorageHandle));
+  return fd >= 0 && fstat(fd, &st) == 0 ? static_cast<uintmax_t>(st.st_size) : 0;
 }
 
 inline int32_t memory_type(BitmapHandle* b) {
@@ -114,7 +121,10 @@ class StorageTest : public ::testing::Test {
     ASSERT_EQ(V_SetMemoryThresholds(0, 0x7FFFFFFF, 0, -100, 1, 31), RESULT_OK);
     set_memory(uint64_t{8} << 30, uint64_t{4} << 30);
     baseline_ = vk::fault::live_total();
+    files_base_ = open_files();
   }
+  // Temp files the bitmaps of the test hold open.
+  size_t temp_files() const { return static_cast<size_t>(open_files() - files_base_); }
   void TearDown() override {
     vk::fault::disarm();
     EXPECT_EQ(vk::fault::live_total(), baseline_) << "blocks, sections or files left behind";
@@ -167,6 +177,7 @@ class StorageTest : public ::testing::Test {
 
   std::string dir_;
   long baseline_ = 0;
+  long files_base_ = 0;
 
  private:
   char saved_dir_[VK_MAX_PATH] = {};

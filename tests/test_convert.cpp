@@ -243,6 +243,21 @@ TEST(Convert, GraySourceRanges) {
   EXPECT_EQ(iz[0], V_FindPaletteIndex(lut.data(), 256, 0xA5, 0x50, (0xA50 * 7) & 255));
 }
 
+// A gray range narrower than a level used to index the level table past its
+// 256 entries for keys the range never produces.
+TEST(Convert, NarrowGrayRangesToPalettesStayInsideTheirTables) {
+  for (const int32_t dst : {1, 4, 8, 0, 24}) {
+    SCOPED_TRACE(dst);
+    uint8_t px[16] = {0x00, 0x10, 0xFF, 0xFF};  // bit 12 set in pixel 0, all set in pixel 1
+    ASSERT_EQ(V_ConvertBufferExt(px, 2, 16, dst, ORDER_GRAY, ORDER_RGB, nullptr, nullptr, CONVERT_SRC_BITRANGE, 12, 12),
+              RESULT_OK);
+  }
+  uint8_t px[8] = {0x00, 0x10, 0x00, 0x00};  // one-bit range: on, off
+  ASSERT_EQ(V_ConvertBufferExt(px, 2, 16, 24, ORDER_GRAY, ORDER_RGB, nullptr, nullptr, CONVERT_SRC_BITRANGE, 12, 12),
+            RESULT_OK);
+  EXPECT_EQ((std::vector<int>(px, px + 6)), (std::vector<int>{255, 255, 255, 0, 0, 0}));
+}
+
 TEST(Convert, TwelveBitLayout) {
   // 16-bit gray 0xABC0, 0x1230 -> 12-bit 0xABC, 0x123 -> bytes BC 3A 12.
   uint8_t words[8] = {0xC0, 0xAB, 0x30, 0x12};

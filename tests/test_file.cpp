@@ -40,12 +40,13 @@ TEST(File, TempNamesAreUniqueEmptyFilesInTheTempDirectory) {
     const std::string dir = vk::settings().TempDirectory;
     EXPECT_EQ(n.rfind(dir, 0), 0u) << n;
     const std::string base = n.substr(n.rfind('/') + 1);
-    EXPECT_EQ(base.size(), 10u) << base;  // VQxxxx.TMP
+    EXPECT_EQ(base.size(), 14u) << base;  // VQ, eight random hex digits, .TMP
     EXPECT_EQ(base.substr(0, 2), "VQ");
-    EXPECT_EQ(base.substr(6), ".TMP");
+    EXPECT_EQ(base.substr(10), ".TMP");
     struct stat st;
     ASSERT_EQ(stat(n.c_str(), &st), 0);
     EXPECT_EQ(st.st_size, 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);  // other users never read the pixels
     EXPECT_EQ(V_OsDelete(n.c_str()), 0);
     EXPECT_FALSE(exists(n));
   }
@@ -61,10 +62,15 @@ TEST(File, DeleteOnCloseTempFileVanishesAtClose) {
   EXPECT_EQ(f % 4, 0);
   EXPECT_NE(f, REDIRECT_HANDLE);
   EXPECT_EQ(vk::fault::live_total(), base + 1);
-  EXPECT_EQ(V_OsWrite(f, "abc", 3, 0), 3);
-  EXPECT_TRUE(exists(name));  // still there while open
-  EXPECT_EQ(V_OsClose(f, 0), 0);
+  // The name is gone at once (nothing outlives a killed process); the data
+  // lives on behind the handle until it is closed.
   EXPECT_FALSE(exists(name));
+  EXPECT_EQ(V_OsWrite(f, "abc", 3, 0), 3);
+  char back[3] = {};
+  EXPECT_EQ(V_OsSeek(f, 0, VK_SEEK_SET, 0), 0);
+  EXPECT_EQ(V_OsRead(f, back, 3, 0), 3);
+  EXPECT_EQ(std::string(back, 3), "abc");
+  EXPECT_EQ(V_OsClose(f, 0), 0);
   EXPECT_EQ(vk::fault::live_total(), base);
   EXPECT_EQ(V_OsClose(f, 0), -1);  // already closed
 }
@@ -290,6 +296,47 @@ TEST(BufferRedirect, GrowsInStepsAndShrinksOnClose) {
   EXPECT_EQ(V_StopRedirectToBuffer(nullptr, nullptr, nullptr), RESULT_BAD_PARAMETER);
 }
 
+// A caller copies Length bytes out of the block: a seek far past the data
+// and a zero-byte write must not make it name bytes the block lacks.
+TEST(BufferRedirect, LengthNeverExceedsTheBlock) {
+  DefaultTable restore;
+  for (const uint32_t flags : {0u, uint32_t{REDIRECT_GROW}}) {
+    SCOPED_TRACE(flags);
+    void* block = V_OsAlloc(100);
+    BufferRedirect* ctx = nullptr;
+    ASSERT_EQ(V_StartRedirectToBuffer(&ctx, nullptr, flags, block, 100), RESULT_OK);
+    EXPECT_EQ(V_RedirectedOpen("", VK_O_RDWR, 0), REDIRECT_HANDLE);
+    EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "abcde", 5), 5);
+    EXPECT_EQ(V_RedirectedSeek(REDIRECT_HANDLE, 100000, VK_SEEK_SET), 100000);
+    EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "", 0), 0);
+    void* out = nullptr;
+    uint32_t length = 0;
+    ASSERT_EQ(V_StopRedirectToBuffer(ctx, &out, &length), RESULT_OK);
+    EXPECT_LE(length, vk::plat::global_size(vk::plat::global_handle(out)));
+    V_OsFree(out);
+  }
+}
+
+// A delete-on-close file never follows a planted link: the link's target
+// keeps its contents.
+TEST(File, DeleteOnCloseRefusesALinkInPlaceOfTheName) {
+  const std::string target = temp_name(), link = temp_name();
+  {
+    VK_FILE f = V_OsCreat(target.c_str(), 0);
+    ASSERT_NE(f, -1);
+    EXPECT_EQ(V_OsWrite(f, "keep", 4, 0), 4);
+    V_OsClose(f, 0);
+  }
+  ASSERT_EQ(V_OsDelete(link.c_str()), 0);
+  ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+  EXPECT_EQ(V_OsCreat(link.c_str(), VK_CREAT_DELETE_ON_CLOSE), -1);
+  struct stat st;
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 4);
+  unlink(link.c_str());
+  EXPECT_EQ(V_OsDelete(target.c_str()), 0);
+}
+
 TEST(BufferRedirect, CloseShrinksOnlyWithGrowAndShrinkBothSet) {
   DefaultTable restore;
   for (uint32_t flags : {REDIRECT_GROW, REDIRECT_SHRINK, REDIRECT_GROW | REDIRECT_SHRINK}) {
@@ -350,10 +397,10 @@ TEST(BufferRedirect, FixedBufferTakesWhatFitsAndOpenTruncates) {
   EXPECT_EQ(V_RedirectedSeek(REDIRECT_HANDLE, 20, VK_SEEK_SET), 20);
   EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "z", 1), -1);  // position past the capacity
 
-  // A truncating write past the capacity records a length beyond the buffer;
-  // reads still stop at the capacity.
+  // A truncating write past the capacity ends the data at the capacity: the
+  // length never names bytes the block does not hold.
   EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "", 0), 0);
-  EXPECT_EQ(ctx->Length, 20u);
+  EXPECT_EQ(ctx->Length, 8u);
   EXPECT_EQ(V_RedirectedSeek(REDIRECT_HANDLE, 0, VK_SEEK_SET), 0);
   char out[32];
   EXPECT_EQ(V_RedirectedRead(REDIRECT_HANDLE, out, 32), 8);

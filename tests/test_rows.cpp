@@ -109,6 +109,26 @@ TEST_F(StorageRows, RequestsAreCheckedBeforeAByteMoves) {
   V_FreeBitmap(&b);
 }
 
+// Column offsets are 64-bit: a deep pixel's column near 2^30 lies far past
+// 4 GiB and must not wrap onto row 1, nor grow a disk file to 2 GiB.
+TEST_F(StorageRows, FarColumnsAreRefusedOnEveryKind) {
+  for (const int32_t type : {TYPE_CONVENTIONAL, TYPE_DISK, TYPE_TILED}) {
+    SCOPED_TRACE(type);
+    if (type == TYPE_TILED) tiny_tiles(64, 1, 0, 1);
+    BitmapHandle b = init(16, 4, 32);
+    ASSERT_EQ(V_AllocateBitmap(&b, type), RESULT_OK);
+    fill(&b);
+    const uint8_t px[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    EXPECT_EQ(V_PutBitmapRowCol(&b, px, 1, 0x40000000, 4), RESULT_BAD_PARAMETER);
+    EXPECT_EQ(V_PutBitmapRowCol(&b, px, 0, 0x7FFFFFFF, 4), RESULT_BAD_PARAMETER);
+    uint8_t out[4];
+    EXPECT_EQ(V_GetBitmapRowCol(&b, out, 0, 0x7FFFFFFF, 4), RESULT_BAD_PARAMETER);
+    EXPECT_TRUE(holds_pattern(&b));
+    if (type == TYPE_DISK) EXPECT_EQ(disk_file_size(b), b.Size + 1u);
+    V_FreeBitmap(&b);
+  }
+}
+
 TEST_F(StorageRows, DiskFailuresHaveTheirOwnCodes) {
   BitmapHandle b = init(10, 4, 8);
   ASSERT_EQ(V_AllocateBitmap(&b, TYPE_DISK), RESULT_OK);
@@ -142,8 +162,9 @@ TEST_F(StorageRows, DiskFailuresHaveTheirOwnCodes) {
   V_OsClose(r, 0);
   V_OsDelete(path.c_str());
 
-  // The real file is Size + 1 bytes long: a read from the last byte on gets one.
-  EXPECT_EQ(V_GetBitmapRow(&b, buf, 4, 12), 1);
+  // The file has one byte more than Size, but a request past the storage is
+  // refused like in memory: a write there would grow the file.
+  EXPECT_EQ(V_GetBitmapRow(&b, buf, 4, 12), RESULT_BAD_PARAMETER);
   V_FreeBitmap(&b);
 }
 
