@@ -24,7 +24,7 @@
 #include <cstring>
 
 #include "core.h"
-#include "lookup.h"
+#include "match.h"
 #include "palette_tables.h"
 
 namespace vk {

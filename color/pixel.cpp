@@ -9,8 +9,9 @@
 #include <cstring>
 
 #include "core.h"
+#include "dispatch.h"
 #include "gray.h"
-#include "host.h"
+#include "match.h"
 #include "palette.h"
 
 namespace vk {
@@ -177,7 +178,7 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
   // The display module may own the position test (clip region); its answer
   // replaces the range check.  Storage outside the bitmap is never written
   // whatever the hook says.
-  if (VK_DISPATCHPROC hook = host::dispatch_entry(17)) {
+  if (VK_DISPATCHPROC hook = dispatch::entry(17)) {
     const auto at = reinterpret_cast<VK_PIXELPOSHOOK>(reinterpret_cast<void (*)(void)>(hook));
     if (at(b, row, column) == 0) return RESULT_BAD_AREA;
   }
@@ -208,7 +209,7 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
 
   if (bits <= 8) {
     const uint32_t index = index_form ? (color & 0xFFFFu)
-                                      : V_FindPaletteIndex(colours ? pal : nullptr, colours, red_of(color),
+                                      : find_palette_index(colours ? pal : nullptr, colours, red_of(color),
                                                            green_of(color), blue_of(color));
     insert_index(p, bits, s.bit, index);
   } else if (gray) {
@@ -221,7 +222,7 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
     } else if (lut) {
       uint32_t n = b->GrayLutLength;
       if (n > range.mask + 1u) n = range.mask + 1u;  // only reachable entries
-      v = V_FindPaletteIndex(reinterpret_cast<const RGBQUAD*>(b->GrayLut), n, red_of(color), green_of(color),
+      v = find_palette_index(reinterpret_cast<const RGBQUAD*>(b->GrayLut), n, red_of(color), green_of(color),
                              blue_of(color));
     } else {
       v = gray::from_level(gray::level(red_of(color), green_of(color), blue_of(color)), range.count);
@@ -302,7 +303,7 @@ uint32_t translate(BitmapHandle* dst, BitmapHandle* src, uint32_t color) {
     const uint32_t n = dst->GrayLutLength == 65536u ? 65535u : dst->GrayLutLength;
     const uint32_t c = gray16_to_rgb(color);
     const uint32_t index =
-        V_FindPaletteIndex(reinterpret_cast<const RGBQUAD*>(dst->GrayLut), n, red_of(c), green_of(c), blue_of(c));
+        find_palette_index(reinterpret_cast<const RGBQUAD*>(dst->GrayLut), n, red_of(c), green_of(c), blue_of(c));
     return COLOR_PALETTE_INDEX | (index & 0xFFFFu);
   }
 
@@ -322,6 +323,20 @@ uint32_t translate(BitmapHandle* dst, BitmapHandle* src, uint32_t color) {
 
   // An RGB colour, or an index that the source cannot resolve.
   return dst_palette ? nearest_index_form(dst, color) : color;
+}
+
+int32_t copy_playback(BitmapHandle* dst, BitmapHandle* src) {
+  if (!dst || !src) return RESULT_BAD_PARAMETER;
+  constexpr uint32_t kPlaybackFlags = BITMAP_PLAYBACK_FLAG1 | BITMAP_PLAYBACK_FLAG2;
+  dst->Flags = (dst->Flags & ~kPlaybackFlags) | (src->Flags & kPlaybackFlags);
+  dst->PlaybackValue1 = src->PlaybackValue1;
+  dst->PlaybackValue2 = src->PlaybackValue2;
+  dst->PlaybackValue3 = src->PlaybackValue3;
+  dst->PlaybackValue6 = src->PlaybackValue6;
+  // The colours must name the same colour in the destination's terms.
+  dst->PlaybackColor1 = V_TranslateBitmapColor(dst, src, src->PlaybackColor1);
+  dst->PlaybackColor2 = V_TranslateBitmapColor(dst, src, src->PlaybackColor2);
+  return RESULT_OK;
 }
 
 }  // namespace
@@ -349,4 +364,10 @@ extern "C" VK_API int32_t VK_CALL V_PutPixelData(BitmapHandle* bitmap, const voi
 extern "C" VK_API uint32_t VK_CALL V_TranslateBitmapColor(BitmapHandle* destination, BitmapHandle* source,
                                                           uint32_t color) {
   return vk::api_call([&] { return vk::translate(destination, source, color); }, color);
+}
+
+// The playback colours are translated into the destination's terms, which is
+// why this record copy lives beside the colour translation.
+extern "C" VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source) {
+  return vk::api_call([&] { return vk::copy_playback(destination, source); });
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "core.h"
+#include "record_copy.h"
 
 extern "C" {
 
@@ -36,7 +37,7 @@ VK_API int32_t VK_CALL V_ChangeBitmapCompression(BitmapHandle* bitmap, int32_t m
     // it back so that the caller's record is exactly as it was.
     const uint32_t cached_offset = bitmap->CachedRowOffset;
     const int32_t cached_row = bitmap->CachedRow;
-    r = V_CopyBitmapData(&fresh, bitmap);
+    r = vk::copy_bitmap_data(&fresh, bitmap);
     if (r != RESULT_OK) {
       bitmap->CachedRowOffset = cached_offset;
       bitmap->CachedRow = cached_row;

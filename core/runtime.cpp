@@ -9,9 +9,8 @@
 #include <cstring>
 
 #include "core.h"
+#include "dispatch.h"
 #include "platform.h"
-
-#include "host.h"
 
 namespace vk {
 namespace {
@@ -88,7 +87,7 @@ ThreadSettings* create_thread_record() {
 
 __attribute__((constructor)) void process_attach() {
   if (g_attach_count == 0) {
-    host::reset_on_attach();
+    dispatch::reset_on_attach();
   }
   ensure_process_record();
   create_thread_record();

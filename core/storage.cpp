@@ -7,6 +7,7 @@
 
 #include "compressed.h"
 #include "core.h"
+#include "record_copy.h"
 #include "platform.h"
 #include "storage.h"
 #include "tiles.h"
@@ -462,7 +463,7 @@ int32_t rebuild(BitmapHandle* b, int32_t type, uint32_t tile_size, uint32_t tota
     VK_TRY(allocate_tiles_for(n, b, tile_size, total_tiles, memory_tiles, max_mapped, which));
   else
     VK_TRY(V_AllocateBitmap(&n, type));
-  VK_TRY(V_CopyBitmapData(&n, b));
+  VK_TRY(copy_bitmap_data(&n, b));
   // The copy mapped tiles on demand; the mapped count asked for is set last.
   if ((n.Flags & BITMAP_TILED) && (which & MEMINFO_MAPPED)) {
     tiles::Table* t = tiles::table_of(&n);

@@ -2,64 +2,11 @@
 // already have storage, and complete copies into new storage.
 #include <cstring>
 
-#include "compressed.h"
 #include "core.h"
+#include "record_copy.h"
 
 namespace vk {
 namespace {
-
-bool flat_memory(const BitmapHandle* b) {
-  return (b->Flags & BITMAP_IN_MEMORY) && b->Data &&
-         !(b->Flags & (BITMAP_COMPRESSED | BITMAP_TILED | BITMAP_SUPER_COMPRESSED));
-}
-
-int32_t copy_data(BitmapHandle* dst, BitmapHandle* src) {
-  if (!src || !dst || !(src->Flags & BITMAP_ALLOCATED) || !(dst->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
-  if (dst == src) return RESULT_OK;
-  if (dst->Width != src->Width || dst->Height != src->Height || dst->BitsPerPixel != src->BitsPerPixel ||
-      dst->BytesPerLine != src->BytesPerLine)
-    return RESULT_BAD_PARAMETER;
-  BitmapLock lock_src(src);
-  BitmapLock lock_dst(dst);
-  const int32_t height = src->Height;
-  Progress progress(height, true);
-  VK_TRY(progress.start());
-
-  if ((src->Flags & BITMAP_COMPRESSED) && (dst->Flags & BITMAP_COMPRESSED)) {
-    // Rows move as run lists: no row is ever expanded.
-    const size_t capacity = 2 * static_cast<size_t>(src->Width > 0 ? src->Width : 0) + 6;
-    Buffer<uint8_t> record(capacity);
-    if (!record) return RESULT_FAIL;
-    for (int32_t r = 0; r < height; ++r) {
-      const int32_t n = cmp::read_record(src, static_cast<uint32_t>(r), record.get(), capacity);
-      if (n < 0) return n;
-      const int32_t w = cmp::write_record(dst, static_cast<uint32_t>(r), record.get());
-      dst->Size = cmp::heap_size(dst);
-      if (w < 1) return w;
-      VK_TRY(progress.step());
-    }
-    return RESULT_OK;
-  }
-
-  const uint32_t bpl = src->BytesPerLine;
-  if (flat_memory(src) && flat_memory(dst) && !progress.active()) {
-    // Both flat in memory and nobody watching: one copy of every row.
-    const uint64_t bytes = static_cast<uint64_t>(height > 0 ? height : 0) * bpl;
-    if (bytes > src->Size || bytes > dst->Size) return RESULT_BAD_PARAMETER;
-    std::memcpy(dst->Data, src->Data, static_cast<size_t>(bytes));
-    return RESULT_OK;
-  }
-  Buffer<uint8_t> row(bpl ? bpl : 1);
-  if (!row) return RESULT_FAIL;
-  for (int32_t r = 0; r < height; ++r) {
-    const int32_t got = V_GetBitmapRow(src, row.get(), static_cast<uint32_t>(r), static_cast<int32_t>(bpl));
-    if (got < 0) return got;
-    const int32_t put = V_PutBitmapRow(dst, row.get(), static_cast<uint32_t>(r), static_cast<int32_t>(bpl));
-    if (put < 0) return put;
-    VK_TRY(progress.step());
-  }
-  return RESULT_OK;
-}
 
 int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t memory_type) {
   if (!dst || !src || !(src->Flags & BITMAP_ALLOCATED)) return RESULT_BAD_PARAMETER;
@@ -86,7 +33,7 @@ int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t me
     const int32_t r = V_AllocateBitmap(&n, memory_type);
     if (r != RESULT_OK) return release(r);
   }
-  const int32_t r = copy_data(&n, src);
+  const int32_t r = copy_bitmap_data(&n, src);
   if (r != RESULT_OK) {
     V_FreeBitmap(&n);
     return r;
@@ -101,7 +48,7 @@ int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t me
 extern "C" {
 
 VK_API int32_t VK_CALL V_CopyBitmapData(BitmapHandle* destination, BitmapHandle* source) {
-  return vk::api_call([&] { return vk::copy_data(destination, source); });
+  return vk::api_call([&] { return vk::copy_bitmap_data(destination, source); });
 }
 
 VK_API int32_t VK_CALL V_CopyBitmap(BitmapHandle* destination, BitmapHandle* source) {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "core.h"
-#include "host.h"
+#include "dispatch.h"
 #include "platform.h"
 
 namespace vk {
@@ -79,7 +79,7 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
     n.Region = src->Region;
   } else {
     n.Region = nullptr;
-    if (auto hook = reinterpret_cast<VK_REGIONHOOK>(reinterpret_cast<void (*)()>(host::dispatch_entry(2)))) {
+    if (auto hook = reinterpret_cast<VK_REGIONHOOK>(reinterpret_cast<void (*)()>(dispatch::entry(2)))) {
       // The hook copies the source's region onto the record it is given as
       // destination; the copy is moved to the duplicate and the source gets
       // its own back.
@@ -105,28 +105,10 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
   return RESULT_OK;
 }
 
-int32_t copy_playback(BitmapHandle* dst, BitmapHandle* src) {
-  if (!dst || !src) return RESULT_BAD_PARAMETER;
-  constexpr uint32_t kPlaybackFlags = BITMAP_PLAYBACK_FLAG1 | BITMAP_PLAYBACK_FLAG2;
-  dst->Flags = (dst->Flags & ~kPlaybackFlags) | (src->Flags & kPlaybackFlags);
-  dst->PlaybackValue1 = src->PlaybackValue1;
-  dst->PlaybackValue2 = src->PlaybackValue2;
-  dst->PlaybackValue3 = src->PlaybackValue3;
-  dst->PlaybackValue6 = src->PlaybackValue6;
-  // The colours must name the same colour in the destination's terms.
-  dst->PlaybackColor1 = V_TranslateBitmapColor(dst, src, src->PlaybackColor1);
-  dst->PlaybackColor2 = V_TranslateBitmapColor(dst, src, src->PlaybackColor2);
-  return RESULT_OK;
-}
-
 }  // namespace
 }  // namespace vk
 
 extern "C" {
-
-VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source) {
-  return vk::api_call([&] { return vk::copy_playback(destination, source); });
-}
 
 VK_API int32_t VK_CALL V_DupBitmapNewDim(BitmapHandle* destination, BitmapHandle* source, int32_t width,
                                          int32_t height, int32_t bitsPerPixel, uint32_t dupFlags) {

@@ -1,38 +1,7 @@
-// dispatch.cpp - the display dispatch table (20 optional hooks installed by
-// the display module) and the file dispatch word (the file module's own
-// pointer).  Both are process-wide and unlocked: modules install them once at
-// their start-up, before image operations run.
-#include "host.h"
-
-#include <atomic>
-#include <cstring>
-
+// dispatch.cpp - the exported calls that install and read the display
+// dispatch table and the file dispatch word (the table itself: core/dispatch).
 #include "core.h"
-
-namespace vk::host {
-namespace {
-
-std::atomic<VK_DISPATCHPROC> g_table[VK_DISPATCH_ENTRIES];
-std::atomic<bool> g_initialised{false};
-std::atomic<uintptr_t> g_file_word{0};
-
-}  // namespace
-
-VK_DISPATCHPROC dispatch_entry(int n) {
-  if (n < 1 || n > VK_DISPATCH_ENTRIES) return nullptr;
-  return g_table[n - 1].load(std::memory_order_acquire);
-}
-
-void reset_on_attach() {
-  // Once a table has been installed (or the first reset has run) nothing is
-  // cleared: a display module's table survives later resets.
-  if (!g_initialised.load()) {
-    for (auto& e : g_table) e.store(nullptr);
-  }
-  g_initialised.store(true);
-}
-
-}  // namespace vk::host
+#include "dispatch.h"
 
 extern "C" {
 
@@ -41,8 +10,7 @@ extern "C" {
 VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table) {
   return vk::api_call([&]() -> int32_t {
     if (!table) return RESULT_BAD_PARAMETER;
-    for (int i = 0; i < VK_DISPATCH_ENTRIES; ++i) vk::host::g_table[i].store(table[i]);
-    vk::host::g_initialised.store(true);
+    vk::dispatch::install(table);
     return RESULT_OK;
   });
 }
@@ -50,15 +18,13 @@ VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table) {
 VK_API int32_t VK_CALL V_GetDisDispatch(VK_DISPATCHPROC* tableOut) {
   return vk::api_call([&]() -> int32_t {
     if (!tableOut) return RESULT_BAD_PARAMETER;
-    if (!vk::host::g_table[0].load()) return RESULT_NOT_SET;
-    for (int i = 0; i < VK_DISPATCH_ENTRIES; ++i) tableOut[i] = vk::host::g_table[i].load();
-    return RESULT_OK;
+    return vk::dispatch::read(tableOut) ? RESULT_OK : RESULT_NOT_SET;
   });
 }
 
 VK_API int32_t VK_CALL V_ResetDisDispatch(void) {
   return vk::api_call([]() -> int32_t {
-    vk::host::reset_on_attach();
+    vk::dispatch::reset_on_attach();
     return RESULT_OK;
   });
 }
@@ -66,7 +32,7 @@ VK_API int32_t VK_CALL V_ResetDisDispatch(void) {
 VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value) {
   return vk::api_call([&]() -> int32_t {
     if (!value) return RESULT_BAD_PARAMETER;
-    vk::host::g_file_word.store(*value);
+    vk::dispatch::set_file_word(*value);
     return RESULT_OK;
   });
 }
@@ -74,7 +40,7 @@ VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value) {
 VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut) {
   return vk::api_call([&]() -> int32_t {
     if (!valueOut) return RESULT_BAD_PARAMETER;
-    const uintptr_t w = vk::host::g_file_word.load();
+    const uintptr_t w = vk::dispatch::file_word();
     if (w == 0) return RESULT_NOT_SET;
     *valueOut = w;
     return RESULT_OK;

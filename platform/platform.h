@@ -7,7 +7,7 @@
 // system; it is the one place that may use mmap, open, malloc and friends.
 //
 // Every call that creates something (section, view, global block, file, temp
-// name, palette) is a fault-injection point (core/fault.h): a test can make
+// name, palette) is a fault-injection point (fault.h): a test can make
 // the n-th one fail and check that the caller cleans up.
 #pragma once
 

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "core.h"
-#include "host.h"
+#include "dispatch.h"
 
 namespace {
 
@@ -33,21 +33,21 @@ TEST(Dispatch, DisplayTableSetGetAndReset) {
   ASSERT_EQ(V_SetDisDispatch(table), RESULT_OK);
   EXPECT_EQ(V_GetDisDispatch(out), RESULT_NOT_SET);
   EXPECT_EQ(out[1], nullptr);  // nothing copied out
-  EXPECT_EQ(vk::host::dispatch_entry(2), hook_a);
-  EXPECT_EQ(vk::host::dispatch_entry(17), hook_b);
-  EXPECT_EQ(vk::host::dispatch_entry(1), nullptr);
+  EXPECT_EQ(vk::dispatch::entry(2), hook_a);
+  EXPECT_EQ(vk::dispatch::entry(17), hook_b);
+  EXPECT_EQ(vk::dispatch::entry(1), nullptr);
 
   for (int i = 0; i < VK_DISPATCH_ENTRIES; ++i) table[i] = (i % 2) ? hook_b : hook_a;
   ASSERT_EQ(V_SetDisDispatch(table), RESULT_OK);
   // The table is initialised, so a reset keeps the installed table.
   EXPECT_EQ(V_ResetDisDispatch(), RESULT_OK);
-  vk::host::reset_on_attach();
+  vk::dispatch::reset_on_attach();
   ASSERT_EQ(V_GetDisDispatch(out), RESULT_OK);
   for (int i = 0; i < VK_DISPATCH_ENTRIES; ++i) {
     EXPECT_EQ(out[i], table[i]) << i;
-    EXPECT_EQ(vk::host::dispatch_entry(i + 1), table[i]) << i;
+    EXPECT_EQ(vk::dispatch::entry(i + 1), table[i]) << i;
   }
-  for (int n : {0, -1, 21, 1000}) EXPECT_EQ(vk::host::dispatch_entry(n), nullptr) << n;
+  for (int n : {0, -1, 21, 1000}) EXPECT_EQ(vk::dispatch::entry(n), nullptr) << n;
 }
 
 TEST(Dispatch, FileWord) {

@@ -1,4 +1,5 @@
-// list.cpp - lists of whole bitmaps.
+// list.cpp - lists of whole bitmaps (the copy of items, which copies whole
+// bitmaps, is geometry/list_copy.cpp).
 //
 // A BitmapList is the movable global-memory handle of a small header
 // {count, items}.  The header comes from V_OsAllocInit (zero-filled), so it
@@ -8,16 +9,12 @@
 // by value: the list owns the pixel storage they describe.
 #include <cstring>
 
+#include "list.h"
+
 #include "core.h"
 #include "platform.h"
 
 namespace vk {
-namespace {
-
-struct ListHeader {
-  uint32_t count;
-  BitmapHandle* items;
-};
 
 // Turns a list handle into the header's address.  The block is locked and at
 // once unlocked again: the V_Os block keeps its own lock, so the address stays
@@ -30,7 +27,7 @@ ListHeader* header_of(BitmapList list) {
   return static_cast<ListHeader*>(p);
 }
 
-int32_t create_list(BitmapList* out, ListHeader** header = nullptr) {
+int32_t create_list(BitmapList* out, ListHeader** header) {
   *out = nullptr;
   void* p = V_OsAllocInit(sizeof(ListHeader), 1);
   if (!p) return RESULT_FAIL;
@@ -107,29 +104,6 @@ int32_t check_run(ListHeader* hdr, uint32_t index, uint32_t count, uint32_t* n) 
   return RESULT_OK;
 }
 
-// A list being made by copy or move: destroyed with whatever items it got
-// unless it is handed to the caller.
-class NewList {
- public:
-  NewList() = default;
-  NewList(const NewList&) = delete;
-  NewList& operator=(const NewList&) = delete;
-  ~NewList() {
-    if (hdr_) destroy_list(hdr_);
-  }
-  int32_t create() { return create_list(&handle_, &hdr_); }
-  ListHeader* operator->() const { return hdr_; }
-  ListHeader* get() const { return hdr_; }
-  BitmapList release() {
-    hdr_ = nullptr;
-    return handle_;
-  }
-
- private:
-  BitmapList handle_ = nullptr;
-  ListHeader* hdr_ = nullptr;
-};
-
 // Shared start of copy and move: the source header, the output pointer and
 // the run of items (n = how many the run really covers).
 int32_t open_run(BitmapList list, const BitmapList* new_list, uint32_t index, uint32_t count, ListHeader** hdr,
@@ -139,7 +113,6 @@ int32_t open_run(BitmapList list, const BitmapList* new_list, uint32_t index, ui
   return check_run(*hdr, index, count, n);
 }
 
-}  // namespace
 }  // namespace vk
 
 using vk::ListHeader;
@@ -223,30 +196,6 @@ VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, 
       VK_TRY(vk::remove_item(hdr, index, &b));
       V_FreeBitmap(&b);
     }
-    return RESULT_OK;
-  });
-}
-
-VK_API int32_t VK_CALL V_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count) {
-  return vk::api_call([&]() -> int32_t {
-    ListHeader* hdr = nullptr;
-    uint32_t n = 0;
-    VK_TRY(vk::open_run(list, newList, index, count, &hdr, &n));
-    vk::NewList dst;
-    if (dst.create() != RESULT_OK) return RESULT_FAIL;
-    for (uint32_t i = 0; i < n; ++i) {
-      BitmapHandle copy;
-      std::memset(&copy, 0, sizeof copy);
-      // The source record is passed in place: reading it may refresh its row
-      // cache, which is part of the list's own record.
-      VK_TRY(V_CopyBitmap(&copy, hdr->items + index + i));
-      const int32_t r = vk::insert_item(dst.get(), UINT32_MAX, &copy);
-      if (r != RESULT_OK) {
-        V_FreeBitmap(&copy);
-        return r;
-      }
-    }
-    *newList = dst.release();
     return RESULT_OK;
   });
 }

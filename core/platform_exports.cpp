@@ -1,4 +1,4 @@
-// exports.cpp - the platform objects exported to callers (vkkrn_platform.h),
+// platform_exports.cpp - the platform objects exported to callers (vkkrn_platform.h),
 // thin wrappers over the platform layer.
 #include "core.h"
 #include "platform.h"

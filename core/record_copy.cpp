@@ -1,0 +1,68 @@
+// record_copy.cpp - the row copy between two bitmaps that already have
+// storage: every storage rebuild and every copy of a bitmap ends here.
+#include "record_copy.h"
+
+#include <cstring>
+
+#include "compressed.h"
+#include "core.h"
+
+namespace vk {
+namespace {
+
+bool flat_memory(const BitmapHandle* b) {
+  return (b->Flags & BITMAP_IN_MEMORY) && b->Data &&
+         !(b->Flags & (BITMAP_COMPRESSED | BITMAP_TILED | BITMAP_SUPER_COMPRESSED));
+}
+
+}  // namespace
+
+int32_t copy_bitmap_data(BitmapHandle* dst, BitmapHandle* src) {
+  if (!src || !dst || !(src->Flags & BITMAP_ALLOCATED) || !(dst->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
+  if (dst == src) return RESULT_OK;
+  if (dst->Width != src->Width || dst->Height != src->Height || dst->BitsPerPixel != src->BitsPerPixel ||
+      dst->BytesPerLine != src->BytesPerLine)
+    return RESULT_BAD_PARAMETER;
+  BitmapLock lock_src(src);
+  BitmapLock lock_dst(dst);
+  const int32_t height = src->Height;
+  Progress progress(height, true);
+  VK_TRY(progress.start());
+
+  if ((src->Flags & BITMAP_COMPRESSED) && (dst->Flags & BITMAP_COMPRESSED)) {
+    // Rows move as run lists: no row is ever expanded.
+    const size_t capacity = 2 * static_cast<size_t>(src->Width > 0 ? src->Width : 0) + 6;
+    Buffer<uint8_t> record(capacity);
+    if (!record) return RESULT_FAIL;
+    for (int32_t r = 0; r < height; ++r) {
+      const int32_t n = cmp::read_record(src, static_cast<uint32_t>(r), record.get(), capacity);
+      if (n < 0) return n;
+      const int32_t w = cmp::write_record(dst, static_cast<uint32_t>(r), record.get());
+      dst->Size = cmp::heap_size(dst);
+      if (w < 1) return w;
+      VK_TRY(progress.step());
+    }
+    return RESULT_OK;
+  }
+
+  const uint32_t bpl = src->BytesPerLine;
+  if (flat_memory(src) && flat_memory(dst) && !progress.active()) {
+    // Both flat in memory and nobody watching: one copy of every row.
+    const uint64_t bytes = static_cast<uint64_t>(height > 0 ? height : 0) * bpl;
+    if (bytes > src->Size || bytes > dst->Size) return RESULT_BAD_PARAMETER;
+    std::memcpy(dst->Data, src->Data, static_cast<size_t>(bytes));
+    return RESULT_OK;
+  }
+  Buffer<uint8_t> row(bpl ? bpl : 1);
+  if (!row) return RESULT_FAIL;
+  for (int32_t r = 0; r < height; ++r) {
+    const int32_t got = V_GetBitmapRow(src, row.get(), static_cast<uint32_t>(r), static_cast<int32_t>(bpl));
+    if (got < 0) return got;
+    const int32_t put = V_PutBitmapRow(dst, row.get(), static_cast<uint32_t>(r), static_cast<int32_t>(bpl));
+    if (put < 0) return put;
+    VK_TRY(progress.step());
+  }
+  return RESULT_OK;
+}
+
+}  // namespace vk
