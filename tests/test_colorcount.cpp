@@ -6,6 +6,10 @@
 
 #include "core.h"
 #include "reduce_fixtures.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_GetBitmapColorCountExt);
 
 namespace {
 

@@ -10,6 +10,10 @@
 #include "core.h"
 #include "platform.h"
 #include "reduce_fixtures.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_ColorResBitmap);
 
 namespace {
 

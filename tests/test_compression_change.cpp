@@ -7,6 +7,10 @@
 
 #include "compressed.h"
 #include "core.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_ChangeBitmapCompression);
 
 namespace {
 

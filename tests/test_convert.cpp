@@ -10,6 +10,10 @@
 
 #include "fault.h"
 #include "vkkrn.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_CopyGrayParams);
 
 namespace {
 

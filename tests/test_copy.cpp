@@ -2,6 +2,10 @@
 // source, region hooks, row copies between any two storage kinds, copy
 // progress, failures that leave the destination untouched.
 #include "storage_helpers.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_CopyBitmap, V_CopyBitmap2);
 
 namespace {
 

@@ -14,6 +14,10 @@
 #include "fault.h"
 #include "palette_tables.h"
 #include "vkkrn.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_StartDitheringExt);
 
 namespace {
 

@@ -127,6 +127,44 @@ TEST(FaultSweep, BitmapPalettesKeepTheOldPaletteOnFailure) {
   }
 }
 
+VKT_SWEEPS(V_CreateBitmapPalette);
+TEST(FaultSweep, ANewBitmapPaletteIsAllOrNothing) {
+  const std::vector<RGBQUAD> pal = {{1, 2, 3, 0}, {4, 5, 6, 0}, {7, 8, 9, 0}, {10, 11, 12, 0}};
+  for (const bool table : {false, true}) {
+    SCOPED_TRACE(table ? "table" : "handle");
+    BitmapHandle r{};  // no storage: only the palette belongs to it
+    r.BitsPerPixel = 2;
+    r.ColorCount = 4;
+    if (table) r.Flags = PALETTE_IS_TABLE;
+    fault_sweep([] {},
+                [&] {
+                  V_CreateBitmapPalette(&r, pal.data(), 4);  // reports nothing: a null palette is the failure
+                  return r.Palette ? int32_t{RESULT_OK} : int32_t{RESULT_FAIL};
+                },
+                [&](const SweepRun& run) {
+                  if (run.result == RESULT_OK) V_FreeBitmap(&r);
+                  else EXPECT_EQ(r.Palette, nullptr);
+                  r.Palette = nullptr;
+                });
+  }
+}
+
+VKT_SWEEPS(V_CopyBitmapData);
+TEST(FaultSweep, CopyingPixelsBetweenBitmapsAllocatesOnlyItsRow) {
+  for (const int32_t type : {TYPE_CONVENTIONAL, TYPE_DISK, TYPE_COMPRESSED}) {
+    SCOPED_TRACE(type);
+    BitmapHandle src = make(1, 40, 6, type), dst = make(1, 40, 6, TYPE_CONVENTIONAL);
+    Snapshot before(&src);
+    fault_sweep([] {}, [&] { return V_CopyBitmapData(&dst, &src); },
+                [&](const SweepRun& run) {
+                  if (run.result == RESULT_OK) EXPECT_EQ(Snapshot::pixels(&dst), Snapshot::pixels(&src));
+                  EXPECT_TRUE(before.unchanged());
+                });
+    V_FreeBitmap(&src);
+    V_FreeBitmap(&dst);
+  }
+}
+
 VKT_SWEEPS(V_DupBitmapNewDim);
 TEST(FaultSweep, DuplicationWithStorageMakesAllOrNothing) {
   BitmapHandle src = make(8);

@@ -11,6 +11,10 @@
 
 #include "core.h"
 #include "platform.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_OsCreat, V_OsGetTempName, V_StartRedirectToBuffer, V_StopRedirectToBuffer);
 
 namespace {
 

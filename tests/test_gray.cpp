@@ -9,6 +9,10 @@
 #include "color_helpers.h"
 #include "fault.h"
 #include "vkkrn.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_GrayScaleBitmap);
 
 using vkt::quad;
 

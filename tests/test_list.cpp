@@ -7,6 +7,10 @@
 
 #include "core.h"
 #include "platform.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_CopyBitmapListItems, V_MoveBitmapListItems, V_InsertBitmapListItem, V_RemoveBitmapListItem);
 
 namespace {
 

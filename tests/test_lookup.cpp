@@ -10,6 +10,10 @@
 #include "lookup.h"
 #include "palette_tables.h"
 #include "vkkrn.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_CreateUserMatchTable);
 
 namespace {
 

@@ -9,6 +9,10 @@
 #include "core.h"
 #include "optimize.h"
 #include "reduce_fixtures.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_CreateOptimizedPalette);
 
 namespace {
 

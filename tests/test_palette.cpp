@@ -9,6 +9,10 @@
 #include "fault.h"
 #include "platform.h"
 #include "vkkrn.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_CreateBitmap, V_CreateBitmapGrayPalette, V_PutBitmapColors, V_SetPaletteType);
 
 using vkt::quad;
 

@@ -7,6 +7,10 @@
 #include "storage_helpers.h"
 #include "storage.h"
 #include "tiles.h"
+#include "fault_sweep.h"
+
+// Fault sweeps in this file.
+VKT_SWEEPS(V_AllocateBitmap, V_ChangeBitmapHeight, V_SetBitmapMemoryInfo);
 
 namespace {
 
