@@ -1,6 +1,7 @@
 // Nearest-colour search, user match tables, palette maps and the fixed palettes.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -9,6 +10,7 @@
 #include "fault.h"
 #include "lookup.h"
 #include "palette_tables.h"
+#include "platform.h"
 #include "vkkrn.h"
 
 namespace {
@@ -206,6 +208,14 @@ TEST(Lookup, PreparedMatcherAgreesWithSearch) {
 }  // namespace
 
 namespace {
+
+// The test command runs the matching a second time with the switch set; this
+// proves that second run really took the plain path.
+TEST(Lookup, ForcedGenericSwitchIsHonoured) {
+  const char* force = std::getenv("VK_FORCE_GENERIC");
+  if (!force || std::strcmp(force, "1") != 0) GTEST_SKIP() << "VK_FORCE_GENERIC not set";
+  EXPECT_EQ(vk::plat::simd_level(), vk::plat::Simd::generic);
+}
 
 TEST(Lookup, UserMatchTableAllocationFailure) {
   const long baseline = vk::fault::live_total();
