@@ -20,8 +20,6 @@
 namespace vk {
 namespace {
 
-using gray::level;
-using gray::widen5;
 
 // ---- stage 1: source pixels to gray values -------------------------------------
 
@@ -51,7 +49,7 @@ void rgb555_to_values(const uint8_t* src, uint16_t* out, int32_t width, const ui
   for (int32_t i = 0; i < width; ++i) {
     const uint32_t w = src[2 * i] | static_cast<uint32_t>(src[2 * i + 1]) << 8;
     const uint32_t hi = widen5((w >> 10) & 31u), mid = widen5((w >> 5) & 31u), lo = widen5(w & 31u);
-    out[i] = scale[RedHigh ? level(hi, mid, lo) : level(lo, mid, hi)];
+    out[i] = scale[RedHigh ? gray_level(hi, mid, lo) : gray_level(lo, mid, hi)];
   }
 }
 
@@ -63,7 +61,7 @@ void colour_to_values(const uint8_t* src, uint16_t* out, int32_t width, const ui
   constexpr int hi = Wide ? 1 : 0;   // offset of the byte that counts
   for (int32_t i = 0; i < width; ++i, src += Bytes) {
     const uint32_t first = src[hi], second = src[c + hi], third = src[2 * c + hi];
-    out[i] = scale[Bgr ? level(third, second, first) : level(first, second, third)];
+    out[i] = scale[Bgr ? gray_level(third, second, first) : gray_level(first, second, third)];
   }
 }
 
@@ -84,7 +82,7 @@ inline uint16_t gray_sample(uint32_t raw, const GraySource& g) {
   if (g.lut) {
     if (v >= g.lut_length) return 0;
     const RGBQUAD& e = g.lut[v];
-    return g.scale[level(e.rgbRed, e.rgbGreen, e.rgbBlue)];
+    return g.scale[gray_level(e.rgbRed, e.rgbGreen, e.rgbBlue)];
   }
   if (g.range.count >= g.dst_bits) return static_cast<uint16_t>(v >> (g.range.count - g.dst_bits));
   return static_cast<uint16_t>(v * ((1u << g.dst_bits) - 1u) / g.range.mask);
@@ -198,7 +196,7 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
       n = entries ? 1u << sbits : 0u;
     }
     for (uint32_t i = 0; i < 256; ++i)
-      lut[i] = i < n ? scale[level(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue)] : 0;
+      lut[i] = i < n ? scale[gray_level(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue)] : 0;
   } else if (src_gray) {
     kind = Kind::gray;
     gray_fn = sbits == 12 ? gray_to_values<12> : gray_to_values<16>;

@@ -69,7 +69,7 @@ TEST(Lookup, UserMatchTableAgreesOnCellCorners) {
   pal.push_back(q(0, 0, 0));
   uint32_t* t = V_CreateUserMatchTable(pal.data(), uint32_t(pal.size()));
   ASSERT_NE(t, nullptr);
-  for (uint32_t i = 0; i < vk::kMatchTableCells; ++i) {
+  for (uint32_t i = 0; i < vk::kColorCells; ++i) {
     const int r = int((i >> 10) & 31) * 8, g = int((i >> 5) & 31) * 8, b = int(i & 31) * 8;
     ASSERT_EQ(t[i], brute_nearest(pal, r, g, b) + 1) << i;
   }
