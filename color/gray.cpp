@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "core.h"
+#include "op.h"
 #include "palette.h"
 
 namespace vk {
@@ -217,7 +218,7 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
   const PackFn pack_fn = pack_kernel(bits);
 
   // The gray bitmap, built aside.
-  TempBitmap out;
+  op::Scratch out;
   VK_TRY(V_InitBitmap(out.get(), width, height, bits));
   int32_t memory_type = TYPE_CONVENTIONAL;
   if (V_GetDefaultMemoryType(&memory_type) != RESULT_OK) memory_type = TYPE_CONVENTIONAL;
@@ -247,18 +248,13 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
 
   // Reading rows moves the source's row cache; a conversion that does not
   // complete puts it back so the caller's record is exactly as it was.
-  const int32_t cached_row = src->CachedRow;
-  const uint32_t cached_offset = src->CachedRowOffset;
-  ScopeExit restore_cache([&] {
-    src->CachedRow = cached_row;
-    src->CachedRowOffset = cached_offset;
-  });
+  op::CacheGuard restore_cache(src);
 
   Progress progress(height);
   VK_TRY(progress.start());
   {
     BitmapLock lock_src(src), lock_dst(out.get());
-    for (int32_t y = 0; y < height; ++y) {
+    VK_TRY(op::each_row(progress, height, [&](int32_t y) {
       const int32_t got = V_GetBitmapRow(src, src_row.get(), static_cast<uint32_t>(y),
                                          static_cast<int32_t>(src_bpl));
       if (got < 0) return got;
@@ -276,20 +272,15 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
       pack_fn(values.get(), dst_row.get(), width);
       const int32_t put = V_PutBitmapRow(out.get(), dst_row.get(), static_cast<uint32_t>(y),
                                          static_cast<int32_t>(dst_bpl));
-      if (put < 0) return put;
-      VK_TRY(progress.step());
-    }
+      return put < 0 ? put : int32_t{RESULT_OK};
+    }));
   }
   VK_TRY(progress.finish());
 
   // Commit: the clip region follows the pixels, the old storage goes, and
   // the caller's record becomes the gray bitmap in one step.
   restore_cache.dismiss();
-  out->Region = src->Region;
-  src->Region = nullptr;
-  BitmapHandle done = out.release();
-  V_FreeBitmap(src);
-  *src = done;
+  op::commit(out, src);
   return RESULT_OK;
 }
 
