@@ -25,6 +25,7 @@
 
 #include "core.h"
 #include "match.h"
+#include "pixel_format.h"
 #include "palette_tables.h"
 
 namespace vk {
@@ -69,12 +70,10 @@ using DecodeFn = void (*)(const uint8_t* buf, size_t start, uint32_t n, void* ou
 using XformFn = void (*)(const void* in, void* out, uint32_t n, const Ctx& c);
 using EncodeFn = void (*)(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx& c);
 
-inline uint32_t le16(const uint8_t* p) { return uint32_t(p[0]) | (uint32_t(p[1]) << 8); }
 inline void put_le16(uint8_t* p, uint32_t v) {
   p[0] = uint8_t(v);
   p[1] = uint8_t(v >> 8);
 }
-inline uint8_t widen5(uint32_t f) { return uint8_t((f << 3) | (f >> 2)); }
 inline uint16_t widen8(uint32_t v) { return uint16_t(v * 257u); }
 
 // ---- decoders ------------------------------------------------------------------
@@ -415,14 +414,11 @@ bool rgb_order(int32_t order) { return order == ORDER_RGB || order == ORDER_BGR;
 }  // namespace
 
 bool gray_range(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit, GrayRange& out) {
-  const int64_t low = lowBit > 0 ? lowBit : 0;
-  const int64_t high = highBit >= 0 ? highBit : int64_t(bits) - 1;
-  int64_t count = high - low + 1;
-  if (count > maxBits) count = maxBits;
-  if (count < 1) return false;
-  out.count = int32_t(count);
-  out.shift = int32_t(high - count + 1);
-  out.mask = count >= 32 ? 0xFFFFFFFFu : (1u << count) - 1;
+  const BitRange r = bit_range(bits, maxBits, lowBit, highBit);
+  if (r.count < 1) return false;
+  out.count = int32_t(r.count);
+  out.shift = int32_t(r.shift_for(r.count));
+  out.mask = low_bits(r.count);
   return true;
 }
 

@@ -15,13 +15,12 @@
 #include <cstring>
 
 #include "core.h"
+#include "op.h"
 #include "palette.h"
 
 namespace vk {
 namespace {
 
-using gray::level;
-using gray::widen5;
 
 // ---- stage 1: source pixels to gray values -------------------------------------
 
@@ -51,7 +50,7 @@ void rgb555_to_values(const uint8_t* src, uint16_t* out, int32_t width, const ui
   for (int32_t i = 0; i < width; ++i) {
     const uint32_t w = src[2 * i] | static_cast<uint32_t>(src[2 * i + 1]) << 8;
     const uint32_t hi = widen5((w >> 10) & 31u), mid = widen5((w >> 5) & 31u), lo = widen5(w & 31u);
-    out[i] = scale[RedHigh ? level(hi, mid, lo) : level(lo, mid, hi)];
+    out[i] = scale[RedHigh ? gray_level(hi, mid, lo) : gray_level(lo, mid, hi)];
   }
 }
 
@@ -63,7 +62,7 @@ void colour_to_values(const uint8_t* src, uint16_t* out, int32_t width, const ui
   constexpr int hi = Wide ? 1 : 0;   // offset of the byte that counts
   for (int32_t i = 0; i < width; ++i, src += Bytes) {
     const uint32_t first = src[hi], second = src[c + hi], third = src[2 * c + hi];
-    out[i] = scale[Bgr ? level(third, second, first) : level(first, second, third)];
+    out[i] = scale[Bgr ? gray_level(third, second, first) : gray_level(first, second, third)];
   }
 }
 
@@ -84,7 +83,7 @@ inline uint16_t gray_sample(uint32_t raw, const GraySource& g) {
   if (g.lut) {
     if (v >= g.lut_length) return 0;
     const RGBQUAD& e = g.lut[v];
-    return g.scale[level(e.rgbRed, e.rgbGreen, e.rgbBlue)];
+    return g.scale[gray_level(e.rgbRed, e.rgbGreen, e.rgbBlue)];
   }
   if (g.range.count >= g.dst_bits) return static_cast<uint16_t>(v >> (g.range.count - g.dst_bits));
   return static_cast<uint16_t>(v * ((1u << g.dst_bits) - 1u) / g.range.mask);
@@ -198,7 +197,7 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
       n = entries ? 1u << sbits : 0u;
     }
     for (uint32_t i = 0; i < 256; ++i)
-      lut[i] = i < n ? scale[level(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue)] : 0;
+      lut[i] = i < n ? scale[gray_level(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue)] : 0;
   } else if (src_gray) {
     kind = Kind::gray;
     gray_fn = sbits == 12 ? gray_to_values<12> : gray_to_values<16>;
@@ -219,7 +218,7 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
   const PackFn pack_fn = pack_kernel(bits);
 
   // The gray bitmap, built aside.
-  TempBitmap out;
+  op::Scratch out;
   VK_TRY(V_InitBitmap(out.get(), width, height, bits));
   int32_t memory_type = TYPE_CONVENTIONAL;
   if (V_GetDefaultMemoryType(&memory_type) != RESULT_OK) memory_type = TYPE_CONVENTIONAL;
@@ -249,18 +248,13 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
 
   // Reading rows moves the source's row cache; a conversion that does not
   // complete puts it back so the caller's record is exactly as it was.
-  const int32_t cached_row = src->CachedRow;
-  const uint32_t cached_offset = src->CachedRowOffset;
-  ScopeExit restore_cache([&] {
-    src->CachedRow = cached_row;
-    src->CachedRowOffset = cached_offset;
-  });
+  op::CacheGuard restore_cache(src);
 
   Progress progress(height);
   VK_TRY(progress.start());
   {
     BitmapLock lock_src(src), lock_dst(out.get());
-    for (int32_t y = 0; y < height; ++y) {
+    VK_TRY(op::each_row(progress, height, [&](int32_t y) {
       const int32_t got = V_GetBitmapRow(src, src_row.get(), static_cast<uint32_t>(y),
                                          static_cast<int32_t>(src_bpl));
       if (got < 0) return got;
@@ -278,20 +272,15 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
       pack_fn(values.get(), dst_row.get(), width);
       const int32_t put = V_PutBitmapRow(out.get(), dst_row.get(), static_cast<uint32_t>(y),
                                          static_cast<int32_t>(dst_bpl));
-      if (put < 0) return put;
-      VK_TRY(progress.step());
-    }
+      return put < 0 ? put : int32_t{RESULT_OK};
+    }));
   }
   VK_TRY(progress.finish());
 
   // Commit: the clip region follows the pixels, the old storage goes, and
   // the caller's record becomes the gray bitmap in one step.
   restore_cache.dismiss();
-  out->Region = src->Region;
-  src->Region = nullptr;
-  BitmapHandle done = out.release();
-  V_FreeBitmap(src);
-  *src = done;
+  op::commit(out, src);
   return RESULT_OK;
 }
 

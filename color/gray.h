@@ -5,16 +5,11 @@
 #include <cstdint>
 
 #include "convert.h"
+#include "pixel_format.h"
 
 namespace vk::gray {
 
-// Gray level of an 8-bit-per-channel colour, truncating.
-constexpr uint32_t level(uint32_t red, uint32_t green, uint32_t blue) {
-  return (5u * green + 2u * red + blue + 4u) >> 3;
-}
 
-// 5-bit field to 8-bit channel.
-constexpr uint32_t widen5(uint32_t field) { return (field << 3) | (field >> 2); }
 
 // The significant part of a gray sample: value = (raw >> shift) & mask, with
 // mask = 2^count - 1 (the bit-range rule of row conversion).  A range that

@@ -14,6 +14,7 @@
 #endif
 
 #include "core.h"
+#include "platform.h"
 
 namespace vk {
 namespace {
@@ -92,14 +93,16 @@ void PaletteMatcher::prepare(const RGBQUAD* palette, uint32_t colors) {
 // search ends on i0 when m is 0 (first exact match) and otherwise on the last
 // entry at distance m whose order code equals the target's, or i0 if none.
 uint32_t PaletteMatcher::find(uint32_t red, uint32_t green, uint32_t blue) const {
+  static const plat::Simd simd = plat::simd_level();
 #if defined(VK_AVX2_DISPATCH)
-  static const bool avx2 = __builtin_cpu_supports("avx2");
-  if (avx2) {
+  if (simd == plat::Simd::avx2) {
     uint32_t answer;
     if (shortcut(red, green, blue, answer)) return answer;
     return search_avx2(red, green, blue);
   }
 #endif
+  if (simd == plat::Simd::generic)
+    return find_palette_index(palette_, colors_, int32_t(red), int32_t(green), int32_t(blue));
   return find_baseline(red, green, blue);
 }
 

@@ -4,13 +4,14 @@
 
 #include <cstdint>
 
+#include "pixel_format.h"
 #include "vkkrn.h"
 
 namespace vk {
 
-// Cells of a user match table: one per 5-5-5 colour, cell (r5, g5, b5) at
-// r5 * 1024 + g5 * 32 + b5, holding palette index + 1 (0 = unresolved).
-inline constexpr uint32_t kMatchTableCells = 32768;
+// Cells of a user match table: one per 5-5-5 colour (kColorCells), cell
+// (r5, g5, b5) at r5 * 1024 + g5 * 32 + b5, holding palette index + 1
+// (0 = unresolved).
 inline constexpr uint32_t match_cell(uint32_t r5, uint32_t g5, uint32_t b5) { return (r5 << 10) | (g5 << 5) | b5; }
 
 // The nearest-colour search behind V_FindPaletteIndex (no exception paths).
@@ -47,8 +48,5 @@ class PaletteMatcher {
 // else 0.  Entries it does not fill are left as they were.
 int build_palette_map(const RGBQUAD* src, uint32_t srcColors, const RGBQUAD* dst, uint32_t dstColors,
                       uint8_t map[256]);
-
-// Gray level of an 8-bit colour: (5 g + 2 r + b + 4) / 8.
-inline constexpr uint32_t gray_level(uint32_t r, uint32_t g, uint32_t b) { return (5 * g + 2 * r + b + 4) >> 3; }
 
 }  // namespace vk

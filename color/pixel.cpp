@@ -149,8 +149,8 @@ uint32_t get_pixel_color(BitmapHandle* b, int32_t row, int32_t column) {
   }
   switch (bits) {
     case 16: {
-      const uint32_t hi = gray::widen5((word >> 10) & 31u), mid = gray::widen5((word >> 5) & 31u),
-                     lo = gray::widen5(word & 31u);
+      const uint32_t hi = widen5((word >> 10) & 31u), mid = widen5((word >> 5) & 31u),
+                     lo = widen5(word & 31u);
       return b->Order == ORDER_BGR ? rgb(hi, mid, lo) : rgb(lo, mid, hi);
     }
     case 24:
@@ -225,7 +225,7 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
       v = find_palette_index(reinterpret_cast<const RGBQUAD*>(b->GrayLut), n, red_of(color), green_of(color),
                              blue_of(color));
     } else {
-      v = gray::from_level(gray::level(red_of(color), green_of(color), blue_of(color)), range.count);
+      v = gray::from_level(gray_level(red_of(color), green_of(color), blue_of(color)), range.count);
     }
     v = (v & range.mask) << range.shift;
     if (bits == 12) {

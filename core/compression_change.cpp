@@ -6,9 +6,8 @@
 // copies the new record over the caller's, so any failure leaves the
 // caller's bitmap exactly as it was.
 
-#include <cstring>
-
 #include "core.h"
+#include "op.h"
 #include "record_copy.h"
 
 extern "C" {
@@ -27,29 +26,19 @@ VK_API int32_t VK_CALL V_ChangeBitmapCompression(BitmapHandle* bitmap, int32_t m
     // The duplicate picks its storage from the source's flags, so the
     // source carries the target form while it is made.
     bitmap->Flags = (flags & ~kinds) | (mode == 1 ? BITMAP_COMPRESSED : 0u);
-    BitmapHandle fresh;
-    std::memset(&fresh, 0, sizeof fresh);
-    int32_t r = V_DupBitmapNewDim(&fresh, bitmap, bitmap->Width, bitmap->Height, bitmap->BitsPerPixel, DUP_ALLOCATE);
+    vk::op::Scratch fresh;
+    const int32_t r =
+        V_DupBitmapNewDim(fresh.get(), bitmap, bitmap->Width, bitmap->Height, bitmap->BitsPerPixel, DUP_ALLOCATE);
     bitmap->Flags = flags;
     if (r != RESULT_OK) return r;
+    fresh.shares(true, true);  // the duplicate uses the caller's palette and region
 
     // Reading the rows moves the source's row cache; a failed change puts
     // it back so that the caller's record is exactly as it was.
-    const uint32_t cached_offset = bitmap->CachedRowOffset;
-    const int32_t cached_row = bitmap->CachedRow;
-    r = vk::copy_bitmap_data(&fresh, bitmap);
-    if (r != RESULT_OK) {
-      bitmap->CachedRowOffset = cached_offset;
-      bitmap->CachedRow = cached_row;
-      fresh.Palette = nullptr;  // shared with the caller's record
-      fresh.Region = nullptr;
-      V_FreeBitmap(&fresh);
-      return r;
-    }
-    bitmap->Palette = nullptr;  // passes to the new record
-    bitmap->Region = nullptr;
-    V_FreeBitmap(bitmap);
-    *bitmap = fresh;
+    vk::op::CacheGuard cache(bitmap);
+    VK_TRY(vk::copy_bitmap_data(fresh.get(), bitmap));
+    cache.dismiss();
+    vk::op::commit(fresh, bitmap);
     if (bitmap->Flags & BITMAP_COMPRESSED) V_TrimBitmapHeap(bitmap);
     return RESULT_OK;
   });

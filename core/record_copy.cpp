@@ -6,6 +6,7 @@
 
 #include "compressed.h"
 #include "core.h"
+#include "op.h"
 
 namespace vk {
 namespace {
@@ -34,15 +35,13 @@ int32_t copy_bitmap_data(BitmapHandle* dst, BitmapHandle* src) {
     const size_t capacity = 2 * static_cast<size_t>(src->Width > 0 ? src->Width : 0) + 6;
     Buffer<uint8_t> record(capacity);
     if (!record) return RESULT_FAIL;
-    for (int32_t r = 0; r < height; ++r) {
+    return op::each_row(progress, height, [&](int32_t r) {
       const int32_t n = cmp::read_record(src, static_cast<uint32_t>(r), record.get(), capacity);
       if (n < 0) return n;
       const int32_t w = cmp::write_record(dst, static_cast<uint32_t>(r), record.get());
       dst->Size = cmp::heap_size(dst);
-      if (w < 1) return w;
-      VK_TRY(progress.step());
-    }
-    return RESULT_OK;
+      return w < 1 ? w : int32_t{RESULT_OK};
+    });
   }
 
   const uint32_t bpl = src->BytesPerLine;
@@ -55,14 +54,12 @@ int32_t copy_bitmap_data(BitmapHandle* dst, BitmapHandle* src) {
   }
   Buffer<uint8_t> row(bpl ? bpl : 1);
   if (!row) return RESULT_FAIL;
-  for (int32_t r = 0; r < height; ++r) {
+  return op::each_row(progress, height, [&](int32_t r) {
     const int32_t got = V_GetBitmapRow(src, row.get(), static_cast<uint32_t>(r), static_cast<int32_t>(bpl));
     if (got < 0) return got;
     const int32_t put = V_PutBitmapRow(dst, row.get(), static_cast<uint32_t>(r), static_cast<int32_t>(bpl));
-    if (put < 0) return put;
-    VK_TRY(progress.step());
-  }
-  return RESULT_OK;
+    return put < 0 ? put : int32_t{RESULT_OK};
+  });
 }
 
 }  // namespace vk

@@ -111,6 +111,12 @@ struct ScreenInfo {
 };
 ScreenInfo screen_info();
 
+// The widest vector kernels this processor runs, read once.  VK_FORCE_GENERIC=1
+// in the environment answers `generic`, so every kernel takes its plain path
+// (the tests run the palette matching both ways).
+enum class Simd { generic, sse2, avx2 };
+Simd simd_level();
+
 // Tests replace what the system reports (null restores the real answer).
 void override_memory_status(const MemoryStatus* status);
 void override_screen_info(const ScreenInfo* info);

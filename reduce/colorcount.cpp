@@ -12,12 +12,11 @@
 #include <cstring>
 
 #include "core.h"
-#include "packing.h"
+#include "pixel_format.h"
 
 namespace vk {
 namespace {
 
-inline uint8_t expand5(uint32_t c) { return static_cast<uint8_t>((c << 3) | (c >> 2)); }
 
 inline RGBQUAD quad(uint8_t r, uint8_t g, uint8_t b) {
   RGBQUAD q;
@@ -48,7 +47,7 @@ struct Rgb16Reader {
   }
   RGBQUAD colour(const uint8_t*, uint32_t, uint32_t k) const {
     const uint32_t lo = k & 31, mid = (k >> 5) & 31, hi = (k >> 10) & 31;
-    return RedHigh ? quad(expand5(hi), expand5(mid), expand5(lo)) : quad(expand5(lo), expand5(mid), expand5(hi));
+    return RedHigh ? quad(widen5(hi), widen5(mid), widen5(lo)) : quad(widen5(lo), widen5(mid), widen5(hi));
   }
 };
 
@@ -139,16 +138,9 @@ struct GrayRange {
 // The gray bit range of a bitmap: low = max(LowBit, 0); high = HighBit, or
 // BitsPerPixel - 1 when negative; bits = min(high - low + 1, maxBits).
 GrayRange gray_range(const BitmapHandle* b, int32_t max_bits) {
-  const int32_t low = b->LowBit > 0 ? b->LowBit : 0;
-  const int32_t high = b->HighBit >= 0 ? b->HighBit : b->BitsPerPixel - 1;
-  int32_t bits = high - low + 1;
-  if (bits > max_bits) bits = max_bits;
-  if (bits < 1) bits = 1;
-  if (bits > 24) bits = 24;
-  int32_t shift = high - bits + 1;
-  if (shift < 0) shift = 0;
-  if (shift > 31) shift = 31;
-  return GrayRange{static_cast<uint32_t>(bits), (1u << bits) - 1, static_cast<uint32_t>(shift)};
+  const BitRange r = bit_range(b->BitsPerPixel, max_bits, b->LowBit, b->HighBit);
+  const int64_t bits = r.count < 1 ? 1 : r.count > 24 ? 24 : r.count;
+  return GrayRange{static_cast<uint32_t>(bits), low_bits(bits), clamp_shift(r.shift_for(bits))};
 }
 
 template <template <int> class R, class... A>

@@ -135,7 +135,7 @@ bool adopt_table(const Layout& l, uint32_t* table) {
   for (uint32_t i = 0; i < l.first_free; ++i)
     if (l.pal[i].rgbReserved & 3) return false;
   if (l.first_free != 0)
-    for (uint32_t c = 0; c < opt::kCells; ++c)
+    for (uint32_t c = 0; c < kColorCells; ++c)
       if (table[c]) table[c] += l.first_free;
   return true;
 }
@@ -153,14 +153,14 @@ class TableGuard {
  public:
   int32_t take(uint32_t* table) {
     if (!table) return RESULT_OK;
-    if (!copy_.allocate(opt::kCells)) return RESULT_FAIL;
-    std::memcpy(copy_.get(), table, opt::kCells * sizeof(uint32_t));
+    if (!copy_.allocate(kColorCells)) return RESULT_FAIL;
+    std::memcpy(copy_.get(), table, kColorCells * sizeof(uint32_t));
     table_ = table;
     return RESULT_OK;
   }
   void commit() { table_ = nullptr; }
   ~TableGuard() {
-    if (table_) std::memcpy(table_, copy_.get(), opt::kCells * sizeof(uint32_t));
+    if (table_) std::memcpy(table_, copy_.get(), kColorCells * sizeof(uint32_t));
   }
 
  private:
@@ -465,7 +465,7 @@ int32_t resolve_list(BitmapList list, int32_t bits, uint32_t flags, RGBQUAD* pal
       }
     }
     if (!table) {
-      table = static_cast<uint32_t*>(V_Calloc(opt::kCells, sizeof(uint32_t)));
+      table = static_cast<uint32_t*>(V_Calloc(kColorCells, sizeof(uint32_t)));
       if (!table) return RESULT_FAIL;
     }
     shared = table;
@@ -480,7 +480,7 @@ int32_t resolve_list(BitmapList list, int32_t bits, uint32_t flags, RGBQUAD* pal
     item_colors = static_cast<int32_t>(l.count);
     flags = (flags & ~0x3CFu) | RESOLVE_USER_PALETTE | RESOLVE_USER_TABLE;
   } else if (bits <= 8 && (sel == 16 || sel == 256)) {
-    shared = static_cast<uint32_t*>(V_Calloc(opt::kCells, sizeof(uint32_t)));
+    shared = static_cast<uint32_t*>(V_Calloc(kColorCells, sizeof(uint32_t)));
     if (!shared) return RESULT_FAIL;
     flags = (flags & ~256u) | RESOLVE_USER_PALETTE | RESOLVE_USER_TABLE;
   }

@@ -22,8 +22,6 @@
 namespace vk {
 namespace {
 
-constexpr uint32_t kMatchCells = 32768;
-
 // Threshold matrices, row = line & 7, column = x & 7.  The first is used as
 // listed: 232 occurs twice and 252 never.
 constexpr uint8_t kOrderedMatrix[64] = {
@@ -48,8 +46,6 @@ constexpr uint8_t kClusteredMatrix[64] = {
 };
 
 inline int clamp255(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
-inline uint32_t le16(const uint8_t* p) { return uint32_t(p[0]) | (uint32_t(p[1]) << 8); }
-inline int expand5(uint32_t f) { return int((f << 3) | (f >> 2)); }
 
 // ---- error-diffusion kernels ---------------------------------------------------
 // F: farthest same-line column reached (x + F); it is also the margin.
@@ -174,9 +170,9 @@ struct Src555 {
   void next(int& r, int& g, int& b) {
     const uint32_t v = le16(p);
     p += 2;
-    r = expand5((v >> rs) & 31u);
-    g = expand5((v >> 5) & 31u);
-    b = expand5((v >> bs) & 31u);
+    r = widen5((v >> rs) & 31u);
+    g = widen5((v >> 5) & 31u);
+    b = widen5((v >> bs) & 31u);
   }
 };
 
@@ -519,18 +515,14 @@ int32_t bits_for_colors(int32_t colors) {
 // Gray sample bit range: keep the top `count` bits (at most maxBits) of the
 // range low .. high.  Ranges that describe no bits read as 0 (mask 0).
 void gray_range(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit, DitherContext& c) {
-  const int64_t low = lowBit > 0 ? lowBit : 0;
-  const int64_t high = highBit >= 0 ? highBit : int64_t(bits) - 1;
-  int64_t count = high - low + 1;
-  if (count > maxBits) count = maxBits;
-  const int64_t shift = high - count + 1;
-  if (count <= 0) {
+  const BitRange r = bit_range(bits, maxBits, lowBit, highBit);
+  if (r.count <= 0) {
     c.GrayBits = c.GrayMask = c.GrayShift = 0;
     return;
   }
-  c.GrayBits = uint32_t(count);
-  c.GrayMask = (1u << count) - 1u;
-  c.GrayShift = uint32_t(shift < 0 ? 0 : (shift > 31 ? 31 : shift));
+  c.GrayBits = uint32_t(r.count);
+  c.GrayMask = low_bits(r.count);
+  c.GrayShift = clamp_shift(r.shift_for(r.count));
 }
 
 const uint32_t kBlackLutEntry = 0;
@@ -570,7 +562,7 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
   const uint64_t rowLength = width + 2u * uint64_t(shape.margin);
   const uint64_t head = (uint64_t(sizeof(DitherContext)) + 15u) & ~uint64_t(15);
   const uint64_t rowsBytes = 3u * uint64_t(shape.rows) * rowLength * sizeof(int32_t);
-  const uint64_t tableBytes = mode == MATCH_OWN_TABLE ? uint64_t(kMatchCells) * sizeof(uint32_t) : 0u;
+  const uint64_t tableBytes = mode == MATCH_OWN_TABLE ? uint64_t(kColorCells) * sizeof(uint32_t) : 0u;
   const uint64_t total = head + tableBytes + rowsBytes;
   if (rowLength > UINT32_MAX || total > uint64_t(SIZE_MAX)) return RESULT_FAIL;
   void* block = V_Calloc(1, size_t(total));

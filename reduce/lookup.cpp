@@ -24,11 +24,11 @@ VK_API uint32_t* VK_CALL V_CreateUserMatchTable(const RGBQUAD* palette, uint32_t
       [&]() -> uint32_t* {
         if (!palette) return nullptr;
         vk::Buffer<uint32_t> table;
-        if (!table.allocate(vk::kMatchTableCells)) return nullptr;
+        if (!table.allocate(vk::kColorCells)) return nullptr;
         const bool prepared = colors <= 256;
         vk::PaletteMatcher matcher;
         if (prepared) matcher.prepare(palette, colors);
-        for (uint32_t i = 0; i < vk::kMatchTableCells; ++i) {
+        for (uint32_t i = 0; i < vk::kColorCells; ++i) {
           const uint32_t r = ((i >> 10) & 31) << 3, g = ((i >> 5) & 31) << 3, b = (i & 31) << 3;
           table[i] = (prepared ? matcher.find(r, g, b)
                                : vk::find_palette_index(palette, colors, int32_t(r), int32_t(g), int32_t(b))) +

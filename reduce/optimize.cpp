@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "core.h"
-#include "packing.h"
+#include "pixel_format.h"
 
 namespace vk::opt {
 
@@ -23,8 +23,8 @@ Histogram::~Histogram() {
 }
 
 bool Histogram::allocate() {
-  counts = static_cast<uint32_t*>(V_Calloc(kCells, sizeof(uint32_t)));
-  cells = static_cast<uint16_t*>(V_Malloc(kCells * sizeof(uint16_t)));
+  counts = static_cast<uint32_t*>(V_Calloc(kColorCells, sizeof(uint32_t)));
+  cells = static_cast<uint16_t*>(V_Malloc(kColorCells * sizeof(uint16_t)));
   used = 0;
   if (counts && cells) return true;
   V_Free(counts);
@@ -41,12 +41,11 @@ uint32_t* Histogram::release_counts() {
 }
 
 void Histogram::halve() {
-  for (uint32_t i = 0; i < kCells; ++i) counts[i] = (counts[i] + 1) >> 1;
+  for (uint32_t i = 0; i < kColorCells; ++i) counts[i] = (counts[i] + 1) >> 1;
 }
 
 namespace {
 
-inline uint32_t le16(const uint8_t* p) { return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8); }
 
 // Pixel readers: each turns pixel x of a row into its histogram cell, reading
 // colour exactly as the dithering engine does for the same source.
@@ -264,16 +263,9 @@ int32_t add_bitmap(Histogram& h, BitmapHandle* b) {
   }
   if ((bits == 12 || bits == 16) && order == ORDER_GRAY) {
     const bool lut = b->GrayLut && (b->Flags & BITMAP_GRAY_FLAG);
-    const int32_t low = b->LowBit > 0 ? b->LowBit : 0;
-    const int32_t high = b->HighBit >= 0 ? b->HighBit : bits - 1;
-    int32_t count = high - low + 1;
-    const int32_t max_bits = lut ? bits : 8;
-    if (count > max_bits) count = max_bits;
-    if (count < 1) count = 1;
-    int32_t shift = high - count + 1;
-    if (shift < 0) shift = 0;
-    if (shift > 31) shift = 31;
-    const uint32_t mask = (1u << count) - 1, sh = static_cast<uint32_t>(shift);
+    const BitRange r = bit_range(bits, lut ? bits : 8, b->LowBit, b->HighBit);
+    const int64_t count = r.count < 1 ? 1 : r.count;
+    const uint32_t mask = low_bits(count), sh = clamp_shift(r.shift_for(count));
     if (bits == 16)
       return lut ? fill(h, src, GrayCells<16, true>{sh, mask, b->GrayLut, b->GrayLutLength})
                  : fill(h, src, GrayCells<16, false>{sh, mask, nullptr, 0});

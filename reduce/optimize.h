@@ -8,17 +8,17 @@
 
 #include <cstdint>
 
+#include "pixel_format.h"
 #include "vkkrn.h"
 
 namespace vk::opt {
 
-constexpr uint32_t kCells = 32768;
 // No count exceeds this: reaching it halves every count first.
 constexpr uint32_t kCountLimit = 32768;
 
 struct Histogram {
-  uint32_t* counts = nullptr;  // kCells counts (V_Calloc); becomes the match table
-  uint16_t* cells = nullptr;   // kCells cell keys (V_Malloc), `used` of them valid
+  uint32_t* counts = nullptr;  // kColorCells counts (V_Calloc); becomes the match table
+  uint16_t* cells = nullptr;   // kColorCells cell keys (V_Malloc), `used` of them valid
   uint32_t used = 0;
 
   Histogram() = default;

@@ -22,9 +22,16 @@ run_variant() {
   ctest --test-dir "$dir" -j"$jobs" --output-on-failure --timeout 600
 }
 
+# The palette matching again with every vector kernel on its plain path.
+run_generic() {
+  echo "==== $1 tests, plain kernels (VK_FORCE_GENERIC=1) ===="
+  VK_FORCE_GENERIC=1 "build/test-$1/vk_tests" \
+    --gtest_filter='Lookup*:Convert*:Dither*:ColorRes*:Optimize*:Golden*:Palette*:Pixel*'
+}
+
 for v in "${variants[@]}"; do
   case $v in
-    native) run_variant native ;;
+    native) run_variant native && run_generic native ;;
     m32)
       # Some kernels (sandboxes among them) cannot execute 32-bit binaries:
       # then the tests run under user-mode emulation.

@@ -1,6 +1,7 @@
 // Nearest-colour search, user match tables, palette maps and the fixed palettes.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
@@ -9,6 +10,7 @@
 #include "fault.h"
 #include "lookup.h"
 #include "palette_tables.h"
+#include "platform.h"
 #include "vkkrn.h"
 #include "fault_sweep.h"
 
@@ -71,7 +73,7 @@ TEST(Lookup, UserMatchTableAgreesOnCellCorners) {
   pal.push_back(q(0, 0, 0));
   uint32_t* t = V_CreateUserMatchTable(pal.data(), uint32_t(pal.size()));
   ASSERT_NE(t, nullptr);
-  for (uint32_t i = 0; i < vk::kMatchTableCells; ++i) {
+  for (uint32_t i = 0; i < vk::kColorCells; ++i) {
     const int r = int((i >> 10) & 31) * 8, g = int((i >> 5) & 31) * 8, b = int(i & 31) * 8;
     ASSERT_EQ(t[i], brute_nearest(pal, r, g, b) + 1) << i;
   }
@@ -210,6 +212,14 @@ TEST(Lookup, PreparedMatcherAgreesWithSearch) {
 }  // namespace
 
 namespace {
+
+// The test command runs the matching a second time with the switch set; this
+// proves that second run really took the plain path.
+TEST(Lookup, ForcedGenericSwitchIsHonoured) {
+  const char* force = std::getenv("VK_FORCE_GENERIC");
+  if (!force || std::strcmp(force, "1") != 0) GTEST_SKIP() << "VK_FORCE_GENERIC not set";
+  EXPECT_EQ(vk::plat::simd_level(), vk::plat::Simd::generic);
+}
 
 TEST(Lookup, UserMatchTableAllocationFailure) {
   const long baseline = vk::fault::live_total();

@@ -117,7 +117,7 @@ TEST(OptimizeQuantise, SplitsAlongTheWidestAxisAndSortsWithTheTable) {
   // Every seen cell names its entry (position + 1); unseen cells stay 0.
   for (const Cell& c : cells) EXPECT_EQ(table[key(c)], c.g5 == 0 ? 1u : 2u);
   uint32_t nonzero = 0;
-  for (uint32_t i = 0; i < vk::opt::kCells; ++i) nonzero += table[i] != 0;
+  for (uint32_t i = 0; i < vk::kColorCells; ++i) nonzero += table[i] != 0;
   EXPECT_EQ(nonzero, 4u);
   V_Free(table);
 }
