@@ -69,4 +69,53 @@ inline uint32_t packed_pixel(const uint8_t* row, uint32_t x) {
   }
 }
 
+// The same pixel read touching only the bytes the pixel occupies (no slack
+// after the row), for rows the caller hands in without room to spare.
+template <int B>
+inline uint32_t packed_pixel_tight(const uint8_t* row, uint32_t x) {
+  static_assert(B >= 1 && B <= 8, "packed depths are 1 to 8 bits");
+  const uint32_t bit = x * B, at = bit & 7;
+  if (at + B <= 8) return (row[bit >> 3] >> (8 - B - at)) & ((1u << B) - 1);
+  const uint32_t word = (static_cast<uint32_t>(row[bit >> 3]) << 8) | row[(bit >> 3) + 1];
+  return (word >> (16 - B - at)) & ((1u << B) - 1);
+}
+
+// Writes one pixel of 1 to 8 bits into a packed row; the neighbouring bits
+// are kept and no byte beyond the pixel's own is touched.
+template <int B>
+inline void put_packed_pixel(uint8_t* row, uint32_t x, uint32_t v) {
+  static_assert(B >= 1 && B <= 8, "packed depths are 1 to 8 bits");
+  const uint32_t bit = x * B, at = bit & 7, mask = (1u << B) - 1;
+  v &= mask;
+  uint8_t* p = row + (bit >> 3);
+  if (at + B <= 8) {
+    const uint32_t shift = 8 - B - at;
+    *p = static_cast<uint8_t>((*p & ~(mask << shift)) | (v << shift));
+    return;
+  }
+  const uint32_t shift = 16 - B - at;
+  const uint32_t word = ((static_cast<uint32_t>(p[0]) << 8) | p[1]) & ~(mask << shift);
+  const uint32_t out = word | (v << shift);
+  p[0] = static_cast<uint8_t>(out >> 8);
+  p[1] = static_cast<uint8_t>(out);
+}
+
+// 12-bit gray: pixel 2m is the low 12 bits of the little-endian word at byte
+// 3m, pixel 2m+1 the high 12 bits of the word at byte 3m+1.
+inline uint32_t gray12_pixel(const uint8_t* row, uint32_t x) {
+  const uint8_t* p = row + (x >> 1) * 3;
+  return (x & 1) ? (uint32_t(p[1]) >> 4) | (uint32_t(p[2]) << 4) : uint32_t(p[0]) | ((uint32_t(p[1]) & 0x0F) << 8);
+}
+// Writing one keeps the other pixel's nibble.
+inline void put_gray12_pixel(uint8_t* row, uint32_t x, uint32_t v) {
+  uint8_t* p = row + (x >> 1) * 3;
+  if (x & 1) {
+    p[1] = static_cast<uint8_t>((p[1] & 0x0F) | ((v & 0x0F) << 4));
+    p[2] = static_cast<uint8_t>(v >> 4);
+  } else {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>((p[1] & 0xF0) | ((v >> 8) & 0x0F));
+  }
+}
+
 }  // namespace vk

@@ -614,6 +614,113 @@ VK_API int32_t VK_CALL V_ResetDisDispatch(void);
 VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value);
 VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
 
+/* ===================================================================== */
+/* 13. Orientation: view perspective, flips, quarter and half turns       */
+/* ===================================================================== */
+
+/* A rectangle: right and bottom exclusive. */
+typedef struct VK_RECT {
+  int32_t left;
+  int32_t top;
+  int32_t right;
+  int32_t bottom;
+} VK_RECT;
+
+/* Flags of V_RotateBitmap / V_IntRotateBitmap. */
+#define ROTATE_RESIZE  1u   /* the result holds the whole turned image */
+#define ROTATE_LINEAR  2u
+#define ROTATE_SPLINE  4u
+
+/* Sine and cosine x 16384 of an angle in hundredths of a degree, 0..36000
+ * (the caller normalises; other values give 0).  Exact integers from one
+ * quarter-wave table: V_SinValue(3000) = 8192, V_CosValue(18000) = -16384. */
+VK_API int32_t VK_CALL V_SinValue(int32_t angle);
+VK_API int32_t VK_CALL V_CosValue(int32_t angle);
+
+/* Mirrors one packed row of `width` pixels in place, left to right, for
+ * every bitmap depth (1-8, 12, 16, 24, 32, 48, 64).  Touches only the
+ * (width x bits + 7) / 8 bytes that hold pixels; padding bits are kept.
+ * RESULT_BAD_PARAMETER for a null row or negative width,
+ * RESULT_BAD_BITS_PER_PIXEL for another depth. */
+VK_API int32_t VK_CALL V_MirrorLine(void* row, int32_t width, int32_t bitsPerPixel);
+
+/* The flip (0 or 1) and turn (0, 90, 180, 270 degrees) that take a bitmap
+ * stored in view perspective `from` to `to`.  RESULT_BAD_PARAMETER for null
+ * outputs or an invalid value (6, negative, above 8). */
+VK_API int32_t VK_CALL V_GetChangeViewPerspectiveParams(int32_t from, int32_t to, int32_t* flip, int32_t* angle);
+
+/* Moves the pixels so that the bitmap is stored in `viewPerspective`.
+ * destination null or equal to source: in place (the record is replaced
+ * only when the change is complete).  Otherwise destination receives a new
+ * bitmap duplicated with dupFlags (V_ChangeBitmapViewPerspective: all of
+ * DUP_ALLOCATE | DUP_OWN_PALETTE | DUP_OWN_REGION) and source is unchanged;
+ * the caller frees it with V_FreeBitmap.  The status callback is off during
+ * the change and restored on every way out.  RESULT_BAD_PARAMETER for a null
+ * or unallocated source or an invalid value; RESULT_FAIL when memory runs
+ * out, nothing changed. */
+VK_API int32_t VK_CALL V_ChangeBitmapViewPerspective(BitmapHandle* destination, BitmapHandle* source,
+                                                     int32_t viewPerspective);
+VK_API int32_t VK_CALL V_IntChangeBitmapViewPerspective(BitmapHandle* destination, BitmapHandle* source,
+                                                        int32_t viewPerspective, uint32_t dupFlags);
+
+/* Relabel only (the pixels are not touched): the view perspective of the
+ * image flipped upside down / mirrored.  Values that are no orientation are
+ * kept.  Null: RESULT_BAD_PARAMETER (Int variants: RESULT_NO_BITMAP). */
+VK_API int32_t VK_CALL V_FlipBitmapViewPerspective(BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_ReverseBitmapViewPerspective(BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_IntFlipBitmapViewPerspective(BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_IntReverseBitmapViewPerspective(BitmapHandle* bitmap);
+
+/* The image as seen turned upside down (V_FlipBitmap) or mirrored left to
+ * right (V_ReverseBitmap), for every depth and storage; compressed rows stay
+ * compressed.  Progress through the status callback; a callback result
+ * other than RESULT_OK stops and is returned with the pixels unchanged.
+ * V_FlipBitmap: RESULT_BAD_PARAMETER for null, unallocated or view
+ * perspective 6.  V_ReverseBitmap: RESULT_BAD_PARAMETER for null,
+ * RESULT_NO_BITMAP for unallocated.  RESULT_FAIL when memory runs out. */
+VK_API int32_t VK_CALL V_FlipBitmap(BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_ReverseBitmap(BitmapHandle* bitmap);
+
+/* A point converted in place from the bitmap's view perspective to
+ * `viewPerspective` (From) or back (To); rectangles likewise, and between
+ * any two orientations of a width x height image (ChangeRect).  The To
+ * forms use the dimensions as seen, exchanged once more for target 4 or 8
+ * only.  RESULT_BAD_PARAMETER for null pointers or invalid values. */
+VK_API int32_t VK_CALL V_PointFromBitmap(BitmapHandle* bitmap, int32_t viewPerspective, int32_t* x, int32_t* y);
+VK_API int32_t VK_CALL V_PointToBitmap(BitmapHandle* bitmap, int32_t viewPerspective, int32_t* x, int32_t* y);
+VK_API int32_t VK_CALL V_RectFromBitmap(BitmapHandle* bitmap, int32_t viewPerspective, VK_RECT* rect);
+VK_API int32_t VK_CALL V_RectToBitmap(BitmapHandle* bitmap, int32_t viewPerspective, VK_RECT* rect);
+VK_API int32_t VK_CALL V_ChangeRectViewPerspective(int32_t from, int32_t width, int32_t height, int32_t to,
+                                                   VK_RECT* rect);
+
+/* A quarter turn in place: direction 1 is the turn V_RotateBitmap does for
+ * +9000, 0 the turn for -9000.  Width/height and X/Y resolution exchange.
+ * Progress runs from progressStart to progressEnd.  The display dispatch
+ * entry 13, when set, is told of the turn (+9000 or -9000).
+ * RESULT_NO_BITMAP for an unallocated bitmap, RESULT_FAIL when memory runs
+ * out, a callback's refusal as given; the record is unchanged on failure. */
+VK_API int32_t VK_CALL V_RotateBitmap90(BitmapHandle* bitmap, int32_t direction, int32_t progressStart,
+                                        int32_t progressEnd);
+
+/* Turns by an angle in hundredths of a degree.  Built: 0 (progress only),
+ * 18000 (half turn in place), 9000 and 27000 with ROTATE_RESIZE or on a
+ * square bitmap (quarter turns).  Any other turn returns RESULT_FAIL and
+ * changes nothing.  RESULT_NO_BITMAP for a null or unallocated bitmap. */
+VK_API int32_t VK_CALL V_RotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fill);
+VK_API int32_t VK_CALL V_IntRotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fill,
+                                         int32_t progressStart, int32_t progressEnd);
+
+/* Packed buffers, rows padded to 4 bytes.  RotateBuffer90: height rows of
+ * width pixels into width rows of height pixels, destination row r = source
+ * column r (source rows last to first with fromBottom).  RotateBuffer180:
+ * destination row height - 1 - i = source row i mirrored; source and
+ * destination may be the same buffer.  RESULT_BAD_PARAMETER for null
+ * buffers or sizes below 1, RESULT_BAD_BITS_PER_PIXEL for other depths. */
+VK_API int32_t VK_CALL V_RotateBuffer90(const void* source, void* destination, int32_t fromBottom, int32_t width,
+                                        int32_t height, int32_t bitsPerPixel);
+VK_API int32_t VK_CALL V_RotateBuffer180(const void* source, void* destination, int32_t width, int32_t height,
+                                         int32_t bitsPerPixel);
+
 #ifdef __cplusplus
 }
 #endif

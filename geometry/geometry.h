@@ -1,0 +1,50 @@
+// geometry.h - internals the geometry operations share: the integer sine,
+// the row mirror, the row workers behind flips and half turns, and the
+// quarter-turn transposition.
+//
+// Orientation: a quarter turn in direction 1 takes the pixel at column x,
+// row y of a W x H bitmap to column H - 1 - y, row x of the H x W result
+// (the turn a change of view perspective by 90 performs); direction 0 is its
+// inverse, to column y, row W - 1 - x.
+#pragma once
+
+#include <cstdint>
+
+#include "core.h"
+#include "op.h"
+
+namespace vk {
+
+// Sine and cosine x 16384 of an angle 0..36000 (hundredths of a degree).
+int32_t sine(int32_t angle);
+int32_t cosine(int32_t angle);
+
+// Mirrors one packed row of `width` pixels in place, left to right; bits of
+// the last byte after the last pixel are kept.  No byte after the row's
+// (width x bits + 7) / 8 is touched.  Depths as for bitmaps.
+using MirrorFn = void (*)(uint8_t* row, uint32_t width);
+MirrorFn mirror_kernel(int32_t bits);  // null for a depth bitmaps do not have
+
+// The stored rows in reverse order (flip), each row mirrored (mirror), or
+// both (a half turn).  Flat memory is changed in place and a stopped or
+// cancelled run undoes what it did; other storage is built in a new record
+// committed at the end.  Progress runs from `from` to `to` over one step per
+// row pair (flip) or per row.  RESULT_NO_BITMAP for an unallocated bitmap.
+int32_t transform_rows(BitmapHandle* b, bool flip, bool mirror, int32_t from = 0, int32_t to = 100);
+
+// Transposes h rows of w pixels (src, signed stride) into w rows of h pixels
+// (dst, signed stride): destination row r, column c = source row c, column
+// r.  Negative strides give the other turns.  Rows of 1 to 7 bits start at
+// bit 0 of their first byte.
+void transpose(const uint8_t* src, intptr_t src_stride, uint8_t* dst, intptr_t dst_stride, uint32_t w, uint32_t h,
+               int32_t bits);
+
+// The quarter turn of b into `out` (a new record, not yet committed; it
+// shares b's palette and region).  One progress step per destination row.
+int32_t turn_quarter(BitmapHandle* b, int32_t direction, op::Scratch& out, Progress& progress);
+
+// The quarter turn of a bitmap in place (V_RotateBitmap90), progress from
+// `from` to `to`, the region hook told of the turn, one commit.
+int32_t rotate90(BitmapHandle* b, int32_t direction, int32_t from, int32_t to);
+
+}  // namespace vk

@@ -1,0 +1,415 @@
+// Orientation: the sine table, row mirrors, view-perspective arithmetic,
+// flips and mirrors of bitmaps, quarter and half turns, buffer turns, and
+// what a failure or a cancelled run leaves behind.
+#include <cmath>
+
+#include "fault_sweep.h"
+#include "orient_helpers.h"
+
+VKT_SWEEPS(V_FlipBitmap, V_ReverseBitmap, V_RotateBitmap90, V_RotateBitmap, V_IntRotateBitmap);
+VKT_SWEEPS(V_ChangeBitmapViewPerspective, V_IntChangeBitmapViewPerspective);
+
+namespace {
+
+using namespace vkt;
+
+// ---- references ----------------------------------------------------------------------
+
+Pixels flipped(const Pixels& p) {
+  Pixels o = p;
+  for (int32_t y = 0; y < p.h; ++y)
+    for (int32_t x = 0; x < p.w; ++x) o.v[size_t(y) * p.w + x] = p.at(x, p.h - 1 - y);
+  return o;
+}
+Pixels mirrored(const Pixels& p) {
+  Pixels o = p;
+  for (int32_t y = 0; y < p.h; ++y)
+    for (int32_t x = 0; x < p.w; ++x) o.v[size_t(y) * p.w + x] = p.at(p.w - 1 - x, y);
+  return o;
+}
+// Destination row r, column c: direction 1 reads source column r from the
+// bottom, direction 0 source column W - 1 - r from the top.
+Pixels quarter(const Pixels& p, int32_t direction) {
+  Pixels o{p.h, p.w, std::vector<uint64_t>(p.v.size())};
+  for (int32_t r = 0; r < o.h; ++r)
+    for (int32_t c = 0; c < o.w; ++c)
+      o.v[size_t(r) * o.w + c] = direction ? p.at(r, p.h - 1 - c) : p.at(p.w - 1 - r, c);
+  return o;
+}
+
+// ---- sine ---------------------------------------------------------------------------------
+
+TEST(Sine, EveryEntryIsTheRoundedSineAndTheQuadrantsFollowBySymmetry) {
+  for (int32_t a = 0; a <= 36000; ++a) {
+    const double s = std::sin(a * M_PI / 18000.0), c = std::cos(a * M_PI / 18000.0);
+    const int32_t es = int32_t(std::lround(std::fabs(s) * 16384.0)) * (s < 0 ? -1 : 1);
+    const int32_t ec = int32_t(std::lround(std::fabs(c) * 16384.0)) * (c < 0 ? -1 : 1);
+    ASSERT_EQ(V_SinValue(a), es) << a;
+    ASSERT_EQ(V_CosValue(a), ec) << a;
+  }
+  EXPECT_EQ(V_SinValue(3000), 8192);
+  EXPECT_EQ(V_SinValue(4500), 11585);
+  EXPECT_EQ(V_SinValue(27000), -16384);
+  EXPECT_EQ(V_CosValue(18000), -16384);
+  EXPECT_EQ(V_CosValue(36000), 16384);
+  EXPECT_EQ(V_SinValue(-1), 0);
+  EXPECT_EQ(V_CosValue(36001), 0);
+}
+
+// ---- one row -----------------------------------------------------------------------------
+
+TEST(MirrorLine, EveryDepthAndWidthAgainstThePixelReference) {
+  std::mt19937 rng(7);
+  for (int32_t bits : kDepths)
+    for (int32_t w : {1, 2, 7, 31, 33}) {
+      SCOPED_TRACE(std::to_string(bits) + " bits, width " + std::to_string(w));
+      const size_t used = (size_t(w) * bits + 7) / 8;
+      std::vector<uint8_t> row(used + 4);
+      for (auto& b : row) b = uint8_t(rng());
+      const std::vector<uint8_t> before = row;
+      ASSERT_EQ(V_MirrorLine(row.data(), w, bits), RESULT_OK);
+      for (int32_t x = 0; x < w; ++x)
+        ASSERT_EQ(ref_pixel(row.data(), bits, x), ref_pixel(before.data(), bits, w - 1 - x)) << x;
+      // Padding: the low bits of the last byte (the high nibble for 12 bits).
+      const unsigned pad = unsigned(used * 8 - size_t(w) * bits);
+      const unsigned keep = bits == 12 ? (pad ? 0xF0u : 0u) : (1u << pad) - 1;
+      EXPECT_EQ(row[used - 1] & keep, before[used - 1] & keep) << "padding bits";
+      EXPECT_TRUE(std::equal(row.begin() + used, row.end(), before.begin() + used)) << "bytes after the row";
+    }
+  uint8_t b = 0;
+  EXPECT_EQ(V_MirrorLine(nullptr, 1, 8), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_MirrorLine(&b, 1, 9), RESULT_BAD_BITS_PER_PIXEL);
+}
+
+// ---- view-perspective arithmetic ---------------------------------------------------------
+
+TEST(ViewPerspective, ChangeParamsAndRelabelling) {
+  struct Case { int32_t from, to, flip, angle; };
+  for (const Case c : {Case{0, 2, 1, 0}, Case{0, 4, 0, 270}, Case{4, 0, 0, 90}, Case{1, 0, 1, 180},
+                       Case{0, 3, 0, 180}, Case{1, 8, 1, 270}}) {
+    int32_t f = -1, a = -1;
+    ASSERT_EQ(V_GetChangeViewPerspectiveParams(c.from, c.to, &f, &a), RESULT_OK);
+    EXPECT_EQ(f, c.flip) << c.from << "->" << c.to;
+    EXPECT_EQ(a, c.angle) << c.from << "->" << c.to;
+  }
+  int32_t f, a;
+  EXPECT_EQ(V_GetChangeViewPerspectiveParams(0, 6, &f, &a), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_GetChangeViewPerspectiveParams(9, 0, &f, &a), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_GetChangeViewPerspectiveParams(0, 1, nullptr, &a), RESULT_BAD_PARAMETER);
+
+  const int32_t flips[9] = {2, 3, 0, 1, 7, 8, 6, 4, 5}, reverses[9] = {1, 0, 3, 2, 5, 4, 6, 8, 7};
+  BitmapHandle b = init(3, 2, 8);
+  for (int32_t v = 0; v <= 9; ++v) {
+    b.ViewPerspective = v;
+    ASSERT_EQ(V_FlipBitmapViewPerspective(&b), RESULT_OK);
+    EXPECT_EQ(b.ViewPerspective, v <= 8 ? flips[v] : v);
+    ASSERT_EQ(V_IntFlipBitmapViewPerspective(&b), RESULT_OK);
+    EXPECT_EQ(b.ViewPerspective, v);
+    ASSERT_EQ(V_ReverseBitmapViewPerspective(&b), RESULT_OK);
+    EXPECT_EQ(b.ViewPerspective, v <= 8 ? reverses[v] : v);
+    ASSERT_EQ(V_IntReverseBitmapViewPerspective(&b), RESULT_OK);
+    EXPECT_EQ(b.ViewPerspective, v);
+  }
+  EXPECT_EQ(V_FlipBitmapViewPerspective(nullptr), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_IntReverseBitmapViewPerspective(nullptr), RESULT_NO_BITMAP);
+}
+
+TEST(ViewPerspective, PointsAndRectanglesWithTheirAsymmetries) {
+  BitmapHandle b = init(10, 4, 8);
+  int32_t x = 2, y = 1;
+  ASSERT_EQ(V_PointFromBitmap(&b, 0, &x, &y), RESULT_OK);  // equal values: unchanged
+  EXPECT_EQ(x, 2);
+  ASSERT_EQ(V_PointFromBitmap(&b, 4, &x, &y), RESULT_OK);  // turn 270: (y, w - x - 1)
+  EXPECT_EQ(x, 1);
+  EXPECT_EQ(y, 7);
+  // Into the bitmap from 4 uses the seen size exchanged once more; from 5
+  // it does not.
+  b.ViewPerspective = 3;
+  x = 1, y = 1;
+  ASSERT_EQ(V_PointToBitmap(&b, 4, &x, &y), RESULT_OK);  // (4 -> 3): turn 270 with w = 4, h = 10
+  EXPECT_EQ(x, 1);
+  EXPECT_EQ(y, 2);
+  x = 1, y = 1;
+  ASSERT_EQ(V_PointToBitmap(&b, 5, &x, &y), RESULT_OK);  // (5 -> 3): flip, turn 270 with w = 10, h = 4
+  EXPECT_EQ(x, 2);
+  EXPECT_EQ(y, 8);
+  EXPECT_EQ(V_PointToBitmap(&b, 5, nullptr, &y), RESULT_BAD_PARAMETER);
+
+  VK_RECT r{1, 0, 3, 2};
+  ASSERT_EQ(V_ChangeRectViewPerspective(0, 10, 4, 2, &r), RESULT_OK);  // flip
+  EXPECT_EQ(r.top, 2);
+  EXPECT_EQ(r.bottom, 4);
+  r = VK_RECT{1, 0, 3, 2};
+  ASSERT_EQ(V_ChangeRectViewPerspective(0, 10, 4, 3, &r), RESULT_OK);  // half turn
+  EXPECT_EQ(r.left, 7);
+  EXPECT_EQ(r.top, 2);
+  EXPECT_EQ(r.right, 9);
+  EXPECT_EQ(r.bottom, 4);
+  b.ViewPerspective = 0;
+  r = VK_RECT{1, 0, 3, 2};
+  ASSERT_EQ(V_RectFromBitmap(&b, 8, &r), RESULT_OK);  // turn 90: (H - bottom, left, H - top, right)
+  EXPECT_EQ(r.left, 2);
+  EXPECT_EQ(r.top, 1);
+  EXPECT_EQ(r.right, 4);
+  EXPECT_EQ(r.bottom, 3);
+  ASSERT_EQ(V_RectToBitmap(&b, 8, &r), RESULT_OK);  // and back (seen size exchanged for 8)
+  EXPECT_EQ(r.left, 1);
+  EXPECT_EQ(r.top, 0);
+  EXPECT_EQ(r.right, 3);
+  EXPECT_EQ(r.bottom, 2);
+  EXPECT_EQ(V_RectFromBitmap(&b, 6, &r), RESULT_BAD_PARAMETER);
+}
+
+// Every change between two orientations moves each stored pixel to where
+// V_PointFromBitmap says it goes.
+TEST_F(OrientTest, EveryViewPerspectiveChangeAgreesWithPointMapping) {
+  const int32_t values[] = {0, 1, 2, 3, 4, 5, 7, 8};
+  struct Kind { int32_t bits; Store store; };
+  for (const Kind k : {Kind{1, Store::compressed}, Kind{4, Store::memory}, Kind{12, Store::disk},
+                       Kind{24, Store::tiles}})
+    for (int32_t from : values)
+      for (int32_t to : values) {
+        SCOPED_TRACE(std::to_string(k.bits) + " bits " + name(k.store) + " " + std::to_string(from) + "->" +
+                     std::to_string(to));
+        BitmapHandle src = make(k.store, 7, 5, k.bits);
+        src.ViewPerspective = from;
+        const Pixels before = pixels_of(&src);
+        BitmapHandle dst;
+        ASSERT_EQ(V_ChangeBitmapViewPerspective(&dst, &src, to), RESULT_OK);
+        EXPECT_EQ(dst.ViewPerspective, to);
+        EXPECT_EQ(pixels_of(&src), before) << "source changed";
+        const Pixels after = pixels_of(&dst);
+        for (int32_t y = 0; y < src.Height; ++y)
+          for (int32_t x = 0; x < src.Width; ++x) {
+            int32_t px = x, py = y;
+            ASSERT_EQ(V_PointFromBitmap(&src, to, &px, &py), RESULT_OK);
+            ASSERT_TRUE(px >= 0 && px < after.w && py >= 0 && py < after.h) << px << "," << py;
+            ASSERT_EQ(after.at(px, py), before.at(x, y)) << x << "," << y;
+          }
+        // In place gives the same.
+        ASSERT_EQ(V_ChangeBitmapViewPerspective(nullptr, &src, to), RESULT_OK);
+        EXPECT_EQ(pixels_of(&src), after);
+        EXPECT_EQ((src.Flags & BITMAP_COMPRESSED) != 0, k.store == Store::compressed);
+        V_FreeBitmap(&dst);
+        V_FreeBitmap(&src);
+      }
+}
+
+// ---- flips, mirrors, quarter and half turns of bitmaps -------------------------------------
+
+TEST_F(OrientTest, FlipMirrorAndTurnsOfEveryDepthWidthAndStorage) {
+  for (int32_t bits : kDepths)
+    for (int32_t w : kWidths)
+      for (Store s : stores_for(bits)) {
+        const int32_t h = w == 7 ? 1 : w == 31 ? 9 : 5;
+        SCOPED_TRACE(std::to_string(bits) + " bits, " + std::to_string(w) + " x " + std::to_string(h) + ", " +
+                     name(s));
+        BitmapHandle b = make(s, w, h, bits, uint32_t(bits * 100 + w));
+        b.XResolution = 300;
+        b.YResolution = 150;
+        const Pixels p = pixels_of(&b);
+        const bool compressed = s == Store::compressed;
+
+        ASSERT_EQ(V_FlipBitmap(&b), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), flipped(p));
+        ASSERT_EQ(V_ReverseBitmap(&b), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), mirrored(flipped(p)));
+        ASSERT_EQ(V_FlipBitmap(&b), RESULT_OK);
+        ASSERT_EQ(V_ReverseBitmap(&b), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), p);
+
+        ASSERT_EQ(V_RotateBitmap90(&b, 1, 0, 100), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), quarter(p, 1));
+        EXPECT_EQ(b.XResolution, 150);
+        EXPECT_EQ((b.Flags & BITMAP_COMPRESSED) != 0, compressed);
+        ASSERT_EQ(V_RotateBitmap90(&b, 0, 0, 100), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), p);
+        ASSERT_EQ(V_RotateBitmap90(&b, 0, 0, 100), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), quarter(p, 0));
+        for (int i = 0; i < 3; ++i) ASSERT_EQ(V_RotateBitmap90(&b, 0, 0, 100), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), p) << "four quarter turns";
+
+        ASSERT_EQ(V_RotateBitmap(&b, 18000, 0, 0), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), mirrored(flipped(p)));
+        ASSERT_EQ(V_RotateBitmap(&b, -18000, ROTATE_RESIZE, 0), RESULT_OK);
+        ASSERT_EQ(pixels_of(&b), p) << "two half turns";
+        EXPECT_EQ((b.Flags & BITMAP_COMPRESSED) != 0, compressed);
+        V_FreeBitmap(&b);
+      }
+}
+
+TEST_F(OrientTest, TransposedOrientationsSwapWhatFlipAndReverseMean) {
+  BitmapHandle b = make(Store::memory, 6, 4, 8);
+  const Pixels p = pixels_of(&b);
+  b.ViewPerspective = 5;
+  ASSERT_EQ(V_FlipBitmap(&b), RESULT_OK);
+  EXPECT_EQ(pixels_of(&b), mirrored(p));
+  ASSERT_EQ(V_ReverseBitmap(&b), RESULT_OK);
+  EXPECT_EQ(pixels_of(&b), flipped(mirrored(p)));
+  b.ViewPerspective = 6;
+  EXPECT_EQ(V_FlipBitmap(&b), RESULT_BAD_PARAMETER);
+  ASSERT_EQ(V_ReverseBitmap(&b), RESULT_OK);  // mirrors
+  EXPECT_EQ(pixels_of(&b), flipped(p));
+  V_FreeBitmap(&b);
+
+  BitmapHandle none = init(4, 4, 8);
+  EXPECT_EQ(V_FlipBitmap(&none), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_ReverseBitmap(&none), RESULT_NO_BITMAP);
+  EXPECT_EQ(V_ReverseBitmap(nullptr), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_RotateBitmap90(&none, 1, 0, 100), RESULT_NO_BITMAP);
+}
+
+int32_t VK_CALL record_progress(int32_t percent, intptr_t data) {
+  reinterpret_cast<std::vector<int32_t>*>(data)->push_back(percent);
+  return RESULT_OK;
+}
+
+TEST_F(OrientTest, ExactTurnsOfTheGeneralTurn) {
+  BitmapHandle b = make(Store::memory, 100, 50, 8);
+  const Pixels p = pixels_of(&b);
+  std::vector<int32_t> seen;
+  V_SetStatusCallBack(record_progress, reinterpret_cast<intptr_t>(&seen));
+  for (int32_t angle : {0, 36000, -36000}) {
+    seen.clear();
+    ASSERT_EQ(V_IntRotateBitmap(&b, angle, ROTATE_RESIZE, 0, 10, 40), RESULT_OK);
+    EXPECT_EQ(seen, (std::vector<int32_t>{10, 40}));
+    EXPECT_EQ(pixels_of(&b), p);
+  }
+  seen.clear();
+  ASSERT_EQ(V_RotateBitmap(&b, 9000, ROTATE_RESIZE, 0), RESULT_OK);
+  EXPECT_EQ(seen.front(), 0);
+  EXPECT_EQ(seen.back(), 100);
+  V_SetStatusCallBack(nullptr, 0);
+  EXPECT_EQ(b.Width, 50);
+  EXPECT_EQ(b.Height, 100);
+  EXPECT_EQ(pixels_of(&b), quarter(p, 1));  // +9000 is direction 1
+  ASSERT_EQ(V_RotateBitmap(&b, 27000, ROTATE_RESIZE, 0), RESULT_OK);
+  ASSERT_EQ(V_RotateBitmap(&b, -9000, ROTATE_RESIZE, 0), RESULT_OK);
+  EXPECT_EQ(pixels_of(&b), quarter(p, 0));
+  ASSERT_EQ(V_RotateBitmap(&b, 9000, ROTATE_RESIZE, 0), RESULT_OK);
+  EXPECT_EQ(pixels_of(&b), p);
+  // A quarter turn clipped to the old size, and any other angle, is the
+  // general turn, which is not built: refused, nothing changed.
+  const Snapshot snap(&b);
+  EXPECT_EQ(V_RotateBitmap(&b, 9000, 0, 0), RESULT_FAIL);
+  EXPECT_EQ(V_RotateBitmap(&b, 4500, ROTATE_RESIZE, 0), RESULT_FAIL);
+  EXPECT_TRUE(snap.unchanged());
+  V_FreeBitmap(&b);
+  EXPECT_EQ(V_RotateBitmap(nullptr, 0, 0, 0), RESULT_NO_BITMAP);
+}
+
+// ---- buffers -------------------------------------------------------------------------------
+
+TEST(RotateBuffer, QuarterAndHalfTurnsAgainstAPlainReference) {
+  std::mt19937 rng(3);
+  for (int32_t bits : kDepths)
+    for (int32_t w : kWidths)
+      for (int32_t h : {1, 5, 9, 17}) {
+        SCOPED_TRACE(std::to_string(bits) + " bits " + std::to_string(w) + " x " + std::to_string(h));
+        const uint32_t ss = ((uint32_t(w) * bits + 31) / 32) * 4, ds = ((uint32_t(h) * bits + 31) / 32) * 4;
+        std::vector<uint8_t> src(size_t(ss) * h), dst(size_t(ds) * w), half(src.size());
+        for (auto& b : src) b = uint8_t(rng());
+        for (int32_t from_bottom : {0, 1}) {
+          ASSERT_EQ(V_RotateBuffer90(src.data(), dst.data(), from_bottom, w, h, bits), RESULT_OK);
+          for (int32_t r = 0; r < w; ++r)
+            for (int32_t c = 0; c < h; ++c) {
+              const int32_t sr = from_bottom ? h - 1 - c : c;
+              ASSERT_EQ(ref_pixel(&dst[size_t(r) * ds], bits, c), ref_pixel(&src[size_t(sr) * ss], bits, r));
+            }
+        }
+        ASSERT_EQ(V_RotateBuffer180(src.data(), half.data(), w, h, bits), RESULT_OK);
+        for (int32_t y = 0; y < h; ++y)
+          for (int32_t x = 0; x < w; ++x)
+            ASSERT_EQ(ref_pixel(&half[size_t(h - 1 - y) * ss], bits, w - 1 - x), ref_pixel(&src[size_t(y) * ss], bits, x));
+        std::vector<uint8_t> same = src;
+        ASSERT_EQ(V_RotateBuffer180(same.data(), same.data(), w, h, bits), RESULT_OK);
+        for (int32_t y = 0; y < h; ++y)
+          for (int32_t x = 0; x < w; ++x)
+            ASSERT_EQ(ref_pixel(&same[size_t(y) * ss], bits, x), ref_pixel(&half[size_t(y) * ss], bits, x));
+      }
+  uint8_t b[4] = {};
+  EXPECT_EQ(V_RotateBuffer90(nullptr, b, 0, 1, 1, 8), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_RotateBuffer180(b, b, 1, 1, 9), RESULT_BAD_BITS_PER_PIXEL);
+}
+
+// ---- failures and cancellation -----------------------------------------------------------
+
+struct Op {
+  const char* name;
+  int32_t (*run)(BitmapHandle*);
+};
+const Op kOps[] = {
+    {"flip", [](BitmapHandle* b) { return V_FlipBitmap(b); }},
+    {"reverse", [](BitmapHandle* b) { return V_ReverseBitmap(b); }},
+    {"quarter", [](BitmapHandle* b) { return V_RotateBitmap90(b, 1, 0, 100); }},
+    {"half", [](BitmapHandle* b) { return V_IntRotateBitmap(b, 18000, 0, 0, 0, 100); }},
+    {"turn 270", [](BitmapHandle* b) { return V_RotateBitmap(b, 27000, ROTATE_RESIZE, 0); }},
+    {"view 7", [](BitmapHandle* b) { return V_ChangeBitmapViewPerspective(nullptr, b, 7); }},
+    {"view 5 flags 0", [](BitmapHandle* b) { return V_IntChangeBitmapViewPerspective(b, b, 5, 0); }},
+};
+
+TEST_F(OrientTest, AFailedAllocationLeavesRecordAndPixelsAsTheyWere) {
+  for (const Op& op : kOps)
+    for (Store s : {Store::memory, Store::disk, Store::tiles, Store::compressed}) {
+      SCOPED_TRACE(std::string(op.name) + " " + name(s));
+      BitmapHandle b;
+      std::unique_ptr<Snapshot> snap;
+      fault_sweep(
+          [&] {
+            b = make(s, 33, 9, s == Store::compressed ? 1 : 24);
+            snap = std::make_unique<Snapshot>(&b);
+          },
+          [&] { return op.run(&b); },
+          [&](const SweepRun& run) {
+            if (run.result != RESULT_OK) {
+              EXPECT_TRUE(run.fired);
+              EXPECT_TRUE(snap->unchanged());
+            }
+            snap.reset();
+            V_FreeBitmap(&b);
+          });
+    }
+}
+
+TEST_F(OrientTest, ACancellingCallbackLeavesRecordAndPixelsAsTheyWere) {
+  struct Stop { int calls, at; };
+  auto stop = [](int32_t, intptr_t data) -> int32_t {
+    Stop* s = reinterpret_cast<Stop*>(data);
+    return ++s->calls == s->at ? 0 : RESULT_OK;
+  };
+  for (const Op& op : kOps)
+    for (Store s : {Store::memory, Store::tiles, Store::compressed})
+      for (int at : {1, 2, 5}) {
+        SCOPED_TRACE(std::string(op.name) + " " + name(s) + " stop at call " + std::to_string(at));
+        BitmapHandle b = make(s, 33, 40, s == Store::compressed ? 1 : 8);
+        const Snapshot snap(&b);
+        Stop st{0, at};
+        V_SetStatusCallBack(stop, reinterpret_cast<intptr_t>(&st));
+        const int32_t r = op.run(&b);
+        V_SetStatusCallBack(nullptr, 0);
+        if (std::string(op.name).rfind("view", 0) == 0) {
+          EXPECT_EQ(r, RESULT_OK) << "the change reports nothing";
+          EXPECT_EQ(st.calls, 0);
+        } else {
+          EXPECT_EQ(r, 0);
+          EXPECT_TRUE(snap.unchanged());
+        }
+        V_FreeBitmap(&b);
+      }
+}
+
+TEST_F(OrientTest, StatusCallbackIsRestoredAfterAFailedChange) {
+  auto cb = [](int32_t, intptr_t) -> int32_t { return RESULT_OK; };
+  V_SetStatusCallBack(cb, 42);
+  BitmapHandle b = make(Store::memory, 5, 3, 8);
+  vk::fault::arm(1);
+  EXPECT_EQ(V_ChangeBitmapViewPerspective(nullptr, &b, 4), RESULT_FAIL);
+  vk::fault::disarm();
+  intptr_t data = 0;
+  EXPECT_EQ(V_GetStatusCallBack(&data), static_cast<StatusCallback>(cb));
+  EXPECT_EQ(data, 42);
+  EXPECT_EQ(V_ChangeBitmapViewPerspective(nullptr, &b, 6), RESULT_BAD_PARAMETER);
+  V_FreeBitmap(&b);
+}
+
+}  // namespace
