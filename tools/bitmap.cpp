@@ -84,8 +84,18 @@ void widen12(const uint8_t* src, uint8_t* dst, int width) {
 
 Image to_image(BitmapHandle& bm) {
   if (!(bm.Flags & BITMAP_ALLOCATED)) throw LibraryError("the bitmap has no storage", RESULT_NO_BITMAP);
-  if (bm.ViewPerspective != 0 && bm.ViewPerspective != 2)
-    throw LibraryError("cannot save view perspective " + std::to_string(bm.ViewPerspective), RESULT_BAD_PARAMETER);
+  if (bm.ViewPerspective != 0 && bm.ViewPerspective != 2) {
+    // Other orientations are saved as seen: a copy stored top row first.
+    BitmapHandle seen;
+    const int32_t r = V_ChangeBitmapViewPerspective(&seen, &bm, 0);
+    if (r != RESULT_OK) throw LibraryError("cannot turn view perspective " + std::to_string(bm.ViewPerspective) +
+                                               " upright: " + describe_result(r), r);
+    struct Release {
+      BitmapHandle* b;
+      ~Release() { V_FreeBitmap(b); }
+    } release{&seen};
+    return to_image(seen);
+  }
   const int bits = bm.BitsPerPixel;
   const bool order5 = bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
 

@@ -368,6 +368,28 @@ void op_height(Context& ctx, const std::string& arg) {
   check_result(V_ChangeBitmapHeight(&bm, static_cast<int32_t>(h)), "--height " + arg);
 }
 
+void op_flip(Context& ctx, const std::string&) {
+  check_result(V_FlipBitmap(&need_bitmap(ctx, "--flip")), "--flip");
+}
+
+void op_mirror(Context& ctx, const std::string&) {
+  check_result(V_ReverseBitmap(&need_bitmap(ctx, "--mirror")), "--mirror");
+}
+
+// Clockwise as seen: +9000 takes the top-left pixel to the top-right corner.
+void op_rotate(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--rotate");
+  const long degrees = parse_long(arg, "--rotate", 0, 360);
+  if (degrees % 90 != 0) throw UsageError("--rotate takes 90, 180 or 270 (the general turn is not built yet)");
+  check_result(V_RotateBitmap(&bm, static_cast<int32_t>(degrees * 100), ROTATE_RESIZE, 0), "--rotate " + arg);
+}
+
+void op_view_perspective(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--view-perspective");
+  const long v = parse_long(arg, "--view-perspective", 0, 8);
+  check_result(V_ChangeBitmapViewPerspective(nullptr, &bm, static_cast<int32_t>(v)), "--view-perspective " + arg);
+}
+
 }  // namespace
 
 uint32_t resolve_flags(const Settings& s, int bits, bool gray) {
@@ -402,6 +424,11 @@ const std::vector<OpInfo>& operations() {
       {"--decompress", nullptr, "back from compressed to plain storage", op_decompress},
       {"--storage", "TYPE", "move the pixels to storage of memory type TYPE (1, 4 tiles, 128 disk, ...)", op_storage},
       {"--height", "N", "keep the top N rows, or add blank rows at the bottom", op_height},
+      {"--flip", nullptr, "turn the image upside down", op_flip},
+      {"--mirror", nullptr, "mirror the image left to right", op_mirror},
+      {"--rotate", "90|180|270", "turn the image clockwise by a multiple of 90 degrees", op_rotate},
+      {"--view-perspective", "N", "store the rows in orientation N (0-5, 7, 8); the picture stays the same",
+       op_view_perspective},
   };
   return kOps;
 }

@@ -390,6 +390,11 @@ std::vector<DemoStep> demo_steps() {
                DITHER_FLOYD_STEINBERG,
                PaletteMode::fixed});
   d.push_back({"storage-disk.png", {{"--storage", "128"}, {"--info", ""}, {"--storage", "4"}, {"--info", ""}}});
+  d.push_back({"flip.png", {{"--flip", ""}}});
+  d.push_back({"mirror.png", {{"--mirror", ""}}});
+  for (const char* deg : {"90", "180", "270"}) d.push_back({std::string("rotate-") + deg + ".png", {{"--rotate", deg}}});
+  // Stored transposed, saved as seen: the same picture, its record in the report.
+  d.push_back({"view-perspective-5.png", {{"--view-perspective", "5"}, {"--info", ""}}});
   d.push_back({"height-half.png", {{"--height", "half"}}});  // the number is filled in by run_demo
   d.push_back({"put-pixel.png", {}});                        // filled in by run_demo: a marked cross
   return d;
