@@ -3,9 +3,32 @@
 #include <cstring>
 
 #include "core.h"
+#include "geometry.h"
 #include "record_copy.h"
 
 namespace vk {
+
+int32_t new_copy_record(BitmapHandle* n, BitmapHandle* src, int32_t width, int32_t height, bool typed,
+                        int32_t memory_type) {
+  std::memset(n, 0, sizeof *n);
+  if (!typed)
+    return V_DupBitmapNewDim(n, src, width, height, src->BitsPerPixel, DUP_ALLOCATE | DUP_OWN_PALETTE | DUP_OWN_REGION);
+  VK_TRY(V_DupBitmapNewDim(n, src, width, height, src->BitsPerPixel, DUP_OWN_PALETTE | DUP_OWN_REGION));
+  auto release = [&](int32_t r) {
+    if (n->GrayLut) V_OsFree(n->GrayLut);  // the duplicate's own gray table
+    n->GrayLut = nullptr;
+    V_FreeDuplicateBitmap(n, DUP_OWN_PALETTE | DUP_OWN_REGION);
+    return r;
+  };
+  if (src->Order == ORDER_GRAY) {
+    n->Order = ORDER_GRAY;
+    const int32_t r = V_CopyGrayParams(n, src);
+    if (r != RESULT_OK) return release(r);
+  }
+  const int32_t r = V_AllocateBitmap(n, memory_type);
+  return r == RESULT_OK ? r : release(r);
+}
+
 namespace {
 
 int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t memory_type) {
@@ -13,26 +36,7 @@ int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t me
   if (dst == src) return RESULT_OK;
   // Built in a scratch record so that a failure leaves the caller's record as it was.
   BitmapHandle n;
-  std::memset(&n, 0, sizeof n);
-  if (!typed) {
-    VK_TRY(V_DupBitmapNewDim(&n, src, src->Width, src->Height, src->BitsPerPixel,
-                             DUP_ALLOCATE | DUP_OWN_PALETTE | DUP_OWN_REGION));
-  } else {
-    VK_TRY(V_DupBitmapNewDim(&n, src, src->Width, src->Height, src->BitsPerPixel, DUP_OWN_PALETTE | DUP_OWN_REGION));
-    auto release = [&](int32_t r) {
-      if (n.GrayLut) V_OsFree(n.GrayLut);  // the duplicate's own gray table
-      n.GrayLut = nullptr;
-      V_FreeDuplicateBitmap(&n, DUP_OWN_PALETTE | DUP_OWN_REGION);
-      return r;
-    };
-    if (src->Order == ORDER_GRAY) {
-      n.Order = ORDER_GRAY;
-      const int32_t r = V_CopyGrayParams(&n, src);
-      if (r != RESULT_OK) return release(r);
-    }
-    const int32_t r = V_AllocateBitmap(&n, memory_type);
-    if (r != RESULT_OK) return release(r);
-  }
+  VK_TRY(new_copy_record(&n, src, src->Width, src->Height, typed, memory_type));
   const int32_t r = copy_bitmap_data(&n, src);
   if (r != RESULT_OK) {
     V_FreeBitmap(&n);

@@ -15,6 +15,12 @@
 
 namespace vk {
 
+// A new record for a copy of src with the given size: storage of the
+// source's kind (typed false) or of memory_type (typed true), its own
+// palette, region and gray parameters.  Nothing is left on failure.
+int32_t new_copy_record(BitmapHandle* n, BitmapHandle* src, int32_t width, int32_t height, bool typed,
+                        int32_t memory_type);
+
 // Sine and cosine x 16384 of an angle 0..36000 (hundredths of a degree).
 int32_t sine(int32_t angle);
 int32_t cosine(int32_t angle);

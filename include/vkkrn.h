@@ -615,7 +615,7 @@ VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value);
 VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
 
 /* ===================================================================== */
-/* 13. Orientation: view perspective, flips, quarter and half turns       */
+/* 13. Orientation, turns, rectangle copies                              */
 /* ===================================================================== */
 
 /* A rectangle: right and bottom exclusive. */
@@ -720,6 +720,25 @@ VK_API int32_t VK_CALL V_RotateBuffer90(const void* source, void* destination, i
                                         int32_t height, int32_t bitsPerPixel);
 VK_API int32_t VK_CALL V_RotateBuffer180(const void* source, void* destination, int32_t width, int32_t height,
                                          int32_t bitsPerPixel);
+
+/* A rectangle of source copied into a new bitmap of width x height:
+ * destination receives it (the caller frees it with V_FreeBitmap); with a
+ * null destination, or destination equal to source, it replaces source (in
+ * place).  The rectangle is clipped against source; the clipped area lands
+ * at its place relative to the rectangle and the rest of the destination is
+ * 0.  V_CopyBitmapRect gives storage of the source's kind, Rect2 of
+ * memoryType.  Progress goes to the copy status callback.
+ * RESULT_BAD_PARAMETER for a null or unallocated source or an empty clipped
+ * rectangle (nothing changed); RESULT_FAIL when memory runs out; a
+ * callback's refusal as given.  On failure source and destination are as
+ * they were. */
+VK_API int32_t VK_CALL V_CopyBitmapRect(BitmapHandle* destination, BitmapHandle* source, int32_t left, int32_t top,
+                                        int32_t width, int32_t height);
+VK_API int32_t VK_CALL V_CopyBitmapRect2(BitmapHandle* destination, BitmapHandle* source, int32_t left, int32_t top,
+                                         int32_t width, int32_t height, int32_t memoryType);
+/* Cuts the bitmap down to the part of the rectangle inside it (clipped
+ * first), in place.  Results as V_CopyBitmapRect. */
+VK_API int32_t VK_CALL V_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_t top, int32_t width, int32_t height);
 
 #ifdef __cplusplus
 }

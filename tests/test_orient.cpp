@@ -413,3 +413,125 @@ TEST_F(OrientTest, StatusCallbackIsRestoredAfterAFailedChange) {
 }
 
 }  // namespace
+
+// ---- rectangle copies and trim ---------------------------------------------------------------
+
+namespace {
+
+using namespace vkt;
+
+// The rectangle of p at (left, top), 0 outside p.
+Pixels crop(const Pixels& p, int32_t left, int32_t top, int32_t w, int32_t h) {
+  Pixels o{w, h, std::vector<uint64_t>(size_t(w) * h, 0)};
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const int32_t sx = left + x, sy = top + y;
+      if (sx >= 0 && sx < p.w && sy >= 0 && sy < p.h) o.v[size_t(y) * w + x] = p.at(sx, sy);
+    }
+  return o;
+}
+
+// Every bit offset of source and destination for the packed depths, and
+// each depth once, against the pixel reference.
+TEST_F(OrientTest, RectangleCopiesAtEveryBitOffset) {
+  struct Case { int32_t left, top, w, h; };
+  for (int32_t bits : kDepths)
+    for (Store s : stores_for(bits)) {
+      SCOPED_TRACE(std::to_string(bits) + " bits " + name(s));
+      BitmapHandle src = make(s, 33, 7, bits, uint32_t(bits));
+      const Pixels p = pixels_of(&src);
+      std::vector<Case> cases = {{-3, -2, 40, 12}, {5, 1, 1, 1}, {30, 6, 9, 4}, {0, 0, 33, 7}};
+      if (bits <= 4 || bits == 12)
+        for (int32_t l = -9; l <= 9; ++l) cases.push_back({l, 1, 17 + (l & 3), 3});
+      for (const Case& c : cases) {
+        BitmapHandle dst;
+        ASSERT_EQ(V_CopyBitmapRect(&dst, &src, c.left, c.top, c.w, c.h), RESULT_OK) << c.left;
+        ASSERT_EQ(pixels_of(&dst), crop(p, c.left, c.top, c.w, c.h)) << c.left << "," << c.top;
+        EXPECT_EQ((dst.Flags & BITMAP_COMPRESSED) != 0, s == Store::compressed);
+        V_FreeBitmap(&dst);
+      }
+      EXPECT_EQ(pixels_of(&src), p);
+      V_FreeBitmap(&src);
+    }
+}
+
+TEST_F(OrientTest, TrimClipsAndWorksInPlace) {
+  BitmapHandle b = make(Store::memory, 100, 10, 8);
+  const Pixels p = pixels_of(&b);
+  ASSERT_EQ(V_TrimBitmap(&b, -10, 2, 30, 100), RESULT_OK);
+  EXPECT_EQ(b.Width, 20);
+  EXPECT_EQ(b.Height, 8);
+  EXPECT_EQ(pixels_of(&b), crop(p, 0, 2, 20, 8));
+  // A null destination trims the source in place, without clipping the size.
+  ASSERT_EQ(V_CopyBitmapRect(nullptr, &b, 10, 0, 20, 8), RESULT_OK);
+  EXPECT_EQ(pixels_of(&b), crop(crop(p, 0, 2, 20, 8), 10, 0, 20, 8));
+  // An empty clipped rectangle is refused and changes nothing.
+  const Snapshot snap(&b);
+  EXPECT_EQ(V_TrimBitmap(&b, 20, 0, 5, 5), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_CopyBitmapRect(nullptr, &b, -5, 0, 5, 5), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_CopyBitmapRect(nullptr, &b, 0, 0, 0, 5), RESULT_BAD_PARAMETER);
+  EXPECT_TRUE(snap.unchanged());
+  V_FreeBitmap(&b);
+  BitmapHandle none = init(4, 4, 8);
+  EXPECT_EQ(V_TrimBitmap(&none, 0, 0, 2, 2), RESULT_BAD_PARAMETER);
+  EXPECT_EQ(V_CopyBitmapRect(&none, nullptr, 0, 0, 2, 2), RESULT_BAD_PARAMETER);
+}
+
+TEST_F(OrientTest, RectangleCopyIntoAnyMemoryType) {
+  BitmapHandle src = make(Store::memory, 40, 30, 24);
+  const Pixels p = pixels_of(&src);
+  for (int32_t type : {TYPE_CONVENTIONAL, TYPE_DISK, TYPE_TILED}) {
+    SCOPED_TRACE(type);
+    if (type == TYPE_TILED) tiny_tiles(64, 2);
+    BitmapHandle dst;
+    ASSERT_EQ(V_CopyBitmapRect2(&dst, &src, 3, 4, 30, 20, type), RESULT_OK);
+    V_SetMemoryThresholds(0, 0x7FFFFFFF, 0, -100, 1, 31);
+    EXPECT_EQ(memory_type(&dst) & type, type);
+    EXPECT_EQ(pixels_of(&dst), crop(p, 3, 4, 30, 20));
+    V_FreeBitmap(&dst);
+  }
+  V_FreeBitmap(&src);
+}
+
+VKT_SWEEPS(V_CopyBitmapRect, V_CopyBitmapRect2, V_TrimBitmap);
+
+TEST_F(OrientTest, FailedOrCancelledRectangleCopiesLeaveEverythingAsItWas) {
+  for (Store s : {Store::memory, Store::disk, Store::tiles, Store::compressed})
+    for (int mode = 0; mode < 3; ++mode) {
+      SCOPED_TRACE(std::string(name(s)) + " mode " + std::to_string(mode));
+      BitmapHandle b, dst;
+      std::unique_ptr<Snapshot> snap;
+      auto run = [&] {
+        std::memset(&dst, 0x5A, sizeof dst);
+        if (mode == 0) return V_TrimBitmap(&b, 3, 2, 20, 5);
+        if (mode == 1) return V_CopyBitmapRect(&dst, &b, -4, 1, 30, 9);
+        return V_CopyBitmapRect2(nullptr, &b, 2, 0, 9, 9, TYPE_DISK);
+      };
+      fault_sweep(
+          [&] {
+            b = make(s, 33, 9, s == Store::compressed ? 1 : 4);
+            snap = std::make_unique<Snapshot>(&b);
+          },
+          run,
+          [&](const SweepRun& r) {
+            if (r.result != RESULT_OK) {
+              EXPECT_TRUE(snap->unchanged());
+              EXPECT_EQ(dst.Width, 0x5A5A5A5A) << "destination untouched";
+            } else if (mode == 1) {
+              V_FreeBitmap(&dst);
+            }
+            snap.reset();
+            V_FreeBitmap(&b);
+          });
+      // Refused by the copy status callback half way.
+      b = make(s, 33, 9, s == Store::compressed ? 1 : 4);
+      const Snapshot before(&b);
+      V_SetCopyStatusCallBack([](int32_t percent, intptr_t) -> int32_t { return percent > 40 ? 7 : RESULT_OK; }, 0);
+      EXPECT_EQ(run(), 7);
+      V_SetCopyStatusCallBack(nullptr, 0);
+      EXPECT_TRUE(before.unchanged());
+      V_FreeBitmap(&b);
+    }
+}
+
+}  // namespace

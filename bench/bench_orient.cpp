@@ -1,0 +1,65 @@
+// Flips, mirrors, quarter and half turns of a 24-megapixel bitmap in memory,
+// in bytes of the bitmap per second, next to a memcpy of the same bytes.
+#include <benchmark/benchmark.h>
+
+#include <cstring>
+#include <vector>
+
+#include "vkkrn.h"
+
+namespace {
+
+constexpr int32_t kWidth = 6000, kHeight = 4000;  // 24 megapixels
+
+struct Picture {
+  BitmapHandle b{};
+  bool ok = false;
+  explicit Picture(int32_t bits) {
+    V_InitBitmap(&b, kWidth, kHeight, bits);
+    ok = V_AllocateBitmap(&b, TYPE_CONVENTIONAL) == RESULT_OK;
+    if (ok) std::memset(b.Data, 0x5A, b.Size);
+  }
+  ~Picture() { V_FreeBitmap(&b); }
+  int64_t bytes() const { return int64_t{b.BytesPerLine} * kHeight; }
+};
+
+void BM_Memcpy(benchmark::State& state) {
+  Picture p(static_cast<int32_t>(state.range(0)));
+  std::vector<uint8_t> copy(static_cast<size_t>(p.bytes()), 1);
+  for (auto _ : state) {
+    std::memcpy(copy.data(), p.b.Data, copy.size());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * p.bytes());
+}
+BENCHMARK(BM_Memcpy)->ArgName("bits")->Arg(1)->Arg(8)->Arg(24)->Arg(32)->Unit(benchmark::kMillisecond);
+
+template <int32_t (*Op)(BitmapHandle*)>
+void run(benchmark::State& state) {
+  Picture p(static_cast<int32_t>(state.range(0)));
+  if (!p.ok) return state.SkipWithError("allocation failed");
+  for (auto _ : state) {
+    if (Op(&p.b) != RESULT_OK) return state.SkipWithError("operation failed");
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * p.bytes());
+}
+
+int32_t flip(BitmapHandle* b) { return V_FlipBitmap(b); }
+int32_t mirror(BitmapHandle* b) { return V_ReverseBitmap(b); }
+int32_t half_turn(BitmapHandle* b) { return V_RotateBitmap(b, 18000, 0, 0); }
+int32_t quarter_turn(BitmapHandle* b) { return V_RotateBitmap90(b, 1, 0, 100); }
+
+BENCHMARK(run<flip>)->Name("BM_Flip")->ArgName("bits")->Arg(24)->Unit(benchmark::kMillisecond);
+BENCHMARK(run<mirror>)->Name("BM_Mirror")->ArgName("bits")->Arg(24)->Unit(benchmark::kMillisecond);
+BENCHMARK(run<half_turn>)->Name("BM_HalfTurn")->ArgName("bits")->Arg(24)->Unit(benchmark::kMillisecond);
+BENCHMARK(run<quarter_turn>)
+    ->Name("BM_QuarterTurn")
+    ->ArgName("bits")
+    ->Arg(1)
+    ->Arg(8)
+    ->Arg(24)
+    ->Arg(32)
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
