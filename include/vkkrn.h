@@ -10,19 +10,30 @@
  * user-data words are pointer-sized.  A 32-bit build therefore has the exact
  * 39-word BitmapHandle (156 bytes) and the 104-byte VersionInfo.
  *
- * Sections:
- *   1. Basic types, result codes, constants
- *   2. Records: BitmapHandle, ThreadSettings, VersionInfo, BufferRedirect
- *   3. Runtime: threads, slots, callbacks, allocators, utilities
- *   4. Bitmap record and defaults
- *   5. Storage and memory types
- *   6. Row access and compressed rows
- *   7. File layer and I/O redirection
- *   8. Palettes and palette lookup
- *   9. Row conversion, grayscale, pixel access
- *  10. Dithering, colour count, optimised palette, colour resolution
- *  11. Duplication, copies, bitmap lists
- *  12. Dispatch tables
+ * Sections follow the library's folders, lowest layer first:
+ *   1. platform/  operating-system objects passed through the interface
+ *   2. core/      result codes, the bitmap record, runtime, storage, rows,
+ *                 compressed rows, files and redirection, bitmap lists
+ *   3. host/      dispatch tables of the display and file modules
+ *   4. color/     palettes, bitmap creation, gray parameters, row conversion,
+ *                 grayscale, pixel access
+ *   5. reduce/    palette lookup, dithering, colour count, optimised
+ *                 palettes, colour resolution
+ *   6. geometry/  duplication, whole-bitmap copies, copies of list items
+ *
+ * How to read the comments:
+ *   Returns   every value the call can give; RESULT_OK is 1 and every
+ *             failure code is negative.
+ *   Borrowed  the library uses the pointer during the call only (or, where
+ *             stated, while something is installed) and never frees it.
+ *   Row loop  a call that walks every row reports progress through the
+ *             thread's status callback (copies: the copy status callback);
+ *             a callback result other than RESULT_OK stops it, and that
+ *             value is returned unchanged.
+ *   Row I/O   RESULT_SEEK_FAILED, RESULT_READ_FAILED, RESULT_WRITE_FAILED:
+ *             failures of disk-backed storage (temp files, disk tiles).
+ *   Failure   an operation on a whole bitmap changes the caller's record
+ *             only when it succeeds, unless its comment says otherwise.
  */
 #ifndef VKKRN_H
 #define VKKRN_H
@@ -51,8 +62,10 @@ extern "C" {
 #endif
 
 /* ===================================================================== */
-/* 1. Basic types, result codes, constants                               */
+/* 1. platform/ - operating-system objects passed through the interface  */
 /* ===================================================================== */
+/* No V_ function lives in platform/: the objects it makes are exported
+ * through vkkrn_platform.h (VKP_ calls). */
 
 /* Opaque platform objects.  All are pointer-sized. */
 typedef void* VK_HANDLE;   /* generic handle: sections, storage owners     */
@@ -76,6 +89,12 @@ typedef struct tagRGBQUAD {
 /* Colour value 0x00BBGGRR. */
 typedef uint32_t VK_COLORREF;
 #define VK_RGB(r, g, b) ((VK_COLORREF)(((uint32_t)(uint8_t)(r)) | ((uint32_t)(uint8_t)(g) << 8) | ((uint32_t)(uint8_t)(b) << 16)))
+
+#define VK_MAX_PATH 260
+
+/* ===================================================================== */
+/* 2. core/ - the bitmap record, runtime, storage, rows, files, lists    */
+/* ===================================================================== */
 
 /* Result codes. */
 #define RESULT_OK                     1
@@ -124,46 +143,6 @@ typedef uint32_t VK_COLORREF;
 #define ORDER_GRAY     2
 #define ORDER_BGR_ALT  5
 
-/* Colour value forms (V_GetPixelColor and friends). */
-#define COLOR_PALETTE_INDEX 0x01000000u
-#define COLOR_GRAY16        0x04000000u
-#define COLOR_INVALID       0x80000000u
-
-/* Dithering methods. */
-#define DITHER_NONE            0
-#define DITHER_FLOYD_STEINBERG 1
-#define DITHER_STUCKI          2
-#define DITHER_BURKES          3
-#define DITHER_SIERRA          4
-#define DITHER_STEVENSON_ARCE  5
-#define DITHER_JARVIS          6
-#define DITHER_ORDERED         7
-#define DITHER_CLUSTERED       8
-
-/* Row-conversion flags (V_ConvertBufferExt). */
-#define CONVERT_SRC_GRAY      1u
-#define CONVERT_DST_GRAY      2u
-#define CONVERT_SRC_BITRANGE  4u
-#define CONVERT_DST_BITRANGE  8u
-
-/* Colour-resolution flags (V_ColorResBitmap). */
-#define RESOLVE_OPTIMISED              0u
-#define RESOLVE_FIXED                  1u
-#define RESOLVE_BGR                    4u
-#define RESOLVE_KEEP_SYSTEM_COLOURS    8u
-#define RESOLVE_USER_PALETTE          16u
-#define RESOLVE_USER_TABLE            32u
-#define RESOLVE_CUBE                  64u
-#define RESOLVE_GRAY                 128u
-#define RESOLVE_NO_OPTIMISER_TABLE   512u
-#define RESOLVE_FEW_POPULAR         1024u
-#define RESOLVE_ORDER5              2048u
-
-/* Duplication flags. */
-#define DUP_ALLOCATE     1u
-#define DUP_OWN_PALETTE  2u
-#define DUP_OWN_REGION   4u
-
 /* V_SetMemoryThresholds whichValues bits. */
 #define THRESHOLD_MEMORY_RESERVE   1u
 #define THRESHOLD_TILED            2u
@@ -204,11 +183,7 @@ typedef uint32_t VK_COLORREF;
 #define REDIRECT_HAS_DATA   8u
 #define REDIRECT_HANDLE     5   /* pseudo file handle of a redirected buffer */
 
-#define VK_MAX_PATH 260
-
-/* ===================================================================== */
-/* 2. Records                                                            */
-/* ===================================================================== */
+/* ---- records ---------------------------------------------------------- */
 
 /* The caller-owned bitmap record: 39 words in this order. */
 typedef struct BitmapHandle {
@@ -257,7 +232,9 @@ typedef struct BitmapHandle {
  * the running operation, which returns that value unchanged. */
 typedef int32_t (VK_CALL* StatusCallback)(int32_t percent, intptr_t userData);
 
-/* I/O callbacks of the redirection table. */
+/* I/O callbacks of the redirection table.  They answer as the V_Os file
+ * calls do (a count or position, -1 on failure); userData is the word
+ * installed with them. */
 typedef VK_FILE (VK_CALL* VK_OPENPROC)(const char* name, int32_t openFlags, int32_t permission, intptr_t userData);
 typedef int32_t (VK_CALL* VK_READPROC)(VK_FILE file, void* buffer, int32_t count, intptr_t userData);
 typedef int32_t (VK_CALL* VK_WRITEPROC)(VK_FILE file, const void* buffer, int32_t count, intptr_t userData);
@@ -329,31 +306,23 @@ typedef struct BufferRedirect {
 /* A list of bitmaps: movable global-memory handle (see V_CreateBitmapList). */
 typedef VK_HGLOBAL BitmapList;
 
-/* Row callbacks of colour resolution. */
-typedef int32_t (VK_CALL* ColorResRowCallback)(BitmapHandle* destination, uint8_t* row, int32_t lines, intptr_t userData);
-typedef int32_t (VK_CALL* ColorResListRowCallback)(BitmapHandle* destination, uint8_t* row, uint32_t itemIndex, int32_t rowNumber, int32_t lines, intptr_t userData);
-
-/* Display dispatch table: 20 optional hooks. */
-typedef int32_t (VK_CALL* VK_DISPATCHPROC)();
-#define VK_DISPATCH_ENTRIES 20
-typedef int32_t (VK_CALL* VK_REGIONHOOK)(BitmapHandle* destination, BitmapHandle* source, int32_t dx, int32_t dy);   /* entry 2  */
-typedef int32_t (VK_CALL* VK_SCALEREGIONHOOK)(BitmapHandle* bitmap, int32_t width, int32_t height);                 /* entry 6  */
-typedef int32_t (VK_CALL* VK_ROTATEREGIONHOOK)(BitmapHandle* bitmap, int32_t oldWidth, int32_t oldHeight, int32_t angle); /* entry 13 */
-typedef int32_t (VK_CALL* VK_PIXELPOSHOOK)(BitmapHandle* bitmap, int32_t row, int32_t column);                    /* entry 17 */
-
-/* ===================================================================== */
-/* 3. Runtime                                                            */
-/* ===================================================================== */
+/* ---- core/: caller slots (per-thread values) -------------------------- */
 
 VK_API uint32_t  VK_CALL V_TlsAlloc(void);
 VK_API int32_t   VK_CALL V_TlsFree(uint32_t index);
 VK_API int32_t   VK_CALL V_TlsSetValue(uint32_t index, uintptr_t value);
 VK_API uintptr_t VK_CALL V_TlsGetValue(uint32_t index);
 
+/* ---- core/: status callbacks (per thread) ----------------------------- */
+
 VK_API StatusCallback VK_CALL V_SetStatusCallBack(StatusCallback callback, intptr_t userData);
 VK_API StatusCallback VK_CALL V_GetStatusCallBack(intptr_t* userData);
 VK_API StatusCallback VK_CALL V_SetCopyStatusCallBack(StatusCallback callback, intptr_t userData);
 VK_API StatusCallback VK_CALL V_GetCopyStatusCallBack(intptr_t* userData);
+
+/* ---- core/: allocators ------------------------------------------------- */
+/* Every block the library hands out comes from one of these two families
+ * and goes back to the same family.  Both can fail (null result). */
 
 VK_API void* VK_CALL V_Malloc(size_t size);
 VK_API void* VK_CALL V_Calloc(size_t count, size_t size);
@@ -377,6 +346,8 @@ VK_API void* VK_CALL V_OsReAllocInitDump(void* pointer, size_t size, const char*
 VK_API int32_t VK_CALL V_OsFreeDump(void* pointer, const char* file, int32_t line);
 VK_API void  VK_CALL V_DumpMemoryReport(uint32_t flags);
 
+/* ---- core/: utilities --------------------------------------------------- */
+
 VK_API char*    VK_CALL V_Strtok(char* text, const char* delimiters);
 VK_API uint32_t VK_CALL V_SQRT(uint32_t value);
 VK_API const uint8_t* VK_CALL V_Get1BitOnTable(void);
@@ -394,18 +365,12 @@ typedef struct ThunkArgs {
 } ThunkArgs;
 VK_API int32_t VK_CALL V_ThunkDispatch(ThunkArgs* args, int32_t request);
 
-/* ===================================================================== */
-/* 4. Bitmap record and defaults                                         */
-/* ===================================================================== */
+/* ---- core/: the bitmap record and the thread's defaults ---------------- */
 
 VK_API int32_t VK_CALL V_InitBitmap(BitmapHandle* bitmap, int32_t width, int32_t height, int32_t bitsPerPixel);
-VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, int32_t width, int32_t height,
-                                      int32_t bitsPerPixel, int32_t order, const RGBQUAD* palette,
-                                      int32_t viewPerspective, void* data, uint32_t dataSize);
 VK_API void    VK_CALL V_CopyBitmapHandle(BitmapHandle* destination, const BitmapHandle* source);
 VK_API int32_t VK_CALL V_FreeImage(BitmapHandle* bitmap, int32_t freeAttachments);
 VK_API int32_t VK_CALL V_UpdateBitmapSize(BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source);
 
 VK_API int32_t VK_CALL V_SetDefaultXResolution(int32_t dpi);
 VK_API int32_t VK_CALL V_SetDefaultYResolution(int32_t dpi);
@@ -416,15 +381,7 @@ VK_API int32_t VK_CALL V_GetDefaultDithering(void);
 VK_API int32_t VK_CALL V_SetDefaultMemoryType(int32_t memoryType);
 VK_API int32_t VK_CALL V_GetDefaultMemoryType(int32_t* memoryType);
 
-/* Gray parameters: bit range rule (count, mask, shift) and record helpers. */
-VK_API int32_t VK_CALL V_GetGrayParams(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit,
-                                       int32_t* count, uint32_t* mask, int32_t* shift);
-VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
-
-/* ===================================================================== */
-/* 5. Storage and memory types                                           */
-/* ===================================================================== */
+/* ---- core/: storage and memory types ------------------------------------ */
 
 VK_API int32_t VK_CALL V_AllocateBitmap(BitmapHandle* bitmap, int32_t memoryType);
 VK_API void    VK_CALL V_FreeBitmap(BitmapHandle* bitmap);
@@ -447,14 +404,18 @@ VK_API void    VK_CALL V_GetMemoryThresholds(int32_t* memoryReserve, int32_t* ti
 VK_API int32_t VK_CALL V_SetTempDirectory(const char* path);
 VK_API int32_t VK_CALL V_GetTempDirectory(char* buffer, int32_t bufferSize);
 
-/* ===================================================================== */
-/* 6. Row access and compressed rows                                     */
-/* ===================================================================== */
+/* ---- core/: row access --------------------------------------------------- */
 
 VK_API int32_t VK_CALL V_GetBitmapRow(BitmapHandle* bitmap, void* buffer, uint32_t row, int32_t byteCount);
 VK_API int32_t VK_CALL V_PutBitmapRow(BitmapHandle* bitmap, const void* buffer, uint32_t row, int32_t byteCount);
 VK_API int32_t VK_CALL V_GetBitmapRowCol(BitmapHandle* bitmap, void* buffer, uint32_t row, int32_t column, int32_t byteCount);
 VK_API int32_t VK_CALL V_PutBitmapRowCol(BitmapHandle* bitmap, const void* buffer, uint32_t row, int32_t column, int32_t byteCount);
+
+/* ---- core/: compressed 1-bit rows --------------------------------------- */
+/* Record: uint32 run count N, then N uint16 runs (little endian) that
+ * alternate 0-bits and 1-bits, starting with 0-bits.  A block is records
+ * back to back.  These calls get no lengths: the caller sizes every area
+ * as stated and passes records that hold the counts they claim. */
 
 VK_API int32_t VK_CALL V_CompressRow(void* outRecord, uint8_t* packedRow, int32_t startColumn, int32_t pixelCount);
 VK_API int32_t VK_CALL V_CompressRows(void* outBlock, const uint8_t* packedRows, int32_t width, int32_t rowCount);
@@ -467,9 +428,7 @@ VK_API int32_t VK_CALL V_ToggleBitmapCompression(BitmapHandle* bitmap);
 VK_API int32_t VK_CALL V_GrowBitmapHeap(BitmapHandle* bitmap, uint32_t bytes);
 VK_API int32_t VK_CALL V_TrimBitmapHeap(BitmapHandle* bitmap);
 
-/* ===================================================================== */
-/* 7. File layer and I/O redirection                                     */
-/* ===================================================================== */
+/* ---- core/: file layer --------------------------------------------------- */
 
 VK_API VK_FILE VK_CALL V_OsCreat(const char* name, int32_t mode);
 VK_API VK_FILE VK_CALL V_OsOpen(const char* name, int32_t openFlags, int32_t permission, intptr_t unused);
@@ -479,6 +438,8 @@ VK_API int32_t VK_CALL V_OsSeek(VK_FILE file, int32_t offset, int32_t origin, in
 VK_API int32_t VK_CALL V_OsClose(VK_FILE file, intptr_t unused);
 VK_API int32_t VK_CALL V_OsDelete(const char* name);
 VK_API int32_t VK_CALL V_OsGetTempName(char* buffer);
+
+/* ---- core/: I/O redirection (per thread) -------------------------------- */
 
 VK_API void    VK_CALL V_RedirectIO(VK_OPENPROC openProc, VK_READPROC readProc, VK_WRITEPROC writeProc,
                                     VK_SEEKPROC seekProc, VK_CLOSEPROC closeProc, intptr_t userData);
@@ -497,9 +458,58 @@ VK_API int32_t VK_CALL V_StartRedirectToBuffer(BufferRedirect** context, VK_FILE
                                                void* buffer, uint32_t bufferSize);
 VK_API int32_t VK_CALL V_StopRedirectToBuffer(BufferRedirect* context, void** buffer, uint32_t* length);
 
+/* ---- core/: bitmap lists -------------------------------------------------- */
+/* A list holds records by value and owns the storage they describe. */
+
+VK_API int32_t VK_CALL V_CreateBitmapList(BitmapList* list);
+VK_API int32_t VK_CALL V_DestroyBitmapList(BitmapList list);
+VK_API int32_t VK_CALL V_GetBitmapListCount(BitmapList list, uint32_t* count);
+VK_API int32_t VK_CALL V_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_SetBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_InsertBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, uint32_t count);
+VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
+
 /* ===================================================================== */
-/* 8. Palettes and palette lookup                                        */
+/* 3. host/ - dispatch tables of the display and file modules            */
 /* ===================================================================== */
+/* Both are process-wide: a module installs them once at its start-up,
+ * before image operations run. */
+
+/* Display dispatch table: 20 optional hooks. */
+typedef int32_t (VK_CALL* VK_DISPATCHPROC)();
+#define VK_DISPATCH_ENTRIES 20
+typedef int32_t (VK_CALL* VK_REGIONHOOK)(BitmapHandle* destination, BitmapHandle* source, int32_t dx, int32_t dy);   /* entry 2  */
+typedef int32_t (VK_CALL* VK_SCALEREGIONHOOK)(BitmapHandle* bitmap, int32_t width, int32_t height);                 /* entry 6  */
+typedef int32_t (VK_CALL* VK_ROTATEREGIONHOOK)(BitmapHandle* bitmap, int32_t oldWidth, int32_t oldHeight, int32_t angle); /* entry 13 */
+typedef int32_t (VK_CALL* VK_PIXELPOSHOOK)(BitmapHandle* bitmap, int32_t row, int32_t column);                    /* entry 17 */
+
+VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table);
+VK_API int32_t VK_CALL V_GetDisDispatch(VK_DISPATCHPROC* tableOut);
+VK_API int32_t VK_CALL V_ResetDisDispatch(void);
+VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value);
+VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
+
+/* ===================================================================== */
+/* 4. color/ - palettes, pixel formats, conversion, pixel access         */
+/* ===================================================================== */
+
+/* Colour value forms (V_GetPixelColor and friends). */
+#define COLOR_PALETTE_INDEX 0x01000000u
+#define COLOR_GRAY16        0x04000000u
+#define COLOR_INVALID       0x80000000u
+
+/* Row-conversion flags (V_ConvertBufferExt). */
+#define CONVERT_SRC_GRAY      1u
+#define CONVERT_DST_GRAY      2u
+#define CONVERT_SRC_BITRANGE  4u
+#define CONVERT_DST_BITRANGE  8u
+
+/* ---- color/: platform palettes -------------------------------------------- */
+/* A VK_HPALETTE made by these calls belongs to the caller: delete it with
+ * VKP_DeletePalette (vkkrn_platform.h), or attach it to a bitmap, whose
+ * V_FreeBitmap frees it. */
 
 VK_API VK_HPALETTE VK_CALL V_CreatePalette(const RGBQUAD* entries, int32_t count);
 VK_API int32_t     VK_CALL V_GetPaletteSize(VK_HPALETTE palette);
@@ -511,6 +521,11 @@ VK_API VK_HPALETTE VK_CALL V_CreateGrayPalette(int32_t bits);
 VK_API VK_HPALETTE VK_CALL V_CreateFixedPalette(int32_t bits);
 VK_API const RGBQUAD* VK_CALL V_IntGetFixedPalette(int32_t bits);
 VK_API int32_t     VK_CALL V_GetFixedPalette(RGBQUAD* out, int32_t bits);
+
+/* ---- color/: bitmap palettes ----------------------------------------------- */
+/* A bitmap's palette is a platform palette or, with PALETTE_IS_TABLE, an
+ * owned V_Os table; the record owns it (freed by V_FreeBitmap). */
+
 VK_API void        VK_CALL V_CreateBitmapPalette(BitmapHandle* bitmap, const RGBQUAD* entries, int32_t count);
 VK_API int32_t     VK_CALL V_GetBitmapPaletteEntries(BitmapHandle* bitmap, int32_t start, int32_t count, RGBQUAD* out);
 VK_API int32_t     VK_CALL V_GetBitmapColors(BitmapHandle* bitmap, int32_t start, int32_t count, RGBQUAD* out);
@@ -524,14 +539,20 @@ VK_API int32_t     VK_CALL V_SetBitmapPalette(BitmapHandle* bitmap, VK_HPALETTE 
 VK_API int32_t     VK_CALL V_SetPaletteType(BitmapHandle* bitmap, int32_t type);
 VK_API uint32_t    VK_CALL V_GetNearestPaletteIndex(BitmapHandle* bitmap, VK_COLORREF color);
 
-VK_API uint32_t  VK_CALL V_FindPaletteIndex(const RGBQUAD* palette, uint32_t colors, int32_t red, int32_t green, int32_t blue);
-VK_API uint32_t* VK_CALL V_CreateUserMatchTable(const RGBQUAD* palette, uint32_t colors);
-VK_API int32_t   VK_CALL V_FreeUserMatchTable(uint32_t* table);
-VK_API uint32_t* VK_CALL V_SetUserMatchTable(uint32_t* table);
+/* ---- color/: bitmap creation -------------------------------------------------- */
 
-/* ===================================================================== */
-/* 9. Row conversion, grayscale, pixel access                            */
-/* ===================================================================== */
+VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, int32_t width, int32_t height,
+                                      int32_t bitsPerPixel, int32_t order, const RGBQUAD* palette,
+                                      int32_t viewPerspective, void* data, uint32_t dataSize);
+
+/* ---- color/: gray parameters ---------------------------------------------------- */
+
+VK_API int32_t VK_CALL V_GetGrayParams(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit,
+                                       int32_t* count, uint32_t* mask, int32_t* shift);
+VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
+VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
+
+/* ---- color/: row conversion ------------------------------------------------------- */
 
 VK_API int32_t  VK_CALL V_ConvertBufferExt(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t dstBits,
                                            int32_t srcOrder, int32_t dstOrder, const RGBQUAD* srcPalette,
@@ -541,19 +562,66 @@ VK_API int32_t  VK_CALL V_ConvertBuffer(uint8_t* buffer, int32_t width, int32_t 
                                         const RGBQUAD* dstPalette);
 VK_API uint32_t VK_CALL V_CalcConvertSize(int32_t width1, int32_t bits1, int32_t width2, int32_t bits2);
 
+/* ---- color/: grayscale -------------------------------------------------------------- */
+
 VK_API int32_t VK_CALL V_IsGrayScalePalette(const RGBQUAD* entries, int32_t count);
 VK_API int32_t VK_CALL V_IsGrayScaleBitmap(BitmapHandle* bitmap);
 VK_API int32_t VK_CALL V_GrayScaleBitmap(BitmapHandle* bitmap, int32_t bits);
+
+/* ---- color/: pixel access --------------------------------------------------------------- */
+/* row 0 is the first stored row.  Colour values: 0x00BBGGRR,
+ * COLOR_PALETTE_INDEX | index, COLOR_GRAY16 | 16-bit level. */
 
 VK_API uint32_t VK_CALL V_GetPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column);
 VK_API int32_t  VK_CALL V_PutPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column, uint32_t color);
 VK_API int32_t  VK_CALL V_GetPixelData(BitmapHandle* bitmap, void* buffer, int32_t row, int32_t column, int32_t bufferSize);
 VK_API int32_t  VK_CALL V_PutPixelData(BitmapHandle* bitmap, const void* buffer, int32_t row, int32_t column, int32_t bufferSize);
 VK_API uint32_t VK_CALL V_TranslateBitmapColor(BitmapHandle* destination, BitmapHandle* source, uint32_t color);
+VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source);
 
 /* ===================================================================== */
-/* 10. Dithering, colour count, optimised palette, colour resolution     */
+/* 5. reduce/ - palette lookup, dithering, colour count, optimiser,      */
+/*    colour resolution                                                  */
 /* ===================================================================== */
+
+/* Dithering methods. */
+#define DITHER_NONE            0
+#define DITHER_FLOYD_STEINBERG 1
+#define DITHER_STUCKI          2
+#define DITHER_BURKES          3
+#define DITHER_SIERRA          4
+#define DITHER_STEVENSON_ARCE  5
+#define DITHER_JARVIS          6
+#define DITHER_ORDERED         7
+#define DITHER_CLUSTERED       8
+
+/* Colour-resolution flags (V_ColorResBitmap). */
+#define RESOLVE_OPTIMISED              0u
+#define RESOLVE_FIXED                  1u
+#define RESOLVE_BGR                    4u
+#define RESOLVE_KEEP_SYSTEM_COLOURS    8u
+#define RESOLVE_USER_PALETTE          16u
+#define RESOLVE_USER_TABLE            32u
+#define RESOLVE_CUBE                  64u
+#define RESOLVE_GRAY                 128u
+#define RESOLVE_NO_OPTIMISER_TABLE   512u
+#define RESOLVE_FEW_POPULAR         1024u
+#define RESOLVE_ORDER5              2048u
+
+/* Row callbacks of colour resolution. */
+typedef int32_t (VK_CALL* ColorResRowCallback)(BitmapHandle* destination, uint8_t* row, int32_t lines, intptr_t userData);
+typedef int32_t (VK_CALL* ColorResListRowCallback)(BitmapHandle* destination, uint8_t* row, uint32_t itemIndex, int32_t rowNumber, int32_t lines, intptr_t userData);
+
+/* ---- reduce/: palette lookup and user match tables ----------------------- */
+/* A match table has 32768 cells, one per 5-5-5 colour (red * 1024 +
+ * green * 32 + blue), each palette index + 1 (0: not resolved yet). */
+
+VK_API uint32_t  VK_CALL V_FindPaletteIndex(const RGBQUAD* palette, uint32_t colors, int32_t red, int32_t green, int32_t blue);
+VK_API uint32_t* VK_CALL V_CreateUserMatchTable(const RGBQUAD* palette, uint32_t colors);
+VK_API int32_t   VK_CALL V_FreeUserMatchTable(uint32_t* table);
+VK_API uint32_t* VK_CALL V_SetUserMatchTable(uint32_t* table);
+
+/* ---- reduce/: dithering ------------------------------------------------------ */
 
 VK_API int32_t VK_CALL V_StartDitheringExt(BitmapHandle* bitmap, const RGBQUAD* palette, int32_t colors,
                                            int32_t outputBits, uint32_t* userMatchTable);
@@ -561,7 +629,11 @@ VK_API int32_t VK_CALL V_StartDithering(BitmapHandle* bitmap, const RGBQUAD* pal
 VK_API int32_t VK_CALL V_DitherLine(BitmapHandle* bitmap, uint8_t* inputRow, uint8_t* outputRow);
 VK_API int32_t VK_CALL V_StopDithering(BitmapHandle* bitmap);
 
+/* ---- reduce/: colour count ------------------------------------------------------ */
+
 VK_API int32_t VK_CALL V_GetBitmapColorCountExt(BitmapHandle* bitmap, uint32_t* count, RGBQUAD* colours);
+
+/* ---- reduce/: optimised palettes ------------------------------------------------ */
 
 /* Optimised palette for one bitmap (the optimiser the colour resolution
  * uses) and for every bitmap of a list.  *colors: in entries wanted, out
@@ -573,6 +645,8 @@ VK_API int32_t VK_CALL V_CreateOptimizedPalette(BitmapHandle* bitmap, RGBQUAD* p
 VK_API int32_t VK_CALL V_CreateBitmapListOptPal(BitmapList list, RGBQUAD* palette, uint32_t* colors,
                                                 uint32_t** table, int32_t* needsDither, int32_t fewPopular);
 
+/* ---- reduce/: colour resolution ---------------------------------------------------- */
+
 VK_API int32_t VK_CALL V_ColorResBitmap(BitmapHandle* source, BitmapHandle* destination, int32_t bitsPerPixel,
                                         uint32_t flags, const RGBQUAD* palette, VK_HPALETTE paletteHandle,
                                         int32_t colors, ColorResRowCallback rowCallback, intptr_t userData);
@@ -583,8 +657,13 @@ VK_API int32_t VK_CALL V_ColorResBitmapList(BitmapList list, int32_t bitsPerPixe
                                             RGBQUAD* palette, VK_HPALETTE paletteHandle, int32_t colors);
 
 /* ===================================================================== */
-/* 11. Duplication, copies, bitmap lists                                 */
+/* 6. geometry/ - duplication, copies of bitmaps and list items          */
 /* ===================================================================== */
+
+/* Duplication flags. */
+#define DUP_ALLOCATE     1u
+#define DUP_OWN_PALETTE  2u
+#define DUP_OWN_REGION   4u
 
 VK_API int32_t VK_CALL V_DupBitmapNewDim(BitmapHandle* destination, BitmapHandle* source, int32_t width,
                                          int32_t height, int32_t bitsPerPixel, uint32_t dupFlags);
@@ -593,26 +672,7 @@ VK_API int32_t VK_CALL V_CopyBitmapData(BitmapHandle* destination, BitmapHandle*
 VK_API int32_t VK_CALL V_CopyBitmap(BitmapHandle* destination, BitmapHandle* source);
 VK_API int32_t VK_CALL V_CopyBitmap2(BitmapHandle* destination, BitmapHandle* source, int32_t memoryType);
 
-VK_API int32_t VK_CALL V_CreateBitmapList(BitmapList* list);
-VK_API int32_t VK_CALL V_DestroyBitmapList(BitmapList list);
-VK_API int32_t VK_CALL V_GetBitmapListCount(BitmapList list, uint32_t* count);
-VK_API int32_t VK_CALL V_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_SetBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_InsertBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, uint32_t count);
 VK_API int32_t VK_CALL V_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
-VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
-
-/* ===================================================================== */
-/* 12. Dispatch tables                                                   */
-/* ===================================================================== */
-
-VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table);
-VK_API int32_t VK_CALL V_GetDisDispatch(VK_DISPATCHPROC* tableOut);
-VK_API int32_t VK_CALL V_ResetDisDispatch(void);
-VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value);
-VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
 
 #ifdef __cplusplus
 }
