@@ -308,30 +308,65 @@ typedef VK_HGLOBAL BitmapList;
 
 /* ---- core/: caller slots (per-thread values) -------------------------- */
 
+/* Reserves a slot number (0..1023) shared by every thread; each thread
+ * keeps its own value in it.  Freed slots below the highest one handed out
+ * are reused only once all 1024 numbers have been given.
+ * Returns: the slot, or 0xFFFFFFFF when none is left.
+ * See also: V_TlsFree, V_TlsSetValue, V_TlsGetValue. */
 VK_API uint32_t  VK_CALL V_TlsAlloc(void);
+/* Gives a slot back.  index: a number from V_TlsAlloc.
+ * Returns: 1 when freed, 0 when index is not a reserved slot. */
 VK_API int32_t   VK_CALL V_TlsFree(uint32_t index);
+/* Sets the calling thread's value of a slot.
+ * Returns: 1, or 0 when index was never handed out. */
 VK_API int32_t   VK_CALL V_TlsSetValue(uint32_t index, uintptr_t value);
+/* The calling thread's value of a slot; 0 when unset or index was never
+ * handed out. */
 VK_API uintptr_t VK_CALL V_TlsGetValue(uint32_t index);
 
 /* ---- core/: status callbacks (per thread) ----------------------------- */
 
+/* Installs the calling thread's progress callback (null: none); userData is
+ * passed to every call.  The callback is borrowed while installed.
+ * Returns: the callback installed before.
+ * See also: StatusCallback, V_SetCopyStatusCallBack. */
 VK_API StatusCallback VK_CALL V_SetStatusCallBack(StatusCallback callback, intptr_t userData);
+/* The calling thread's progress callback; *userData (optional) receives
+ * its user data. */
 VK_API StatusCallback VK_CALL V_GetStatusCallBack(intptr_t* userData);
+/* As V_SetStatusCallBack, for the callback that row copies between bitmaps
+ * report to (V_CopyBitmapData, copies, storage rebuilds).
+ * Returns: the callback installed before. */
 VK_API StatusCallback VK_CALL V_SetCopyStatusCallBack(StatusCallback callback, intptr_t userData);
+/* The calling thread's copy progress callback; *userData as above. */
 VK_API StatusCallback VK_CALL V_GetCopyStatusCallBack(intptr_t* userData);
 
 /* ---- core/: allocators ------------------------------------------------- */
 /* Every block the library hands out comes from one of these two families
  * and goes back to the same family.  Both can fail (null result). */
 
+/* A heap block of size bytes (0 gives a 1-byte block); free with V_Free.
+ * Returns: the block, or null. */
 VK_API void* VK_CALL V_Malloc(size_t size);
+/* As V_Malloc, count * size bytes set to zero. */
 VK_API void* VK_CALL V_Calloc(size_t count, size_t size);
+/* Resizes a V_Malloc block (null pointer: a new block).
+ * Returns: the block, possibly moved, or null (the old block then stays). */
 VK_API void* VK_CALL V_Realloc(void* pointer, size_t size);
+/* Frees a block of the V_Malloc family; null is ignored. */
 VK_API void  VK_CALL V_Free(void* pointer);
+/* A movable global-memory block kept locked for its whole life, so the
+ * pointer stays valid; free with V_OsFree.
+ * Returns: the block, or null. */
 VK_API void* VK_CALL V_OsAlloc(size_t size);
+/* As V_OsAlloc; zeroFill non-zero clears the block. */
 VK_API void* VK_CALL V_OsAllocInit(size_t size, int32_t zeroFill);
+/* Resizes a V_Os block (null pointer: a new block).
+ * Returns: the block, possibly moved, or null (the old block then stays). */
 VK_API void* VK_CALL V_OsReAlloc(void* pointer, size_t size);
+/* As V_OsReAlloc; bytes added at the end are zero. */
 VK_API void* VK_CALL V_OsReAllocInit(void* pointer, size_t size);
+/* Frees a block of the V_Os family; null is ignored.  Returns: 0. */
 VK_API int32_t VK_CALL V_OsFree(void* pointer);
 
 /* Debug forms: the trailing file and line are ignored. */
@@ -344,13 +379,23 @@ VK_API void* VK_CALL V_OsAllocInitDump(size_t size, int32_t zeroFill, const char
 VK_API void* VK_CALL V_OsReAllocDump(void* pointer, size_t size, const char* file, int32_t line);
 VK_API void* VK_CALL V_OsReAllocInitDump(void* pointer, size_t size, const char* file, int32_t line);
 VK_API int32_t VK_CALL V_OsFreeDump(void* pointer, const char* file, int32_t line);
+/* Kept for callers of the debug forms: reports nothing. */
 VK_API void  VK_CALL V_DumpMemoryReport(uint32_t flags);
 
 /* ---- core/: utilities --------------------------------------------------- */
 
+/* The first token of text: text is changed in place (a terminator after
+ * the token).  A null text does not continue an earlier split.
+ * Returns: the token inside text, or null (none, or a null argument). */
 VK_API char*    VK_CALL V_Strtok(char* text, const char* delimiters);
+/* Integer square root by Newton's iteration in integers (0 for 0, 1 for
+ * 1..3). */
 VK_API uint32_t VK_CALL V_SQRT(uint32_t value);
+/* The library's 256-byte table: entry b is the number of 1 bits in b.
+ * Owned by the library (constant; never freed). */
 VK_API const uint8_t* VK_CALL V_Get1BitOnTable(void);
+/* Fills *record with the banner, level, version and build date and time.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null record). */
 VK_API int32_t  VK_CALL V_VersionInfo(VersionInfo* record);
 
 /* Argument block of the 16-bit-host dispatcher: bitmap, buffer, row,
@@ -363,52 +408,156 @@ typedef struct ThunkArgs {
   int32_t       Column;
   int32_t       ByteCount;
 } ThunkArgs;
+/* Runs one request on args (borrowed).
+ * Returns: 0 for requests 0 and 1; for 2 and 3 what V_GetBitmapRowCol or
+ * V_PutBitmapRowCol returns; 50 for an unknown request;
+ * RESULT_BAD_PARAMETER (null args).
+ * See also: V_AccessBitmap, V_ReleaseBitmap. */
 VK_API int32_t VK_CALL V_ThunkDispatch(ThunkArgs* args, int32_t request);
 
 /* ---- core/: the bitmap record and the thread's defaults ---------------- */
 
+/* Clears *bitmap and sets it up for width x height pixels of bitsPerPixel
+ * (1-8, 12, 16, 24, 32, 48, 64): row size, Size, order, colour count,
+ * bit ranges and the thread's default resolution and dithering.  No
+ * storage is made; width and height are checked when storage is asked
+ * for.  All three zero only clears the record.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null bitmap),
+ * RESULT_BAD_BITS_PER_PIXEL.
+ * See also: V_AllocateBitmap, V_CreateBitmap. */
 VK_API int32_t VK_CALL V_InitBitmap(BitmapHandle* bitmap, int32_t width, int32_t height, int32_t bitsPerPixel);
+/* Shallow copy of *source into *destination: both then name the same
+ * storage, palette and tables, and only one of them may be freed.  Null
+ * arguments or one record twice: nothing happens.
+ * See also: V_CopyBitmap (a copy with its own storage). */
 VK_API void    VK_CALL V_CopyBitmapHandle(BitmapHandle* destination, const BitmapHandle* source);
+/* Frees the storage and tables of a bitmap that has storage.
+ * freeAttachments: non-zero frees the palette too; 0 leaves palette and
+ * region to whoever else holds them (the record forgets both).  The region
+ * is never destroyed (it belongs to the host glue).
+ * Returns: RESULT_OK (also when there is no storage: then nothing changes).
+ * See also: V_FreeBitmap. */
 VK_API int32_t VK_CALL V_FreeImage(BitmapHandle* bitmap, int32_t freeAttachments);
+/* Recomputes Size: the bytes held by compressed rows, or BytesPerLine *
+ * Height for other storage.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (no storage). */
 VK_API int32_t VK_CALL V_UpdateBitmapSize(BitmapHandle* bitmap);
 
+/* Resolution (dpi) new records get on this thread; 0 or below means
+ * 150 dpi.  Returns: the value set before (not a result code). */
 VK_API int32_t VK_CALL V_SetDefaultXResolution(int32_t dpi);
 VK_API int32_t VK_CALL V_SetDefaultYResolution(int32_t dpi);
+/* The thread's default resolutions as set (150 at start). */
 VK_API int32_t VK_CALL V_GetDefaultXResolution(void);
 VK_API int32_t VK_CALL V_GetDefaultYResolution(void);
+/* The dithering method new records get on this thread (DITHER_NONE ..
+ * DITHER_CLUSTERED; DITHER_ORDERED at start).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_DefaultDithering(int32_t method);
+/* The thread's default dithering method. */
 VK_API int32_t VK_CALL V_GetDefaultDithering(void);
+/* The memory type of bitmaps that operations make on this thread
+ * (grayscale, colour resolution): TYPE_CONVENTIONAL or TYPE_DISK.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_SetDefaultMemoryType(int32_t memoryType);
+/* *memoryType receives the thread's default memory type.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null pointer). */
 VK_API int32_t VK_CALL V_GetDefaultMemoryType(int32_t* memoryType);
 
 /* ---- core/: storage and memory types ------------------------------------ */
 
+/* Gives a record set up by V_InitBitmap its pixel storage.  memoryType:
+ * TYPE_CONVENTIONAL (memory; tiles when large), TYPE_TILED, TYPE_DISK (one
+ * temp file), TYPE_USER (the caller's pixels, see V_SetBitmapDataPointer),
+ * TYPE_COMPRESSED (1-bit only; other depths ignore it), with TYPE_NO_TILED
+ * / TYPE_NO_DISK to forbid a fallback.  The record owns the storage: free
+ * it with V_FreeBitmap.  The storage flags are cleared even on failure.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null, inconsistent record or
+ * bad type), RESULT_BAD_AREA (Size 0), RESULT_WRITE_FAILED (temp file),
+ * RESULT_FAIL (no memory or file; super-compressed storage).
+ * See also: V_SetMemoryThresholds, V_GetBitmapMemoryInfo. */
 VK_API int32_t VK_CALL V_AllocateBitmap(BitmapHandle* bitmap, int32_t memoryType);
+/* Frees everything the record owns: storage, palette, gray and paint
+ * tables; lets go of the region (the host glue owns it) and never frees
+ * the caller's pixels of TYPE_USER.  Null is ignored.
+ * See also: V_FreeImage. */
 VK_API void    VK_CALL V_FreeBitmap(BitmapHandle* bitmap);
+/* Locks global-memory storage so that Data is valid (other storage needs
+ * no lock).  See also: V_ReleaseBitmap, V_LockBitmap. */
 VK_API void    VK_CALL V_AccessBitmap(BitmapHandle* bitmap);
+/* Unlocks what V_AccessBitmap locked (Data is then null). */
 VK_API void    VK_CALL V_ReleaseBitmap(BitmapHandle* bitmap);
+/* Locks as V_AccessBitmap does.
+ * Returns: 1 when it was locked already, else 0; hand it to V_UnlockBitmap. */
 VK_API int32_t VK_CALL V_LockBitmap(BitmapHandle* bitmap);
+/* Unlocks unless keepLocked (V_LockBitmap's result) is non-zero. */
 VK_API void    VK_CALL V_UnlockBitmap(BitmapHandle* bitmap, int32_t keepLocked);
+/* Points a TYPE_USER bitmap at the caller's pixels.  data: dataSize bytes,
+ * equal to Size (or null to detach); borrowed for as long as the record
+ * uses it, never freed by the library.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (not a user bitmap, size). */
 VK_API int32_t VK_CALL V_SetBitmapDataPointer(BitmapHandle* bitmap, void* data, uint32_t dataSize);
+/* Storage facts: *memoryType (required: TYPE_CONVENTIONAL, TYPE_TILED,
+ * TYPE_DISK, TYPE_COMPRESSED or TYPE_SUPER_COMPRESSED) and, for tiled
+ * storage, tile bytes, tile count, tiles in memory, mapped-tile limit and
+ * mapped tiles (each pointer optional).
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (null type). */
 VK_API int32_t VK_CALL V_GetBitmapMemoryInfo(BitmapHandle* bitmap, int32_t* memoryType, uint32_t* tileSize,
                                              uint32_t* totalTiles, uint32_t* memoryTiles,
                                              uint32_t* maxMappedTiles, uint32_t* mappedTiles);
+/* Changes the values whichValues (MEMINFO_ bits) selects.  A new type or
+ * tile size rebuilds the storage and copies every row (copy status
+ * callback; a failed rebuild leaves the bitmap as it was); otherwise tiles
+ * move between memory and disk in place.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (TYPE_USER,
+ * bad type or tile size), RESULT_FAIL, RESULT_TEMP_FILE_FAILED, row I/O
+ * errors, the copy status callback's value.
+ * See also: V_GetBitmapMemoryInfo. */
 VK_API int32_t VK_CALL V_SetBitmapMemoryInfo(BitmapHandle* bitmap, int32_t memoryType, uint32_t tileSize,
                                              uint32_t totalTiles, uint32_t memoryTiles, uint32_t maxMappedTiles,
                                              uint32_t mappedTiles, uint32_t whichValues);
+/* Grows or shrinks the storage to newHeight rows (>= 1); the rows that
+ * remain keep their pixels.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (user or
+ * locked storage, newHeight < 1), RESULT_FAIL, RESULT_TEMP_FILE_FAILED. */
 VK_API int32_t VK_CALL V_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t newHeight);
+/* The calling thread's storage thresholds, those whichValues (THRESHOLD_
+ * bits) selects: memory reserve and tiled threshold (bytes, or -1..-100
+ * for a percentage), tile size (bytes >= 0, 0 = 16 MiB), memory-tile and
+ * mapped-tile limits (counts, or negative percentages).  Values are taken
+ * in bit order; a refused one stops the call, earlier ones stay set.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (a value below its minimum). */
 VK_API int32_t VK_CALL V_SetMemoryThresholds(int32_t memoryReserve, int32_t tiledThreshold, int32_t tileSize,
                                              int32_t memoryTileLimit, int32_t mappedTileLimit, uint32_t whichValues);
+/* The calling thread's thresholds; each pointer optional. */
 VK_API void    VK_CALL V_GetMemoryThresholds(int32_t* memoryReserve, int32_t* tiledThreshold, int32_t* tileSize,
                                              int32_t* memoryTileLimit, int32_t* mappedTileLimit);
+/* The directory of the calling thread's temp files: an existing directory,
+ * shorter than VK_MAX_PATH (copied).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_SetTempDirectory(const char* path);
+/* Copies the temp directory into buffer, at most bufferSize characters
+ * (not terminated when cut short).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null buffer). */
 VK_API int32_t VK_CALL V_GetTempDirectory(char* buffer, int32_t bufferSize);
 
 /* ---- core/: row access --------------------------------------------------- */
 
+/* Copies byteCount bytes of packed pixels from the start of row (0 = first
+ * stored row) into buffer; a count may run on into the following rows, not
+ * past the end of the storage.  Compressed 1-bit rows read as packed rows.
+ * Returns: the number of bytes moved (>= 0), RESULT_NO_BITMAP,
+ * RESULT_BAD_PARAMETER (null buffer, negative count, past the end),
+ * RESULT_FAIL (super-compressed storage), row I/O errors.
+ * See also: V_GetBitmapRowCol, V_PutBitmapRow. */
 VK_API int32_t VK_CALL V_GetBitmapRow(BitmapHandle* bitmap, void* buffer, uint32_t row, int32_t byteCount);
+/* Stores byteCount bytes from buffer at the start of row; as
+ * V_GetBitmapRow, and RESULT_FAIL also when compressed rows find no room. */
 VK_API int32_t VK_CALL V_PutBitmapRow(BitmapHandle* bitmap, const void* buffer, uint32_t row, int32_t byteCount);
+/* As V_GetBitmapRow from pixel column (>= 0) of row; compressed rows start
+ * at column rounded down to a multiple of 8. */
 VK_API int32_t VK_CALL V_GetBitmapRowCol(BitmapHandle* bitmap, void* buffer, uint32_t row, int32_t column, int32_t byteCount);
+/* As V_PutBitmapRow from pixel column (>= 0) of row. */
 VK_API int32_t VK_CALL V_PutBitmapRowCol(BitmapHandle* bitmap, const void* buffer, uint32_t row, int32_t column, int32_t byteCount);
 
 /* ---- core/: compressed 1-bit rows --------------------------------------- */
@@ -417,58 +566,163 @@ VK_API int32_t VK_CALL V_PutBitmapRowCol(BitmapHandle* bitmap, const void* buffe
  * back to back.  These calls get no lengths: the caller sizes every area
  * as stated and passes records that hold the counts they claim. */
 
+/* Encodes pixelCount pixels of packedRow from startColumn into outRecord
+ * (room: 4 + 2 * (pixelCount + (startColumn & 7) + 2) bytes).
+ * Returns: pixelCount, RESULT_BAD_PARAMETER (null, negative).
+ * See also: V_ExpandRow. */
 VK_API int32_t VK_CALL V_CompressRow(void* outRecord, uint8_t* packedRow, int32_t startColumn, int32_t pixelCount);
+/* Encodes rowCount packed rows of width pixels (4-byte row stride) into
+ * outBlock (room: rowCount * (4 + 2 * (width + 2)) bytes).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_CompressRows(void* outBlock, const uint8_t* packedRows, int32_t width, int32_t rowCount);
+/* Decodes pixelCount pixels of record from startColumn into packedOut
+ * ((pixelCount + 7) / 8 bytes).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_ExpandRow(const void* record, uint8_t* packedOut, int32_t startColumn, int32_t pixelCount);
+/* Decodes rowCount records of block into packed rows of width pixels
+ * (4-byte row stride).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_ExpandRows(const void* block, uint8_t* packedOut, int32_t width, int32_t rowCount);
+/* Mirrors every row of srcBlock left to right into dstBlock (room: the
+ * source's length + 2 bytes per row; the blocks must not overlap).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER.
+ * See also: V_FlipCompressedBuffer. */
 VK_API int32_t VK_CALL V_MirrorCompressedBuffer(const void* srcBlock, void* dstBlock, int32_t rowCount);
+/* Copies the rowCount records of srcBlock into dstBlock in reverse row
+ * order (same length; no overlap).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_FlipCompressedBuffer(const void* srcBlock, void* dstBlock, int32_t rowCount);
+/* Rebuilds a bitmap's storage as packed rows (mode 0) or compressed rows
+ * (mode 1; 1-bit bitmaps only); mode 2 (super-compressed) is not
+ * available.  Rows are copied with the copy status callback.
+ * Returns: RESULT_OK (also when already in that form), RESULT_NO_BITMAP,
+ * RESULT_BAD_PARAMETER (mode), RESULT_FAIL, RESULT_WRITE_FAILED, row I/O
+ * errors, the copy status callback's value.
+ * See also: V_ToggleBitmapCompression. */
 VK_API int32_t VK_CALL V_ChangeBitmapCompression(BitmapHandle* bitmap, int32_t mode);
+/* Switches a 1-bit bitmap between packed and compressed rows.
+ * Returns: as V_ChangeBitmapCompression; RESULT_NO_BITMAP also for other
+ * depths. */
 VK_API int32_t VK_CALL V_ToggleBitmapCompression(BitmapHandle* bitmap);
+/* Makes room for bytes more in a compressed bitmap's row heap (Size
+ * follows).
+ * Returns: 1 when the heap grew, 0 when it had room or could not grow,
+ * RESULT_BAD_PARAMETER (not compressed storage).
+ * See also: V_TrimBitmapHeap. */
 VK_API int32_t VK_CALL V_GrowBitmapHeap(BitmapHandle* bitmap, uint32_t bytes);
+/* Gives back the free space at the end of the row heap but 128 bytes.
+ * Returns: 1 when the heap shrank, else 0; RESULT_BAD_PARAMETER (not
+ * compressed storage). */
 VK_API int32_t VK_CALL V_TrimBitmapHeap(BitmapHandle* bitmap);
 
 /* ---- core/: file layer --------------------------------------------------- */
 
+/* Creates (or empties) the file name.  mode: VK_CREAT_ bits (read-only,
+ * hidden, system, deleted on close).
+ * Returns: the file, or -1.  See also: V_OsClose. */
 VK_API VK_FILE VK_CALL V_OsCreat(const char* name, int32_t mode);
+/* Opens name.  openFlags: VK_O_RDONLY / WRONLY / RDWR, with VK_O_CREAT
+ * (create or empty) or VK_O_TRUNC (empty an existing file); permission:
+ * VK_S_IREAD / VK_S_IWRITE, how others may share it.  The last word is
+ * unused (it carries the redirection table's user data).
+ * Returns: the file, or -1. */
 VK_API VK_FILE VK_CALL V_OsOpen(const char* name, int32_t openFlags, int32_t permission, intptr_t unused);
+/* Reads up to count bytes.  Returns: the bytes read, or -1. */
 VK_API int32_t VK_CALL V_OsRead(VK_FILE file, void* buffer, int32_t count, intptr_t unused);
+/* Writes count bytes; a count of 0 cuts the file at the current position.
+ * Returns: the bytes written, or -1. */
 VK_API int32_t VK_CALL V_OsWrite(VK_FILE file, const void* buffer, int32_t count, intptr_t unused);
+/* Moves to offset from origin (VK_SEEK_SET / CUR / END).
+ * Returns: the new position, or -1. */
 VK_API int32_t VK_CALL V_OsSeek(VK_FILE file, int32_t offset, int32_t origin, intptr_t unused);
+/* Closes file.  Returns: 0, or -1. */
 VK_API int32_t VK_CALL V_OsClose(VK_FILE file, intptr_t unused);
+/* Deletes the file name.  Returns: 0, or -1. */
 VK_API int32_t VK_CALL V_OsDelete(const char* name);
+/* Creates an empty file with a new name ("VQxxxx.TMP") in the thread's
+ * temp directory and writes its path into buffer (VK_MAX_PATH bytes); an
+ * empty name when that fails.  The caller deletes the file (V_OsDelete).
+ * Returns: 0, RESULT_BAD_PARAMETER (null buffer).
+ * See also: V_SetTempDirectory. */
 VK_API int32_t VK_CALL V_OsGetTempName(char* buffer);
 
 /* ---- core/: I/O redirection (per thread) -------------------------------- */
 
+/* Installs the calling thread's five file callbacks, all with the same
+ * userData; a null callback restores its V_Os call.  Callbacks are
+ * borrowed while installed.
+ * See also: V_FilterIO, V_Redirected*. */
 VK_API void    VK_CALL V_RedirectIO(VK_OPENPROC openProc, VK_READPROC readProc, VK_WRITEPROC writeProc,
                                     VK_SEEKPROC seekProc, VK_CLOSEPROC closeProc, intptr_t userData);
+/* The calling thread's file callbacks, called with their user data.
+ * Returns: what the callback returns (the V_Os calls: -1 on failure). */
 VK_API VK_FILE VK_CALL V_RedirectedOpen(const char* name, int32_t openFlags, int32_t permission);
 VK_API int32_t VK_CALL V_RedirectedRead(VK_FILE file, void* buffer, int32_t count);
 VK_API int32_t VK_CALL V_RedirectedWrite(VK_FILE file, const void* buffer, int32_t count);
 VK_API int32_t VK_CALL V_RedirectedSeek(VK_FILE file, int32_t offset, int32_t origin);
 VK_API int32_t VK_CALL V_RedirectedClose(VK_FILE file);
+/* Exchanges entries of the thread's redirection table, for a filter that
+ * wraps the callbacks in place: through every non-null pointer the current
+ * entry comes back and the value passed in replaces it (a null callback
+ * passed in leaves the entry as it is; data words are always exchanged). */
 VK_API void    VK_CALL V_FilterIO(VK_OPENPROC* openProc, VK_READPROC* readProc, VK_WRITEPROC* writeProc,
                                   VK_SEEKPROC* seekProc, VK_CLOSEPROC* closeProc,
                                   intptr_t* openData, intptr_t* readData, intptr_t* writeData,
                                   intptr_t* seekData, intptr_t* closeData);
+/* The five user-data words of the thread's table; each pointer optional. */
 VK_API void    VK_CALL V_GetFilterIOData(intptr_t* openData, intptr_t* readData, intptr_t* writeData,
                                          intptr_t* seekData, intptr_t* closeData);
+/* Redirects the thread's file calls into a memory buffer until
+ * V_StopRedirectToBuffer.  buffer: bufferSize bytes, or null; with
+ * REDIRECT_GROW or REDIRECT_SHRINK it must be a V_Os block (it is
+ * reallocated).  redirectFlags: REDIRECT_ bits; READ_ONLY or HAS_DATA
+ * means buffer already holds bufferSize bytes of data.  *context receives
+ * the library-owned context; *file (optional) the pseudo handle
+ * REDIRECT_HANDLE.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null context), RESULT_FAIL. */
 VK_API int32_t VK_CALL V_StartRedirectToBuffer(BufferRedirect** context, VK_FILE* file, uint32_t redirectFlags,
                                                void* buffer, uint32_t bufferSize);
+/* Puts back the table V_StartRedirectToBuffer replaced (stops come in the
+ * reverse order of starts) and frees context.  *buffer receives the block,
+ * which the caller owns from here on (V_OsFree if the library made it);
+ * *length the bytes of data.  Both pointers optional.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null context). */
 VK_API int32_t VK_CALL V_StopRedirectToBuffer(BufferRedirect* context, void** buffer, uint32_t* length);
 
 /* ---- core/: bitmap lists -------------------------------------------------- */
 /* A list holds records by value and owns the storage they describe. */
 
+/* Makes an empty list in *list; destroy it with V_DestroyBitmapList.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL. */
 VK_API int32_t VK_CALL V_CreateBitmapList(BitmapList* list);
+/* Frees every item's bitmap (V_FreeBitmap) and the list.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (not a list). */
 VK_API int32_t VK_CALL V_DestroyBitmapList(BitmapList list);
+/* *count receives the number of items.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_GetBitmapListCount(BitmapList list, uint32_t* count);
+/* Copies item index into *bitmap; the list still owns its storage.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index, null). */
 VK_API int32_t VK_CALL V_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
+/* Overwrites item index with *bitmap (null: a blank record); the old
+ * item's storage is not freed, the list owns the new one's.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index). */
 VK_API int32_t VK_CALL V_SetBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
+/* Inserts *bitmap (null: a blank record) before item index (past the end:
+ * appended); the list takes over its storage.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL. */
 VK_API int32_t VK_CALL V_InsertBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
+/* Removes item index; *bitmap (optional) receives it and the caller then
+ * owns its storage.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index). */
 VK_API int32_t VK_CALL V_RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
+/* Removes and frees count items from index (fewer at the end).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index, count 0). */
 VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, uint32_t count);
+/* Moves count items from index (fewer at the end) into a new list in
+ * *newList, which owns them from then on.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL.
+ * See also: V_CopyBitmapListItems. */
 VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
 
 /* ===================================================================== */
