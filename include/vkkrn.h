@@ -739,10 +739,24 @@ typedef int32_t (VK_CALL* VK_SCALEREGIONHOOK)(BitmapHandle* bitmap, int32_t widt
 typedef int32_t (VK_CALL* VK_ROTATEREGIONHOOK)(BitmapHandle* bitmap, int32_t oldWidth, int32_t oldHeight, int32_t angle); /* entry 13 */
 typedef int32_t (VK_CALL* VK_PIXELPOSHOOK)(BitmapHandle* bitmap, int32_t row, int32_t column);                    /* entry 17 */
 
+/* Installs all 20 entries of table (copied; the hooks stay borrowed).
+ * Entry 1 set marks the table as present.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null table).
+ * See also: V_GetDisDispatch, VK_REGIONHOOK, VK_PIXELPOSHOOK. */
 VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table);
+/* Copies the 20 entries into tableOut.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_NOT_SET (no
+ * table: entry 1 unset; nothing written). */
 VK_API int32_t VK_CALL V_GetDisDispatch(VK_DISPATCHPROC* tableOut);
+/* The reset the library runs when it is loaded: the entries are cleared
+ * only while no table was ever installed, so a display module's table
+ * survives.  Returns: RESULT_OK. */
 VK_API int32_t VK_CALL V_ResetDisDispatch(void);
+/* Stores the file module's word *value (0 means unset).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value);
+/* *valueOut receives the file module's word.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_NOT_SET. */
 VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
 
 /* ===================================================================== */
@@ -765,72 +779,207 @@ VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
  * VKP_DeletePalette (vkkrn_platform.h), or attach it to a bitmap, whose
  * V_FreeBitmap frees it. */
 
+/* A platform palette of count (1..256) entries copied from entries.
+ * Returns: the palette, or null (bad arguments, no memory). */
 VK_API VK_HPALETTE VK_CALL V_CreatePalette(const RGBQUAD* entries, int32_t count);
+/* Returns: the number of entries of palette; 0 for null. */
 VK_API int32_t     VK_CALL V_GetPaletteSize(VK_HPALETTE palette);
+/* Copies up to count entries (at most 256) from start into out.
+ * Returns: the entries copied; 0 for bad arguments. */
 VK_API int32_t     VK_CALL V_GetPaletteEntries(VK_HPALETTE palette, int32_t start, int32_t count, RGBQUAD* out);
+/* Sets up to count entries (at most 256) from start.
+ * Returns: the entries set; 0 for bad arguments. */
 VK_API int32_t     VK_CALL V_SetPaletteEntries(VK_HPALETTE palette, int32_t start, int32_t count, const RGBQUAD* entries);
+/* A palette of the screen's system colours.
+ * Returns: the palette, or null when the screen has none. */
 VK_API VK_HPALETTE VK_CALL V_CreateSystemPalette(void);
+/* A new palette with the entries of palette.  Returns: it, or null. */
 VK_API VK_HPALETTE VK_CALL V_DupPalette(VK_HPALETTE palette);
+/* The gray ramp of 2^bits entries (entry i = i * 255 / (2^bits - 1)); bits
+ * 0 means 8.  Returns: the palette, or null (bits outside 0..8). */
 VK_API VK_HPALETTE VK_CALL V_CreateGrayPalette(int32_t bits);
+/* The fixed palette of bits (1..8; 0 means 1).  Returns: it, or null. */
 VK_API VK_HPALETTE VK_CALL V_CreateFixedPalette(int32_t bits);
+/* The library's constant fixed palette of 2^bits entries (bits 1..8), or
+ * null.  Owned by the library: never freed.
+ * See also: V_GetFixedPalette. */
 VK_API const RGBQUAD* VK_CALL V_IntGetFixedPalette(int32_t bits);
+/* Copies the fixed palette of bits (1..8) into out (2^bits entries); bits
+ * 0 gives the 256-entry gray ramp.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t     VK_CALL V_GetFixedPalette(RGBQUAD* out, int32_t bits);
 
 /* ---- color/: bitmap palettes ----------------------------------------------- */
 /* A bitmap's palette is a platform palette or, with PALETTE_IS_TABLE, an
  * owned V_Os table; the record owns it (freed by V_FreeBitmap). */
 
+/* Gives bitmap a new palette of count entries (in its current form) and
+ * sets ColorCount.  The palette held before is not freed (its owner may be
+ * elsewhere); Palette is null when the new one cannot be made.
+ * See also: V_PutBitmapColors, V_SetBitmapPalette. */
 VK_API void        VK_CALL V_CreateBitmapPalette(BitmapHandle* bitmap, const RGBQUAD* entries, int32_t count);
+/* Copies up to count palette entries from start into out.
+ * Returns: the entries copied; 0 when there is nothing to read. */
 VK_API int32_t     VK_CALL V_GetBitmapPaletteEntries(BitmapHandle* bitmap, int32_t start, int32_t count, RGBQUAD* out);
+/* As V_GetBitmapPaletteEntries for bitmaps of up to 8 bits, all count
+ * entries or a failure.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (null), RESULT_BAD_PARAMETER
+ * (count < 1, deeper bitmap, fewer entries). */
 VK_API int32_t     VK_CALL V_GetBitmapColors(BitmapHandle* bitmap, int32_t start, int32_t count, RGBQUAD* out);
+/* Replaces count entries from start (within ColorCount) of a bitmap of up
+ * to 8 bits; the new palette is made first, then the old one is freed.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER, RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_PutBitmapColors(BitmapHandle* bitmap, int32_t start, int32_t count, const RGBQUAD* entries);
+/* Replaces (and frees) the palette with the gray ramp of the bitmap's
+ * depth (1..8 bits).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null),
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_CreateBitmapGrayPalette(BitmapHandle* bitmap);
+/* Gives bitmap the fixed palette of ColorCount (2..256, a power of two)
+ * entries; the palette held before is not freed.
+ * Returns: RESULT_OK, 0 (ColorCount not such a count),
+ * RESULT_BAD_PARAMETER (null), RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_CreateBitmapFixedPalette(BitmapHandle* bitmap);
+/* A platform palette with the bitmap's entries (either form); the caller
+ * owns it.  Returns: it, or null (no palette, no memory). */
 VK_API VK_HPALETTE VK_CALL V_DupBitmapPalette(BitmapHandle* bitmap);
+/* Gives destination its own copy of source's palette (same form) and
+ * ColorCount; destination's palette before is not freed.  A source
+ * without a palette leaves destination with none.
+ * Returns: RESULT_OK, 0 (no memory; destination unchanged),
+ * RESULT_BAD_PARAMETER (null). */
 VK_API int32_t     VK_CALL V_CopyBitmapPalette(BitmapHandle* destination, BitmapHandle* source);
+/* Compares the first count (at most 256) entries' colours with entries
+ * (reserved bytes ignored).
+ * Returns: 1 when equal (also for count <= 0 or no readable palette),
+ * else 0 (also for a null bitmap). */
 VK_API int32_t     VK_CALL V_CompareBitmapToPalette(BitmapHandle* bitmap, const RGBQUAD* entries, int32_t count);
+/* Replaces (and frees) the bitmap's palette with a copy of palette (2..256
+ * entries; borrowed) in platform form.  A copy that cannot be made leaves
+ * Palette null.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (null), RESULT_BAD_PARAMETER. */
 VK_API int32_t     VK_CALL V_SetBitmapPalette(BitmapHandle* bitmap, VK_HPALETTE palette);
+/* Converts the bitmap's palette in place: type 0 a platform palette,
+ * non-zero an owned table (PALETTE_IS_TABLE).
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_SetPaletteType(BitmapHandle* bitmap, int32_t type);
+/* Returns: the palette index nearest to color (the platform's rule); 0
+ * when the bitmap has no palette.  See also: V_FindPaletteIndex. */
 VK_API uint32_t    VK_CALL V_GetNearestPaletteIndex(BitmapHandle* bitmap, VK_COLORREF color);
 
 /* ---- color/: bitmap creation -------------------------------------------------- */
 
+/* V_InitBitmap, V_AllocateBitmap and a palette in one call.  bitsPerPixel
+ * 0 makes 8-bit pixels with a gray palette; other depths of up to 8 bits
+ * get a copy of palette (2^bits entries; borrowed) or, when it is null,
+ * the fixed palette.  order: kept for deeper pixels (ORDER_BGR_ALT only
+ * for 24 and 48 bits).  TYPE_USER with data: V_SetBitmapDataPointer(data,
+ * dataSize).  Free the bitmap with V_FreeBitmap (also after a refused
+ * data pointer: the storage stays).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_BAD_BITS_PER_PIXEL,
+ * RESULT_BAD_AREA, RESULT_WRITE_FAILED, RESULT_FAIL. */
 VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, int32_t width, int32_t height,
                                       int32_t bitsPerPixel, int32_t order, const RGBQUAD* palette,
                                       int32_t viewPerspective, void* data, uint32_t dataSize);
 
 /* ---- color/: gray parameters ---------------------------------------------------- */
 
+/* The significant bits of a gray sample of bits bits: lowBit .. highBit
+ * (lowBit below 0 means 0, highBit below 0 means bits - 1), keeping at
+ * most maxBits of the top ones.  *count, *mask, *shift (each optional)
+ * receive how many bits, their mask and the right shift that brings them
+ * down.  Returns: RESULT_OK, RESULT_BAD_PARAMETER (no bits). */
 VK_API int32_t VK_CALL V_GetGrayParams(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit,
                                        int32_t* count, uint32_t* mask, int32_t* shift);
+/* Resets LowBit, HighBit, MinValue and MaxValue to the whole sample; the
+ * gray lookup table and BITMAP_GRAY_FLAG stay.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
+/* Copies the bit range, value range, BITMAP_GRAY_FLAG and the lookup table
+ * (a new V_Os block that destination owns); destination's table before is
+ * not freed.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL (no memory;
+ * destination unchanged). */
 VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
 
 /* ---- color/: row conversion ------------------------------------------------------- */
 
+/* Converts width pixels of buffer in place from srcBits to dstBits.
+ * Depths: 0 (8-bit gray level), 1-8 (palette index), 12 and 16 (gray
+ * samples with ORDER_GRAY; 16 is also 5-5-5 colour), 24, 32, 48, 64.
+ * Orders: ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_BGR_ALT (24 and 48
+ * bits).  buffer: room for the larger row (V_CalcConvertSize).
+ * srcPalette / dstPalette: palettes of index pixels (null: the fixed
+ * palette), a 12-bit source's gray lookup table; borrowed.  flags:
+ * CONVERT_ bits; one side's BITRANGE takes lowBit .. highBit as the
+ * significant bits of its gray samples.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (nothing changed; width 0).
+ * See also: V_ConvertBuffer, V_GetGrayParams. */
 VK_API int32_t  VK_CALL V_ConvertBufferExt(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t dstBits,
                                            int32_t srcOrder, int32_t dstOrder, const RGBQUAD* srcPalette,
                                            const RGBQUAD* dstPalette, uint32_t flags, int32_t lowBit, int32_t highBit);
+/* V_ConvertBufferExt with the gray flags taken from the orders and no bit
+ * range.  Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t  VK_CALL V_ConvertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t dstBits,
                                         int32_t srcOrder, int32_t dstOrder, const RGBQUAD* srcPalette,
                                         const RGBQUAD* dstPalette);
+/* Returns: the bytes a buffer needs to convert width1 pixels of bits1 to
+ * width2 pixels of bits2 in place (depth 0 counts as 8 bits). */
 VK_API uint32_t VK_CALL V_CalcConvertSize(int32_t width1, int32_t bits1, int32_t width2, int32_t bits2);
 
 /* ---- color/: grayscale -------------------------------------------------------------- */
 
+/* Classifies count palette entries.
+ * Returns: 0 not all gray; 1 an even ramp rising from black; 2 one falling
+ * from white; 3 gray but no such ramp (one entry: 1 black, 2 white, 3
+ * other); RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_IsGrayScalePalette(const RGBQUAD* entries, int32_t count);
+/* Returns: for ORDER_GRAY bitmaps 1, or 0 when their gray lookup table in
+ * force holds a colour; for palette bitmaps what V_IsGrayScalePalette says
+ * of the palette; 0 for other bitmaps; RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_IsGrayScaleBitmap(BitmapHandle* bitmap);
+/* Converts the bitmap in place to bits (8 with a gray palette, 12 or 16
+ * with ORDER_GRAY) gray pixels in new storage of the default memory type;
+ * the old storage is freed on success.  Row loop.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER,
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_AREA, RESULT_FAIL, row I/O errors,
+ * the status callback's value.
+ * See also: V_SetDefaultMemoryType. */
 VK_API int32_t VK_CALL V_GrayScaleBitmap(BitmapHandle* bitmap, int32_t bits);
 
 /* ---- color/: pixel access --------------------------------------------------------------- */
 /* row 0 is the first stored row.  Colour values: 0x00BBGGRR,
  * COLOR_PALETTE_INDEX | index, COLOR_GRAY16 | 16-bit level. */
 
+/* Returns: the colour of the pixel: RGB for palette and colour pixels;
+ * COLOR_GRAY16 | level for gray samples (RGB from the lookup table when
+ * one is in force); COLOR_INVALID outside the bitmap, without storage or
+ * when the read fails. */
 VK_API uint32_t VK_CALL V_GetPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column);
+/* Stores color at the pixel: palette pixels take the nearest entry (or
+ * the index form's index), gray samples the level (or the index form as a
+ * raw sample).  A display hook (dispatch entry 17) may refuse the
+ * position.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_AREA (outside),
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_PARAMETER (index form for colour
+ * pixels), RESULT_FAIL, row I/O errors. */
 VK_API int32_t  VK_CALL V_PutPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column, uint32_t color);
+/* Copies the bytes that hold the pixel (with its neighbours below 8 bits;
+ * the whole byte at 1 bit) into buffer of bufferSize bytes.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (also null buffer), RESULT_BAD_AREA,
+ * RESULT_BAD_PARAMETER (buffer too small), RESULT_FAIL (read failed). */
 VK_API int32_t  VK_CALL V_GetPixelData(BitmapHandle* bitmap, void* buffer, int32_t row, int32_t column, int32_t bufferSize);
+/* Writes those bytes back from buffer; as V_GetPixelData. */
 VK_API int32_t  VK_CALL V_PutPixelData(BitmapHandle* bitmap, const void* buffer, int32_t row, int32_t column, int32_t bufferSize);
+/* Returns: the value that names source's colour value color in
+ * destination's terms: the nearest palette index form for palette
+ * destinations, RGB for colour ones; a COLOR_GRAY16 value stays one for
+ * gray destinations (an index form when their lookup table is in force);
+ * color itself when destination is null. */
 VK_API uint32_t VK_CALL V_TranslateBitmapColor(BitmapHandle* destination, BitmapHandle* source, uint32_t color);
+/* Copies the playback values and flags; the playback colours are
+ * translated into destination's terms (V_TranslateBitmapColor).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source);
 
 /* ===================================================================== */
