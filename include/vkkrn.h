@@ -1019,21 +1019,54 @@ typedef int32_t (VK_CALL* ColorResListRowCallback)(BitmapHandle* destination, ui
 /* A match table has 32768 cells, one per 5-5-5 colour (red * 1024 +
  * green * 32 + blue), each palette index + 1 (0: not resolved yet). */
 
+/* Returns: the index of the entry of palette (colors entries) nearest to
+ * red, green, blue (exact black and white are found first); 0 for a null
+ * palette, 0xFFFFFFFF for no entries. */
 VK_API uint32_t  VK_CALL V_FindPaletteIndex(const RGBQUAD* palette, uint32_t colors, int32_t red, int32_t green, int32_t blue);
+/* A match table for palette (colors entries), every cell resolved; the
+ * caller owns it (V_FreeUserMatchTable).  Returns: it, or null. */
 VK_API uint32_t* VK_CALL V_CreateUserMatchTable(const RGBQUAD* palette, uint32_t colors);
+/* Frees a table of V_CreateUserMatchTable; null is ignored.
+ * Returns: RESULT_OK. */
 VK_API int32_t   VK_CALL V_FreeUserMatchTable(uint32_t* table);
+/* Installs table (null: none) as the calling thread's user match table
+ * (RESOLVE_USER_TABLE); borrowed while installed, and dithering fills its
+ * unresolved cells.  Returns: the table installed before, which the
+ * library never frees. */
 VK_API uint32_t* VK_CALL V_SetUserMatchTable(uint32_t* table);
 
 /* ---- reduce/: dithering ------------------------------------------------------ */
 
+/* Prepares dithering of the bitmap's rows (any depth) into outputBits-bit
+ * palette indices with the bitmap's DitheringMethod.  palette: colors
+ * (1..256) entries, copied (null: the fixed palette); entries whose
+ * reserved byte has bit 0 or 1 set are not chosen through a match table.
+ * userMatchTable (optional): a caller's table, borrowed until
+ * V_StopDithering and filled as colours resolve.  The state hangs off
+ * DitherState (a state already there is not freed).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL. */
 VK_API int32_t VK_CALL V_StartDitheringExt(BitmapHandle* bitmap, const RGBQUAD* palette, int32_t colors,
                                            int32_t outputBits, uint32_t* userMatchTable);
+/* V_StartDitheringExt with the smallest depth that holds colors entries
+ * and no user table.  Returns: as V_StartDitheringExt. */
 VK_API int32_t VK_CALL V_StartDithering(BitmapHandle* bitmap, const RGBQUAD* palette, int32_t colors);
+/* Dithers the next row: inputRow in the bitmap's format, outputRow
+ * receives the packed indices.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null, not started). */
 VK_API int32_t VK_CALL V_DitherLine(BitmapHandle* bitmap, uint8_t* inputRow, uint8_t* outputRow);
+/* Frees the dithering state (a caller's match table stays the caller's).
+ * Returns: RESULT_OK (also when none), RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_StopDithering(BitmapHandle* bitmap);
 
 /* ---- reduce/: colour count ------------------------------------------------------ */
 
+/* Counts the distinct colours of a bitmap.  colours (optional): in *count
+ * its capacity; it receives the colours found, and the scan stops once
+ * one more than that is found.  *count receives the number found.  Row
+ * loop.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER,
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL, row I/O errors, the status
+ * callback's value. */
 VK_API int32_t VK_CALL V_GetBitmapColorCountExt(BitmapHandle* bitmap, uint32_t* count, RGBQUAD* colours);
 
 /* ---- reduce/: optimised palettes ------------------------------------------------ */
@@ -1042,20 +1075,50 @@ VK_API int32_t VK_CALL V_GetBitmapColorCountExt(BitmapHandle* bitmap, uint32_t* 
  * uses) and for every bitmap of a list.  *colors: in entries wanted, out
  * entries produced.  *table (optional) receives a 32768-cell match table
  * (palette position + 1 per cell) that the caller frees with V_Free.
- * *needsDither is 0 when the palette holds the source's colours exactly. */
+ * *needsDither is 0 when the palette holds the source's colours exactly.
+ * palette: room for *colors entries.  fewPopular non-zero lets dominant
+ * colours take entries of their own in small palettes too.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER,
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL, RESULT_SEEK_FAILED,
+ * RESULT_READ_FAILED.
+ * See also: V_ColorResBitmap. */
 VK_API int32_t VK_CALL V_CreateOptimizedPalette(BitmapHandle* bitmap, RGBQUAD* palette, uint32_t* colors,
                                                 uint32_t** table, int32_t* needsDither, int32_t fewPopular);
+/* As above over every item of list; RESULT_NO_BITMAP also for an empty
+ * list, RESULT_BAD_PARAMETER for a bad list or item. */
 VK_API int32_t VK_CALL V_CreateBitmapListOptPal(BitmapList list, RGBQUAD* palette, uint32_t* colors,
                                                 uint32_t** table, int32_t* needsDither, int32_t fewPopular);
 
 /* ---- reduce/: colour resolution ---------------------------------------------------- */
 
+/* Makes a bitsPerPixel (1-8, 12, 16, 24, 32, 48, 64) copy of source.
+ * destination: receives the new bitmap (what it held is not freed unless
+ * it is source, whose old storage then goes); null: rows only reach
+ * rowCallback.  flags, up to 8 bits: RESOLVE_OPTIMISED (with
+ * KEEP_SYSTEM_COLOURS, NO_OPTIMISER_TABLE, FEW_POPULAR), RESOLVE_FIXED,
+ * RESOLVE_CUBE (8 bits), RESOLVE_USER_PALETTE (+ RESOLVE_USER_TABLE: the
+ * thread's match table); deeper: RESOLVE_BGR, RESOLVE_GRAY or
+ * RESOLVE_ORDER5 pick the order.  palette or paletteHandle (not both;
+ * borrowed): the caller's entries; reserved byte 2 marks an entry the
+ * optimiser fills.  colors: entries wanted (0: 2^bits).  rowCallback: each
+ * finished row; a result other than RESULT_OK stops and is returned.
+ * Dithering follows source's DitheringMethod.  Row loop.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (also a source without
+ * storage), RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_AREA, RESULT_FAIL, row
+ * I/O errors, a callback's value. */
 VK_API int32_t VK_CALL V_ColorResBitmap(BitmapHandle* source, BitmapHandle* destination, int32_t bitsPerPixel,
                                         uint32_t flags, const RGBQUAD* palette, VK_HPALETTE paletteHandle,
                                         int32_t colors, ColorResRowCallback rowCallback, intptr_t userData);
+/* V_ColorResBitmap on every item of list in place; an optimised palette
+ * is made once for the whole list, and its chosen colours are written into
+ * palette's free entries.  rowCallback gets the item and row numbers.
+ * Items before a failing one stay converted.
+ * Returns: as V_ColorResBitmap; RESULT_NO_BITMAP for an empty list with an
+ * optimised palette. */
 VK_API int32_t VK_CALL V_ColorResBitmapListExt(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
                                                RGBQUAD* palette, VK_HPALETTE paletteHandle, int32_t colors,
                                                ColorResListRowCallback rowCallback, intptr_t userData);
+/* V_ColorResBitmapListExt without a row callback. */
 VK_API int32_t VK_CALL V_ColorResBitmapList(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
                                             RGBQUAD* palette, VK_HPALETTE paletteHandle, int32_t colors);
 
@@ -1068,13 +1131,41 @@ VK_API int32_t VK_CALL V_ColorResBitmapList(BitmapList list, int32_t bitsPerPixe
 #define DUP_OWN_PALETTE  2u
 #define DUP_OWN_REGION   4u
 
+/* Makes in *destination a record like source (order, resolutions, view,
+ * playback values, palette, region) with new dimensions; no pixels are
+ * copied.  dupFlags: DUP_ALLOCATE gives it storage of source's kind;
+ * DUP_OWN_PALETTE its own palette copy, else source's is shared;
+ * DUP_OWN_REGION its own region (dispatch entry 2), else shared.  Release
+ * it with V_FreeDuplicateBitmap and the same flags.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (destination
+ * is source), RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_AREA,
+ * RESULT_WRITE_FAILED, RESULT_FAIL, the region hook's result. */
 VK_API int32_t VK_CALL V_DupBitmapNewDim(BitmapHandle* destination, BitmapHandle* source, int32_t width,
                                          int32_t height, int32_t bitsPerPixel, uint32_t dupFlags);
+/* Frees what a duplicate made with dupFlags owns; shared palette and
+ * region are only let go.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_FreeDuplicateBitmap(BitmapHandle* bitmap, uint32_t dupFlags);
+/* Copies every row of source into destination; both have storage and the
+ * same width, height, depth and row size.  Reports to the copy status
+ * callback.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER, RESULT_FAIL,
+ * row I/O errors, the copy status callback's value. */
 VK_API int32_t VK_CALL V_CopyBitmapData(BitmapHandle* destination, BitmapHandle* source);
+/* A whole copy of source in *destination: storage of the same kind, its
+ * own palette and region, every row.  What destination held is not freed;
+ * free the copy with V_FreeBitmap.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (source without storage), and
+ * what V_DupBitmapNewDim and V_CopyBitmapData return. */
 VK_API int32_t VK_CALL V_CopyBitmap(BitmapHandle* destination, BitmapHandle* source);
+/* As V_CopyBitmap with storage of memoryType (see V_AllocateBitmap). */
 VK_API int32_t VK_CALL V_CopyBitmap2(BitmapHandle* destination, BitmapHandle* source, int32_t memoryType);
 
+/* Copies count items from index (fewer at the end) with V_CopyBitmap into
+ * a new list in *newList; the source list is unchanged.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL, and what
+ * V_CopyBitmap returns.
+ * See also: V_MoveBitmapListItems. */
 VK_API int32_t VK_CALL V_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
 
 #ifdef __cplusplus
