@@ -342,8 +342,9 @@ VK_API StatusCallback VK_CALL V_SetCopyStatusCallBack(StatusCallback callback, i
 VK_API StatusCallback VK_CALL V_GetCopyStatusCallBack(intptr_t* userData);
 
 /* ---- core/: allocators ------------------------------------------------- */
-/* Every block the library hands out comes from one of these two families
- * and goes back to the same family.  Both can fail (null result). */
+/* Blocks the library hands to the caller (tables, buffers) come from one
+ * of these two families; free each with its own family.  Both can fail
+ * (null result). */
 
 /* A heap block of size bytes (0 gives a 1-byte block); free with V_Free.
  * Returns: the block, or null. */
@@ -547,7 +548,7 @@ VK_API int32_t VK_CALL V_GetTempDirectory(char* buffer, int32_t bufferSize);
  * stored row) into buffer; a count may run on into the following rows, not
  * past the end of the storage.  Compressed 1-bit rows read as packed rows.
  * Returns: the number of bytes moved (>= 0), RESULT_NO_BITMAP,
- * RESULT_BAD_PARAMETER (null buffer, negative count, past the end),
+ * RESULT_BAD_PARAMETER (null argument, negative count, past the end),
  * RESULT_FAIL (super-compressed storage), row I/O errors.
  * See also: V_GetBitmapRowCol, V_PutBitmapRow. */
 VK_API int32_t VK_CALL V_GetBitmapRow(BitmapHandle* bitmap, void* buffer, uint32_t row, int32_t byteCount);
@@ -748,9 +749,9 @@ VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table);
  * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_NOT_SET (no
  * table: entry 1 unset; nothing written). */
 VK_API int32_t VK_CALL V_GetDisDispatch(VK_DISPATCHPROC* tableOut);
-/* The reset the library runs when it is loaded: the entries are cleared
- * only while no table was ever installed, so a display module's table
- * survives.  Returns: RESULT_OK. */
+/* Runs the reset the library does when it is loaded: entries are cleared
+ * only by the first reset, before any table is installed, so a display
+ * module's table survives later calls.  Returns: RESULT_OK. */
 VK_API int32_t VK_CALL V_ResetDisDispatch(void);
 /* Stores the file module's word *value (0 means unset).
  * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
