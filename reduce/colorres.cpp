@@ -10,6 +10,7 @@
 
 #include "core.h"
 #include "lookup.h"
+#include "op.h"
 #include "optimize.h"
 #include "palette_tables.h"
 #include "platform.h"
@@ -159,6 +160,11 @@ struct Plan {
   uint32_t count = 0;
   bool dither = true;
   uint32_t* table = nullptr;  // match table handed to the dithering engine
+  uint32_t* own = nullptr;    // the optimiser's table, when it is that one
+  Plan() = default;
+  Plan(const Plan&) = delete;
+  Plan& operator=(const Plan&) = delete;
+  ~Plan() { V_Free(own); }
 };
 
 // A snapshot of a user match table; restores the cells on failure.
@@ -201,8 +207,7 @@ int32_t plan_optimised(Plan& p, BitmapHandle* src, int32_t bits, uint32_t flags,
       V_Free(table);
       table = nullptr;
     }
-    // The caller frees the optimiser's table (it is the plan's only owned one).
-    p.table = table;
+    p.table = p.own = table;
     fill_free(l, colours, produced);
     if (needs == 0 && produced < l.free_count) {
       // The colours are exact and some free entries are unused: drop them
@@ -217,11 +222,6 @@ int32_t plan_optimised(Plan& p, BitmapHandle* src, int32_t bits, uint32_t flags,
   return RESULT_OK;
 }
 
-struct TableOwner {
-  uint32_t* table = nullptr;
-  ~TableOwner() { V_Free(table); }
-};
-
 struct RowJob {
   BitmapHandle* src;  // working copy of the source record
   BitmapHandle* dst;  // the destination being built
@@ -229,7 +229,6 @@ struct RowJob {
   int32_t bits;
   uint32_t flags;
   Plan* plan;
-  const uint32_t* own_table;  // the optimiser's table, if the plan uses it
   ColorResRowCallback callback;
   intptr_t user_data;
 };
@@ -254,7 +253,7 @@ int32_t run_rows(RowJob& j) {
   // The dithering engine writes resolved cells into a user match table; keep
   // a copy so a failed run leaves the caller's table as it was.
   TableGuard table_guard;
-  if (plan.dither && plan.table && plan.table != j.own_table) VK_TRY(table_guard.take(plan.table));
+  if (plan.dither && plan.table && plan.table != plan.own) VK_TRY(table_guard.take(plan.table));
 
   bool dithering = false;
   ScopeExit stop([&] {
@@ -285,9 +284,8 @@ int32_t run_rows(RowJob& j) {
   }
   V_CopyPlaybackParms(&dst, &src);
 
-  Progress progress(src.Height);
-  VK_TRY(progress.start());
-  for (int32_t y = 0; y < src.Height; ++y) {
+  // The last percentage is not reported again after the rows.
+  VK_TRY(op::for_each_row(op::Rows{src.Height, false, false}, [&](int32_t y) {
     const uint32_t row = static_cast<uint32_t>(y);
     if (plan.dither) {
       const int32_t got = V_GetBitmapRow(&src, input.get(), row, static_cast<int32_t>(src.BytesPerLine));
@@ -301,12 +299,10 @@ int32_t run_rows(RowJob& j) {
                                   bits <= 8 ? plan.pal : nullptr, convert_flags, src.LowBit, src.HighBit));
     }
     if (j.callback) VK_TRY(j.callback(&dst, output.get(), 1, j.user_data));
-    if (j.store) {
-      const int32_t put = V_PutBitmapRow(&dst, output.get(), row, static_cast<int32_t>(dst.BytesPerLine));
-      if (put < 0) return put;
-    }
-    VK_TRY(progress.step());
-  }
+    if (!j.store) return int32_t{RESULT_OK};
+    const int32_t put = V_PutBitmapRow(&dst, output.get(), row, static_cast<int32_t>(dst.BytesPerLine));
+    return put < 0 ? put : int32_t{RESULT_OK};
+  }));
   table_guard.commit();
   return RESULT_OK;
 }
@@ -337,14 +333,13 @@ int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, u
   BitmapHandle src;
   std::memcpy(&src, source, sizeof src);
 
-  TempBitmap dst;
+  op::Scratch dst;
   VK_TRY(V_InitBitmap(dst.get(), src.Width, src.Height, bits));
   dst->ViewPerspective = src.ViewPerspective;
   dst->XResolution = src.XResolution;
   dst->YResolution = src.YResolution;
 
   Plan plan;
-  TableOwner optimiser_table;
   if (bits > 8) {
     plan.dither = false;
     dst->Order = order;
@@ -367,7 +362,6 @@ int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, u
         break;
       default:
         VK_TRY(plan_optimised(plan, &src, bits, flags, palette, handle, n));
-        optimiser_table.table = plan.table;
         break;
     }
     if (sel != Selection::optimised) plan.dither = true;
@@ -383,14 +377,12 @@ int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, u
     VK_TRY(V_AllocateBitmap(dst.get(), type));
   }
 
-  RowJob job{&src, dst.get(), destination != nullptr, bits, flags, &plan, optimiser_table.table, callback, user_data};
+  RowJob job{&src, dst.get(), destination != nullptr, bits, flags, &plan, callback, user_data};
   VK_TRY(run_rows(job));
 
-  // Success: commit.
-  if (!destination) return RESULT_OK;  // the temporary bitmap goes with `dst`
-  const BitmapHandle made = dst.release();
-  if (destination == source) V_FreeBitmap(&src);
-  std::memcpy(destination, &made, sizeof made);
+  // Commit; without a destination the temporary bitmap goes with `dst`.  In
+  // place, the old storage is released through the working copy.
+  if (destination) op::hand_over(dst, destination, destination == source ? &src : nullptr);
   return RESULT_OK;
 }
 
