@@ -7,8 +7,8 @@
 // source's row cache back on every way out but the commit; for_each_row runs
 // the rows with the status callback; commit() moves the finished record over
 // the caller's and releases the old storage, hand_over() gives it to a record
-// that holds nothing yet.  Nothing of the caller's record
-// changes before commit(), so every failure leaves it byte for byte as it was.
+// that holds nothing yet.  Nothing of the caller's record changes before the
+// commit, so every failure leaves it byte for byte as it was.
 #pragma once
 
 #include <cstring>
