@@ -1,32 +1,23 @@
 // copy.cpp - copies of whole bitmaps: the row copy between two records that
 // already have storage, and complete copies into new storage.
-#include <cstring>
-
 #include "core.h"
 #include "geometry.h"
+#include "op.h"
 #include "record_copy.h"
 
 namespace vk {
 
-int32_t new_copy_record(BitmapHandle* n, BitmapHandle* src, int32_t width, int32_t height, bool typed,
+int32_t new_copy_record(op::Scratch& n, BitmapHandle* src, int32_t width, int32_t height, bool typed,
                         int32_t memory_type) {
-  std::memset(n, 0, sizeof *n);
   if (!typed)
-    return V_DupBitmapNewDim(n, src, width, height, src->BitsPerPixel, DUP_ALLOCATE | DUP_OWN_PALETTE | DUP_OWN_REGION);
-  VK_TRY(V_DupBitmapNewDim(n, src, width, height, src->BitsPerPixel, DUP_OWN_PALETTE | DUP_OWN_REGION));
-  auto release = [&](int32_t r) {
-    if (n->GrayLut) V_OsFree(n->GrayLut);  // the duplicate's own gray table
-    n->GrayLut = nullptr;
-    V_FreeDuplicateBitmap(n, DUP_OWN_PALETTE | DUP_OWN_REGION);
-    return r;
-  };
+    return V_DupBitmapNewDim(n.get(), src, width, height, src->BitsPerPixel,
+                             DUP_ALLOCATE | DUP_OWN_PALETTE | DUP_OWN_REGION);
+  VK_TRY(V_DupBitmapNewDim(n.get(), src, width, height, src->BitsPerPixel, DUP_OWN_PALETTE | DUP_OWN_REGION));
   if (src->Order == ORDER_GRAY) {
     n->Order = ORDER_GRAY;
-    const int32_t r = V_CopyGrayParams(n, src);
-    if (r != RESULT_OK) return release(r);
+    VK_TRY(V_CopyGrayParams(n.get(), src));
   }
-  const int32_t r = V_AllocateBitmap(n, memory_type);
-  return r == RESULT_OK ? r : release(r);
+  return V_AllocateBitmap(n.get(), memory_type);
 }
 
 namespace {
@@ -35,14 +26,10 @@ int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t me
   if (!dst || !src || !(src->Flags & BITMAP_ALLOCATED)) return RESULT_BAD_PARAMETER;
   if (dst == src) return RESULT_OK;
   // Built in a scratch record so that a failure leaves the caller's record as it was.
-  BitmapHandle n;
-  VK_TRY(new_copy_record(&n, src, src->Width, src->Height, typed, memory_type));
-  const int32_t r = copy_bitmap_data(&n, src);
-  if (r != RESULT_OK) {
-    V_FreeBitmap(&n);
-    return r;
-  }
-  *dst = n;
+  op::Scratch n;
+  VK_TRY(new_copy_record(n, src, src->Width, src->Height, typed, memory_type));
+  VK_TRY(copy_bitmap_data(n.get(), src));
+  op::hand_over(n, dst);
   return RESULT_OK;
 }
 

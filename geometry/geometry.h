@@ -17,8 +17,9 @@ namespace vk {
 
 // A new record for a copy of src with the given size: storage of the
 // source's kind (typed false) or of memory_type (typed true), its own
-// palette, region and gray parameters.  Nothing is left on failure.
-int32_t new_copy_record(BitmapHandle* n, BitmapHandle* src, int32_t width, int32_t height, bool typed,
+// palette, region and gray parameters.  What a failure leaves in n is
+// released by the Scratch.
+int32_t new_copy_record(op::Scratch& n, BitmapHandle* src, int32_t width, int32_t height, bool typed,
                         int32_t memory_type);
 
 // Sine and cosine x 16384 of an angle 0..36000 (hundredths of a degree).

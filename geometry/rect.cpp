@@ -103,7 +103,7 @@ int32_t copy_rect(BitmapHandle* dst, BitmapHandle* src, int32_t left, int32_t to
   const bool in_place = !dst || dst == src;
 
   op::Scratch out;
-  VK_TRY(new_copy_record(out.get(), src, width, height, typed, memory_type));
+  VK_TRY(new_copy_record(out, src, width, height, typed, memory_type));
   if (auto hook = reinterpret_cast<VK_REGIONHOOK>(reinterpret_cast<void (*)()>(dispatch::entry(2)))) {
     // The destination takes the source's region moved by the rectangle's
     // origin in place of the duplicate's.
@@ -141,13 +141,11 @@ int32_t copy_rect(BitmapHandle* dst, BitmapHandle* src, int32_t left, int32_t to
     }));
   }
   cache.dismiss();
-  BitmapHandle done = out.release();
-  if (in_place) {
-    V_FreeBitmap(src);
-    *src = done;
-  } else {
-    *dst = done;
-  }
+  // In place the source goes whole (its region lives on, moved, in the copy).
+  if (in_place)
+    op::hand_over(out, src, src);
+  else
+    op::hand_over(out, dst);
   return RESULT_OK;
 }
 
