@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -384,6 +385,34 @@ void op_rotate(Context& ctx, const std::string& arg) {
   check_result(V_RotateBitmap(&bm, static_cast<int32_t>(degrees * 100), ROTATE_RESIZE, 0), "--rotate " + arg);
 }
 
+// X,Y,W,H: the rectangle's corner may lie outside the image.
+std::array<int32_t, 4> parse_rect(const std::string& arg, const std::string& option) {
+  std::array<int32_t, 4> v{};
+  size_t at = 0;
+  for (int i = 0; i < 4; ++i) {
+    const size_t comma = i < 3 ? arg.find(',', at) : arg.size();
+    if (comma == std::string::npos) throw UsageError(option + " takes X,Y,W,H");
+    const long lo = i < 2 ? -1000000 : 1;
+    v[size_t(i)] = static_cast<int32_t>(parse_long(arg.substr(at, comma - at), option, lo, 1000000));
+    at = comma + 1;
+  }
+  return v;
+}
+
+// The rectangle as given, the part outside the image black.
+void op_crop(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--crop");
+  const auto r = parse_rect(arg, "--crop");
+  check_result(V_CopyBitmapRect(nullptr, &bm, r[0], r[1], r[2], r[3]), "--crop " + arg);
+}
+
+// The part of the rectangle inside the image.
+void op_trim(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--trim");
+  const auto r = parse_rect(arg, "--trim");
+  check_result(V_TrimBitmap(&bm, r[0], r[1], r[2], r[3]), "--trim " + arg);
+}
+
 void op_view_perspective(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--view-perspective");
   const long v = parse_long(arg, "--view-perspective", 0, 8);
@@ -427,6 +456,8 @@ const std::vector<OpInfo>& operations() {
       {"--flip", nullptr, "turn the image upside down", op_flip},
       {"--mirror", nullptr, "mirror the image left to right", op_mirror},
       {"--rotate", "90|180|270", "turn the image clockwise by a multiple of 90 degrees", op_rotate},
+      {"--crop", "X,Y,W,H", "keep the W x H rectangle at X,Y (black where it leaves the image)", op_crop},
+      {"--trim", "X,Y,W,H", "keep the part of the rectangle at X,Y that lies inside the image", op_trim},
       {"--view-perspective", "N", "store the rows in orientation N (0-5, 7, 8); the picture stays the same",
        op_view_perspective},
   };

@@ -393,6 +393,8 @@ std::vector<DemoStep> demo_steps() {
   d.push_back({"flip.png", {{"--flip", ""}}});
   d.push_back({"mirror.png", {{"--mirror", ""}}});
   for (const char* deg : {"90", "180", "270"}) d.push_back({std::string("rotate-") + deg + ".png", {{"--rotate", deg}}});
+  d.push_back({"crop.png", {{"--crop", "-8,4,40,24"}}});  // a black strip on the left
+  d.push_back({"trim.png", {{"--trim", "8,4,1000,1000"}}});
   // Stored transposed, saved as seen: the same picture, its record in the report.
   d.push_back({"view-perspective-5.png", {{"--view-perspective", "5"}, {"--info", ""}}});
   d.push_back({"height-half.png", {{"--height", "half"}}});  // the number is filled in by run_demo
