@@ -86,19 +86,6 @@ TEST(Settings, ThreadsKeepIndependentRecordsReleasedAtExit) {
   EXPECT_EQ(vk::fault::live_total(), base);  // the thread's record went with it
 }
 
-TEST(Settings, FallsBackToTheProcessRecordWhenNoneCanBeMade) {
-  ThreadSettings* fallback = nullptr;
-  std::thread t([&] {
-    vk::fault::arm(1, true);
-    fallback = &vk::settings();
-    vk::fault::disarm();
-    EXPECT_EQ(fallback->DefaultYResolution, 150);
-  });
-  t.join();
-  ASSERT_NE(fallback, nullptr);
-  EXPECT_NE(fallback, &vk::settings());
-}
-
 int32_t VK_CALL record_percent(int32_t percent, intptr_t data) {
   reinterpret_cast<std::vector<int>*>(data)->push_back(percent);
   return RESULT_OK;
