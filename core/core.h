@@ -197,28 +197,6 @@ class SuspendStatus {
   intptr_t data_ = 0;
 };
 
-// A bitmap record owned by an operation: its storage is freed on scope exit
-// unless committed or released.
-class TempBitmap {
- public:
-  TempBitmap() { std::memset(&b_, 0, sizeof b_); }
-  TempBitmap(const TempBitmap&) = delete;
-  TempBitmap& operator=(const TempBitmap&) = delete;
-  ~TempBitmap() {
-    if (owned_) V_FreeBitmap(&b_);
-  }
-  BitmapHandle* get() { return &b_; }
-  BitmapHandle& operator*() { return b_; }
-  BitmapHandle* operator->() { return &b_; }
-  void own() { owned_ = true; }
-  // Hands the record to the caller (no free).
-  BitmapHandle release() { owned_ = false; return b_; }
-
- private:
-  BitmapHandle b_;
-  bool owned_ = true;
-};
-
 // Progress reporting with the integer scheme every row loop uses: per step
 // the percentage grows by 100 / total with the remainder 100 % total carried
 // against total.  The callback is read once at construction.

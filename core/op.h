@@ -6,8 +6,9 @@
 // A Scratch record holds the result until the commit; a CacheGuard puts a
 // source's row cache back on every way out but the commit; for_each_row runs
 // the rows with the status callback; commit() moves the finished record over
-// the caller's and releases the old storage.  Nothing of the caller's record
-// changes before commit(), so every failure leaves it byte for byte as it was.
+// the caller's and releases the old storage, hand_over() gives it to a record
+// that holds nothing yet.  Nothing of the caller's record changes before the
+// commit, so every failure leaves it byte for byte as it was.
 #pragma once
 
 #include <cstring>
@@ -29,6 +30,9 @@ class Scratch {
     if (shared_palette_) b_.Palette = nullptr;
     if (shared_region_) b_.Region = nullptr;
     V_FreeBitmap(&b_);
+    // Gray parameters may be copied before the storage is made; releasing
+    // the storage frees the gray table of an allocated record only.
+    if (b_.GrayLut) V_OsFree(b_.GrayLut);
   }
   BitmapHandle* get() { return &b_; }
   BitmapHandle* operator->() { return &b_; }
@@ -115,6 +119,15 @@ inline void commit(Scratch& scratch, BitmapHandle* caller) {
   BitmapHandle done = scratch.release();
   V_FreeBitmap(caller);
   *caller = done;
+}
+
+// Gives the finished record to `out`, a record that holds nothing yet (it is
+// overwritten, not released).  `old`, when given, is released first: an
+// operation that replaces its source through a working copy of its record.
+inline void hand_over(Scratch& scratch, BitmapHandle* out, BitmapHandle* old = nullptr) {
+  const BitmapHandle done = scratch.release();
+  if (old) V_FreeBitmap(old);
+  *out = done;
 }
 
 }  // namespace vk::op

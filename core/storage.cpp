@@ -7,6 +7,7 @@
 
 #include "compressed.h"
 #include "core.h"
+#include "op.h"
 #include "record_copy.h"
 #include "platform.h"
 #include "storage.h"
@@ -447,29 +448,28 @@ int32_t allocate_tiles_for(BitmapHandle& n, const BitmapHandle* old, uint32_t ti
 int32_t rebuild(BitmapHandle* b, int32_t type, uint32_t tile_size, uint32_t total_tiles, uint32_t memory_tiles,
                 uint32_t max_mapped, uint32_t mapped, uint32_t which) {
   if (type == TYPE_USER) return RESULT_BAD_PARAMETER;  // no pixels to copy into
-  BitmapHandle n;
-  std::memset(&n, 0, sizeof n);
-  VK_TRY(V_DupBitmapNewDim(&n, b, b->Width, b->Height, b->BitsPerPixel, 0));
-  // The duplicate shares palette and region with b: only its storage and
-  // its own tables are released on the way out.
-  bool keep = false;
-  ScopeExit cleanup([&] {
-    if (keep) return;
-    release_storage(&n);
-    if (n.PaintLut) V_OsFree(n.PaintLut);
-    if (n.GrayLut && n.GrayLut != b->GrayLut) V_OsFree(n.GrayLut);
-  });
+  // The new storage is built in a duplicate that shares palette and region
+  // with b: only its storage and its own tables are released on the way out.
+  op::Scratch scratch;
+  VK_TRY(V_DupBitmapNewDim(scratch.get(), b, b->Width, b->Height, b->BitsPerPixel, 0));
+  scratch.shares(true, true);
   if (type == TYPE_TILED)
-    VK_TRY(allocate_tiles_for(n, b, tile_size, total_tiles, memory_tiles, max_mapped, which));
+    VK_TRY(allocate_tiles_for(*scratch, b, tile_size, total_tiles, memory_tiles, max_mapped, which));
   else
-    VK_TRY(V_AllocateBitmap(&n, type));
-  VK_TRY(copy_bitmap_data(&n, b));
+    VK_TRY(V_AllocateBitmap(scratch.get(), type));
+  // Reading the rows moves b's row cache; a failed copy puts it back.
+  op::CacheGuard cache(b);
+  VK_TRY(copy_bitmap_data(scratch.get(), b));
+  cache.dismiss();
   // The copy mapped tiles on demand; the mapped count asked for is set last.
-  if ((n.Flags & BITMAP_TILED) && (which & MEMINFO_MAPPED)) {
-    tiles::Table* t = tiles::table_of(&n);
-    tiles::set_mapped_count(t, &n, mapped < t->max_mapped_tiles ? mapped : t->max_mapped_tiles);
+  if ((scratch->Flags & BITMAP_TILED) && (which & MEMINFO_MAPPED)) {
+    tiles::Table* t = tiles::table_of(scratch.get());
+    tiles::set_mapped_count(t, scratch.get(), mapped < t->max_mapped_tiles ? mapped : t->max_mapped_tiles);
   }
 
+  // Commit: only the storage moves into b, which keeps its palette, region
+  // and tables; the duplicate's own tables go.
+  const BitmapHandle n = scratch.release();
   release_storage(b);
   b->StorageHandle = n.StorageHandle;
   b->Data = n.Data;
@@ -478,7 +478,6 @@ int32_t rebuild(BitmapHandle* b, int32_t type, uint32_t tile_size, uint32_t tota
   b->CachedRow = 0;
   b->CachedRowOffset = 0;
   b->Flags = (b->Flags & ~kStorageBits) | (n.Flags & kStorageBits);
-  keep = true;
   if (n.PaintLut) V_OsFree(n.PaintLut);
   if (n.GrayLut && n.GrayLut != b->GrayLut) V_OsFree(n.GrayLut);
   return RESULT_OK;

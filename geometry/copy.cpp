@@ -1,8 +1,7 @@
 // copy.cpp - copies of whole bitmaps: the row copy between two records that
 // already have storage, and complete copies into new storage.
-#include <cstring>
-
 #include "core.h"
+#include "op.h"
 #include "record_copy.h"
 
 namespace vk {
@@ -12,33 +11,20 @@ int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t me
   if (!dst || !src || !(src->Flags & BITMAP_ALLOCATED)) return RESULT_BAD_PARAMETER;
   if (dst == src) return RESULT_OK;
   // Built in a scratch record so that a failure leaves the caller's record as it was.
-  BitmapHandle n;
-  std::memset(&n, 0, sizeof n);
+  op::Scratch n;
   if (!typed) {
-    VK_TRY(V_DupBitmapNewDim(&n, src, src->Width, src->Height, src->BitsPerPixel,
+    VK_TRY(V_DupBitmapNewDim(n.get(), src, src->Width, src->Height, src->BitsPerPixel,
                              DUP_ALLOCATE | DUP_OWN_PALETTE | DUP_OWN_REGION));
   } else {
-    VK_TRY(V_DupBitmapNewDim(&n, src, src->Width, src->Height, src->BitsPerPixel, DUP_OWN_PALETTE | DUP_OWN_REGION));
-    auto release = [&](int32_t r) {
-      if (n.GrayLut) V_OsFree(n.GrayLut);  // the duplicate's own gray table
-      n.GrayLut = nullptr;
-      V_FreeDuplicateBitmap(&n, DUP_OWN_PALETTE | DUP_OWN_REGION);
-      return r;
-    };
+    VK_TRY(V_DupBitmapNewDim(n.get(), src, src->Width, src->Height, src->BitsPerPixel, DUP_OWN_PALETTE | DUP_OWN_REGION));
     if (src->Order == ORDER_GRAY) {
-      n.Order = ORDER_GRAY;
-      const int32_t r = V_CopyGrayParams(&n, src);
-      if (r != RESULT_OK) return release(r);
+      n->Order = ORDER_GRAY;
+      VK_TRY(V_CopyGrayParams(n.get(), src));
     }
-    const int32_t r = V_AllocateBitmap(&n, memory_type);
-    if (r != RESULT_OK) return release(r);
+    VK_TRY(V_AllocateBitmap(n.get(), memory_type));
   }
-  const int32_t r = copy_bitmap_data(&n, src);
-  if (r != RESULT_OK) {
-    V_FreeBitmap(&n);
-    return r;
-  }
-  *dst = n;
+  VK_TRY(copy_bitmap_data(n.get(), src));
+  op::hand_over(n, dst);
   return RESULT_OK;
 }
 

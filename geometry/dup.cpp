@@ -5,6 +5,7 @@
 
 #include "core.h"
 #include "dispatch.h"
+#include "op.h"
 #include "platform.h"
 
 namespace vk {
@@ -37,18 +38,16 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
   if (!dst || !src || !(src->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
   if (dst == src) return RESULT_BAD_PARAMETER;  // the record would be wiped before it is read
   // Built in a scratch record: the caller's record changes only on success.
-  BitmapHandle n;
-  VK_TRY(V_InitBitmap(&n, width, height, bits));
-  n.Flags |= src->Flags & kCarriedFlags;
-  n.ViewPerspective = src->ViewPerspective;
-  n.XResolution = src->XResolution;
-  n.YResolution = src->YResolution;
-  n.Order = src->Order;
-
-  bool done = false;
-  ScopeExit release([&] {
-    if (!done) free_duplicate(&n, flags);
-  });
+  // Until then the source's palette and region are only borrowed, unless
+  // the duplicate is to own copies of them.
+  op::Scratch n;
+  n.shares(!(flags & DUP_OWN_PALETTE), !(flags & DUP_OWN_REGION));
+  VK_TRY(V_InitBitmap(n.get(), width, height, bits));
+  n->Flags |= src->Flags & kCarriedFlags;
+  n->ViewPerspective = src->ViewPerspective;
+  n->XResolution = src->XResolution;
+  n->YResolution = src->YResolution;
+  n->Order = src->Order;
 
   if (flags & DUP_ALLOCATE) {
     int32_t type = TYPE_CONVENTIONAL;
@@ -58,50 +57,49 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
       type = TYPE_SUPER_COMPRESSED;
     else if (src->Flags & BITMAP_ON_DISK)
       type = TYPE_DISK;
-    VK_TRY(V_AllocateBitmap(&n, type));
+    VK_TRY(V_AllocateBitmap(n.get(), type));
   }
 
-  n.Flags = (n.Flags & ~PALETTE_IS_TABLE) | (src->Flags & PALETTE_IS_TABLE);
+  n->Flags = (n->Flags & ~PALETTE_IS_TABLE) | (src->Flags & PALETTE_IS_TABLE);
   if (flags & DUP_OWN_PALETTE) {
-    n.Palette = nullptr;
+    n->Palette = nullptr;
     if (src->Palette) {
       // The palette copy reports failure as 0; a duplicate reports it as a result code.
-      const int32_t r = V_CopyBitmapPalette(&n, src);
+      const int32_t r = V_CopyBitmapPalette(n.get(), src);
       if (r != RESULT_OK) return r < 0 ? r : RESULT_FAIL;
     }
   } else {
-    n.Palette = src->Palette;
+    n->Palette = src->Palette;
   }
-  n.ColorCount = src->ColorCount;
-  VK_TRY(V_CopyPlaybackParms(&n, src));
+  n->ColorCount = src->ColorCount;
+  VK_TRY(V_CopyPlaybackParms(n.get(), src));
 
   if (!(flags & DUP_OWN_REGION)) {
-    n.Region = src->Region;
+    n->Region = src->Region;
   } else {
-    n.Region = nullptr;
+    n->Region = nullptr;
     if (auto hook = reinterpret_cast<VK_REGIONHOOK>(reinterpret_cast<void (*)()>(dispatch::entry(2)))) {
       // The hook copies the source's region onto the record it is given as
       // destination; the copy is moved to the duplicate and the source gets
       // its own back.
       const VK_HRGN own = src->Region;
       const int32_t r = hook(src, src, 0, 0);
-      n.Region = src->Region == own ? nullptr : src->Region;
+      n->Region = src->Region == own ? nullptr : src->Region;
       src->Region = own;
       if (r != RESULT_OK) {
-        n.Region = nullptr;
+        n->Region = nullptr;
         return r;
       }
     }
   }
 
   if ((flags & DUP_ALLOCATE) && src->Order == ORDER_GRAY && src->BitsPerPixel == bits) {
-    n.Order = ORDER_GRAY;
-    VK_TRY(V_CopyGrayParams(&n, src));
+    n->Order = ORDER_GRAY;
+    VK_TRY(V_CopyGrayParams(n.get(), src));
   }
-  if (n.PaintLut && src->PaintLut) std::memcpy(n.PaintLut, src->PaintLut, 256);
+  if (n->PaintLut && src->PaintLut) std::memcpy(n->PaintLut, src->PaintLut, 256);
 
-  done = true;
-  *dst = n;
+  op::hand_over(n, dst);
   return RESULT_OK;
 }
 

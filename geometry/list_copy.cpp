@@ -1,9 +1,8 @@
 // list_copy.cpp - the copy of a run of list items: each record is copied
 // whole (new storage, own palette and region) into a new list.
-#include <cstring>
-
 #include "core.h"
 #include "list.h"
+#include "op.h"
 
 using vk::ListHeader;
 
@@ -17,16 +16,12 @@ VK_API int32_t VK_CALL V_CopyBitmapListItems(BitmapList* newList, BitmapList lis
     vk::NewList dst;
     if (dst.create() != RESULT_OK) return RESULT_FAIL;
     for (uint32_t i = 0; i < n; ++i) {
-      BitmapHandle copy;
-      std::memset(&copy, 0, sizeof copy);
+      vk::op::Scratch copy;
       // The source record is passed in place: reading it may refresh its row
       // cache, which is part of the list's own record.
-      VK_TRY(V_CopyBitmap(&copy, hdr->items + index + i));
-      const int32_t r = vk::insert_item(dst.get(), UINT32_MAX, &copy);
-      if (r != RESULT_OK) {
-        V_FreeBitmap(&copy);
-        return r;
-      }
+      VK_TRY(V_CopyBitmap(copy.get(), hdr->items + index + i));
+      VK_TRY(vk::insert_item(dst.get(), UINT32_MAX, copy.get()));
+      copy.release();  // the new list holds the record now
     }
     *newList = dst.release();
     return RESULT_OK;

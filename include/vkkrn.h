@@ -10,19 +10,30 @@
  * user-data words are pointer-sized.  A 32-bit build therefore has the exact
  * 39-word BitmapHandle (156 bytes) and the 104-byte VersionInfo.
  *
- * Sections:
- *   1. Basic types, result codes, constants
- *   2. Records: BitmapHandle, ThreadSettings, VersionInfo, BufferRedirect
- *   3. Runtime: threads, slots, callbacks, allocators, utilities
- *   4. Bitmap record and defaults
- *   5. Storage and memory types
- *   6. Row access and compressed rows
- *   7. File layer and I/O redirection
- *   8. Palettes and palette lookup
- *   9. Row conversion, grayscale, pixel access
- *  10. Dithering, colour count, optimised palette, colour resolution
- *  11. Duplication, copies, bitmap lists
- *  12. Dispatch tables
+ * Sections follow the library's folders, lowest layer first:
+ *   1. platform/  operating-system objects passed through the interface
+ *   2. core/      result codes, the bitmap record, runtime, storage, rows,
+ *                 compressed rows, files and redirection, bitmap lists
+ *   3. host/      dispatch tables of the display and file modules
+ *   4. color/     palettes, bitmap creation, gray parameters, row conversion,
+ *                 grayscale, pixel access
+ *   5. reduce/    palette lookup, dithering, colour count, optimised
+ *                 palettes, colour resolution
+ *   6. geometry/  duplication, whole-bitmap copies, copies of list items
+ *
+ * How to read the comments:
+ *   Returns   every value the call can give; RESULT_OK is 1 and every
+ *             failure code is negative.
+ *   Borrowed  the library uses the pointer during the call only (or, where
+ *             stated, while something is installed) and never frees it.
+ *   Row loop  a call that walks every row reports progress through the
+ *             thread's status callback (copies: the copy status callback);
+ *             a callback result other than RESULT_OK stops it, and that
+ *             value is returned unchanged.
+ *   Row I/O   RESULT_SEEK_FAILED, RESULT_READ_FAILED, RESULT_WRITE_FAILED:
+ *             failures of disk-backed storage (temp files, disk tiles).
+ *   Failure   an operation on a whole bitmap changes the caller's record
+ *             only when it succeeds, unless its comment says otherwise.
  */
 #ifndef VKKRN_H
 #define VKKRN_H
@@ -51,8 +62,10 @@ extern "C" {
 #endif
 
 /* ===================================================================== */
-/* 1. Basic types, result codes, constants                               */
+/* 1. platform/ - operating-system objects passed through the interface  */
 /* ===================================================================== */
+/* No V_ function lives in platform/: the objects it makes are exported
+ * through vkkrn_platform.h (VKP_ calls). */
 
 /* Opaque platform objects.  All are pointer-sized. */
 typedef void* VK_HANDLE;   /* generic handle: sections, storage owners     */
@@ -76,6 +89,12 @@ typedef struct tagRGBQUAD {
 /* Colour value 0x00BBGGRR. */
 typedef uint32_t VK_COLORREF;
 #define VK_RGB(r, g, b) ((VK_COLORREF)(((uint32_t)(uint8_t)(r)) | ((uint32_t)(uint8_t)(g) << 8) | ((uint32_t)(uint8_t)(b) << 16)))
+
+#define VK_MAX_PATH 260
+
+/* ===================================================================== */
+/* 2. core/ - the bitmap record, runtime, storage, rows, files, lists    */
+/* ===================================================================== */
 
 /* Result codes. */
 #define RESULT_OK                     1
@@ -124,46 +143,6 @@ typedef uint32_t VK_COLORREF;
 #define ORDER_GRAY     2
 #define ORDER_BGR_ALT  5
 
-/* Colour value forms (V_GetPixelColor and friends). */
-#define COLOR_PALETTE_INDEX 0x01000000u
-#define COLOR_GRAY16        0x04000000u
-#define COLOR_INVALID       0x80000000u
-
-/* Dithering methods. */
-#define DITHER_NONE            0
-#define DITHER_FLOYD_STEINBERG 1
-#define DITHER_STUCKI          2
-#define DITHER_BURKES          3
-#define DITHER_SIERRA          4
-#define DITHER_STEVENSON_ARCE  5
-#define DITHER_JARVIS          6
-#define DITHER_ORDERED         7
-#define DITHER_CLUSTERED       8
-
-/* Row-conversion flags (V_ConvertBufferExt). */
-#define CONVERT_SRC_GRAY      1u
-#define CONVERT_DST_GRAY      2u
-#define CONVERT_SRC_BITRANGE  4u
-#define CONVERT_DST_BITRANGE  8u
-
-/* Colour-resolution flags (V_ColorResBitmap). */
-#define RESOLVE_OPTIMISED              0u
-#define RESOLVE_FIXED                  1u
-#define RESOLVE_BGR                    4u
-#define RESOLVE_KEEP_SYSTEM_COLOURS    8u
-#define RESOLVE_USER_PALETTE          16u
-#define RESOLVE_USER_TABLE            32u
-#define RESOLVE_CUBE                  64u
-#define RESOLVE_GRAY                 128u
-#define RESOLVE_NO_OPTIMISER_TABLE   512u
-#define RESOLVE_FEW_POPULAR         1024u
-#define RESOLVE_ORDER5              2048u
-
-/* Duplication flags. */
-#define DUP_ALLOCATE     1u
-#define DUP_OWN_PALETTE  2u
-#define DUP_OWN_REGION   4u
-
 /* V_SetMemoryThresholds whichValues bits. */
 #define THRESHOLD_MEMORY_RESERVE   1u
 #define THRESHOLD_TILED            2u
@@ -204,11 +183,7 @@ typedef uint32_t VK_COLORREF;
 #define REDIRECT_HAS_DATA   8u
 #define REDIRECT_HANDLE     5   /* pseudo file handle of a redirected buffer */
 
-#define VK_MAX_PATH 260
-
-/* ===================================================================== */
-/* 2. Records                                                            */
-/* ===================================================================== */
+/* ---- records ---------------------------------------------------------- */
 
 /* The caller-owned bitmap record: 39 words in this order. */
 typedef struct BitmapHandle {
@@ -257,7 +232,9 @@ typedef struct BitmapHandle {
  * the running operation, which returns that value unchanged. */
 typedef int32_t (VK_CALL* StatusCallback)(int32_t percent, intptr_t userData);
 
-/* I/O callbacks of the redirection table. */
+/* I/O callbacks of the redirection table.  They answer as the V_Os file
+ * calls do (a count or position, -1 on failure); userData is the word
+ * installed with them. */
 typedef VK_FILE (VK_CALL* VK_OPENPROC)(const char* name, int32_t openFlags, int32_t permission, intptr_t userData);
 typedef int32_t (VK_CALL* VK_READPROC)(VK_FILE file, void* buffer, int32_t count, intptr_t userData);
 typedef int32_t (VK_CALL* VK_WRITEPROC)(VK_FILE file, const void* buffer, int32_t count, intptr_t userData);
@@ -329,40 +306,68 @@ typedef struct BufferRedirect {
 /* A list of bitmaps: movable global-memory handle (see V_CreateBitmapList). */
 typedef VK_HGLOBAL BitmapList;
 
-/* Row callbacks of colour resolution. */
-typedef int32_t (VK_CALL* ColorResRowCallback)(BitmapHandle* destination, uint8_t* row, int32_t lines, intptr_t userData);
-typedef int32_t (VK_CALL* ColorResListRowCallback)(BitmapHandle* destination, uint8_t* row, uint32_t itemIndex, int32_t rowNumber, int32_t lines, intptr_t userData);
+/* ---- core/: caller slots (per-thread values) -------------------------- */
 
-/* Display dispatch table: 20 optional hooks. */
-typedef int32_t (VK_CALL* VK_DISPATCHPROC)();
-#define VK_DISPATCH_ENTRIES 20
-typedef int32_t (VK_CALL* VK_REGIONHOOK)(BitmapHandle* destination, BitmapHandle* source, int32_t dx, int32_t dy);   /* entry 2  */
-typedef int32_t (VK_CALL* VK_SCALEREGIONHOOK)(BitmapHandle* bitmap, int32_t width, int32_t height);                 /* entry 6  */
-typedef int32_t (VK_CALL* VK_ROTATEREGIONHOOK)(BitmapHandle* bitmap, int32_t oldWidth, int32_t oldHeight, int32_t angle); /* entry 13 */
-typedef int32_t (VK_CALL* VK_PIXELPOSHOOK)(BitmapHandle* bitmap, int32_t row, int32_t column);                    /* entry 17 */
-
-/* ===================================================================== */
-/* 3. Runtime                                                            */
-/* ===================================================================== */
-
+/* Reserves a slot number (0..1023) shared by every thread; each thread
+ * keeps its own value in it.  Freed slots below the highest one handed out
+ * are reused only once all 1024 numbers have been given.
+ * Returns: the slot, or 0xFFFFFFFF when none is left.
+ * See also: V_TlsFree, V_TlsSetValue, V_TlsGetValue. */
 VK_API uint32_t  VK_CALL V_TlsAlloc(void);
+/* Gives a slot back.  index: a number from V_TlsAlloc.
+ * Returns: 1 when freed, 0 when index is not a reserved slot. */
 VK_API int32_t   VK_CALL V_TlsFree(uint32_t index);
+/* Sets the calling thread's value of a slot.
+ * Returns: 1, or 0 when index was never handed out. */
 VK_API int32_t   VK_CALL V_TlsSetValue(uint32_t index, uintptr_t value);
+/* The calling thread's value of a slot; 0 when unset or index was never
+ * handed out. */
 VK_API uintptr_t VK_CALL V_TlsGetValue(uint32_t index);
 
+/* ---- core/: status callbacks (per thread) ----------------------------- */
+
+/* Installs the calling thread's progress callback (null: none); userData is
+ * passed to every call.  The callback is borrowed while installed.
+ * Returns: the callback installed before.
+ * See also: StatusCallback, V_SetCopyStatusCallBack. */
 VK_API StatusCallback VK_CALL V_SetStatusCallBack(StatusCallback callback, intptr_t userData);
+/* The calling thread's progress callback; *userData (optional) receives
+ * its user data. */
 VK_API StatusCallback VK_CALL V_GetStatusCallBack(intptr_t* userData);
+/* As V_SetStatusCallBack, for the callback that row copies between bitmaps
+ * report to (V_CopyBitmapData, copies, storage rebuilds).
+ * Returns: the callback installed before. */
 VK_API StatusCallback VK_CALL V_SetCopyStatusCallBack(StatusCallback callback, intptr_t userData);
+/* The calling thread's copy progress callback; *userData as above. */
 VK_API StatusCallback VK_CALL V_GetCopyStatusCallBack(intptr_t* userData);
 
+/* ---- core/: allocators ------------------------------------------------- */
+/* Blocks the library hands to the caller (tables, buffers) come from one
+ * of these two families; free each with its own family.  Both can fail
+ * (null result). */
+
+/* A heap block of size bytes (0 gives a 1-byte block); free with V_Free.
+ * Returns: the block, or null. */
 VK_API void* VK_CALL V_Malloc(size_t size);
+/* As V_Malloc, count * size bytes set to zero. */
 VK_API void* VK_CALL V_Calloc(size_t count, size_t size);
+/* Resizes a V_Malloc block (null pointer: a new block).
+ * Returns: the block, possibly moved, or null (the old block then stays). */
 VK_API void* VK_CALL V_Realloc(void* pointer, size_t size);
+/* Frees a block of the V_Malloc family; null is ignored. */
 VK_API void  VK_CALL V_Free(void* pointer);
+/* A movable global-memory block kept locked for its whole life, so the
+ * pointer stays valid; free with V_OsFree.
+ * Returns: the block, or null. */
 VK_API void* VK_CALL V_OsAlloc(size_t size);
+/* As V_OsAlloc; zeroFill non-zero clears the block. */
 VK_API void* VK_CALL V_OsAllocInit(size_t size, int32_t zeroFill);
+/* Resizes a V_Os block (null pointer: a new block).
+ * Returns: the block, possibly moved, or null (the old block then stays). */
 VK_API void* VK_CALL V_OsReAlloc(void* pointer, size_t size);
+/* As V_OsReAlloc; bytes added at the end are zero. */
 VK_API void* VK_CALL V_OsReAllocInit(void* pointer, size_t size);
+/* Frees a block of the V_Os family; null is ignored.  Returns: 0. */
 VK_API int32_t VK_CALL V_OsFree(void* pointer);
 
 /* Debug forms: the trailing file and line are ignored. */
@@ -375,11 +380,23 @@ VK_API void* VK_CALL V_OsAllocInitDump(size_t size, int32_t zeroFill, const char
 VK_API void* VK_CALL V_OsReAllocDump(void* pointer, size_t size, const char* file, int32_t line);
 VK_API void* VK_CALL V_OsReAllocInitDump(void* pointer, size_t size, const char* file, int32_t line);
 VK_API int32_t VK_CALL V_OsFreeDump(void* pointer, const char* file, int32_t line);
+/* Kept for callers of the debug forms: reports nothing. */
 VK_API void  VK_CALL V_DumpMemoryReport(uint32_t flags);
 
+/* ---- core/: utilities --------------------------------------------------- */
+
+/* The first token of text: text is changed in place (a terminator after
+ * the token).  A null text does not continue an earlier split.
+ * Returns: the token inside text, or null (none, or a null argument). */
 VK_API char*    VK_CALL V_Strtok(char* text, const char* delimiters);
+/* Integer square root by Newton's iteration in integers (0 for 0, 1 for
+ * 1..3). */
 VK_API uint32_t VK_CALL V_SQRT(uint32_t value);
+/* The library's 256-byte table: entry b is the number of 1 bits in b.
+ * Owned by the library (constant; never freed). */
 VK_API const uint8_t* VK_CALL V_Get1BitOnTable(void);
+/* Fills *record with the banner, level, version and build date and time.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null record). */
 VK_API int32_t  VK_CALL V_VersionInfo(VersionInfo* record);
 
 /* Argument block of the 16-bit-host dispatcher: bitmap, buffer, row,
@@ -392,227 +409,765 @@ typedef struct ThunkArgs {
   int32_t       Column;
   int32_t       ByteCount;
 } ThunkArgs;
+/* Runs one request on args (borrowed).
+ * Returns: 0 for requests 0 and 1; for 2 and 3 what V_GetBitmapRowCol or
+ * V_PutBitmapRowCol returns; 50 for an unknown request;
+ * RESULT_BAD_PARAMETER (null args).
+ * See also: V_AccessBitmap, V_ReleaseBitmap. */
 VK_API int32_t VK_CALL V_ThunkDispatch(ThunkArgs* args, int32_t request);
 
-/* ===================================================================== */
-/* 4. Bitmap record and defaults                                         */
-/* ===================================================================== */
+/* ---- core/: the bitmap record and the thread's defaults ---------------- */
 
+/* Clears *bitmap and sets it up for width x height pixels of bitsPerPixel
+ * (1-8, 12, 16, 24, 32, 48, 64): row size, Size, order, colour count,
+ * bit ranges and the thread's default resolution and dithering.  No
+ * storage is made; width and height are checked when storage is asked
+ * for.  All three zero only clears the record.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null bitmap),
+ * RESULT_BAD_BITS_PER_PIXEL.
+ * See also: V_AllocateBitmap, V_CreateBitmap. */
 VK_API int32_t VK_CALL V_InitBitmap(BitmapHandle* bitmap, int32_t width, int32_t height, int32_t bitsPerPixel);
-VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, int32_t width, int32_t height,
-                                      int32_t bitsPerPixel, int32_t order, const RGBQUAD* palette,
-                                      int32_t viewPerspective, void* data, uint32_t dataSize);
+/* Shallow copy of *source into *destination: both then name the same
+ * storage, palette and tables, and only one of them may be freed.  Null
+ * arguments or one record twice: nothing happens.
+ * See also: V_CopyBitmap (a copy with its own storage). */
 VK_API void    VK_CALL V_CopyBitmapHandle(BitmapHandle* destination, const BitmapHandle* source);
+/* Frees the storage and tables of a bitmap that has storage.
+ * freeAttachments: non-zero frees the palette too; 0 leaves palette and
+ * region to whoever else holds them (the record forgets both).  The region
+ * is never destroyed (it belongs to the host glue).
+ * Returns: RESULT_OK (also when there is no storage: then nothing changes).
+ * See also: V_FreeBitmap. */
 VK_API int32_t VK_CALL V_FreeImage(BitmapHandle* bitmap, int32_t freeAttachments);
+/* Recomputes Size: the bytes held by compressed rows, or BytesPerLine *
+ * Height for other storage.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (no storage). */
 VK_API int32_t VK_CALL V_UpdateBitmapSize(BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source);
 
+/* Resolution (dpi) new records get on this thread; 0 or below means
+ * 150 dpi.  Returns: the value set before (not a result code). */
 VK_API int32_t VK_CALL V_SetDefaultXResolution(int32_t dpi);
 VK_API int32_t VK_CALL V_SetDefaultYResolution(int32_t dpi);
+/* The thread's default resolutions as set (150 at start). */
 VK_API int32_t VK_CALL V_GetDefaultXResolution(void);
 VK_API int32_t VK_CALL V_GetDefaultYResolution(void);
+/* The dithering method new records get on this thread (DITHER_NONE ..
+ * DITHER_CLUSTERED; DITHER_ORDERED at start).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_DefaultDithering(int32_t method);
+/* The thread's default dithering method. */
 VK_API int32_t VK_CALL V_GetDefaultDithering(void);
+/* The memory type of bitmaps that operations make on this thread
+ * (grayscale, colour resolution): TYPE_CONVENTIONAL or TYPE_DISK.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_SetDefaultMemoryType(int32_t memoryType);
+/* *memoryType receives the thread's default memory type.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null pointer). */
 VK_API int32_t VK_CALL V_GetDefaultMemoryType(int32_t* memoryType);
 
-/* Gray parameters: bit range rule (count, mask, shift) and record helpers. */
-VK_API int32_t VK_CALL V_GetGrayParams(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit,
-                                       int32_t* count, uint32_t* mask, int32_t* shift);
-VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
+/* ---- core/: storage and memory types ------------------------------------ */
 
-/* ===================================================================== */
-/* 5. Storage and memory types                                           */
-/* ===================================================================== */
-
+/* Gives a record set up by V_InitBitmap its pixel storage.  memoryType:
+ * TYPE_CONVENTIONAL (memory; tiles when large), TYPE_TILED, TYPE_DISK (one
+ * temp file), TYPE_USER (the caller's pixels, see V_SetBitmapDataPointer),
+ * TYPE_COMPRESSED (1-bit only; other depths ignore it), with TYPE_NO_TILED
+ * / TYPE_NO_DISK to forbid a fallback.  The record owns the storage: free
+ * it with V_FreeBitmap.  The storage flags are cleared even on failure.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null, inconsistent record or
+ * bad type), RESULT_BAD_AREA (Size 0), RESULT_WRITE_FAILED (temp file),
+ * RESULT_FAIL (no memory or file; super-compressed storage).
+ * See also: V_SetMemoryThresholds, V_GetBitmapMemoryInfo. */
 VK_API int32_t VK_CALL V_AllocateBitmap(BitmapHandle* bitmap, int32_t memoryType);
+/* Frees everything the record owns: storage, palette, gray and paint
+ * tables; lets go of the region (the host glue owns it) and never frees
+ * the caller's pixels of TYPE_USER.  Null is ignored.
+ * See also: V_FreeImage. */
 VK_API void    VK_CALL V_FreeBitmap(BitmapHandle* bitmap);
+/* Locks global-memory storage so that Data is valid (other storage needs
+ * no lock).  See also: V_ReleaseBitmap, V_LockBitmap. */
 VK_API void    VK_CALL V_AccessBitmap(BitmapHandle* bitmap);
+/* Unlocks what V_AccessBitmap locked (Data is then null). */
 VK_API void    VK_CALL V_ReleaseBitmap(BitmapHandle* bitmap);
+/* Locks as V_AccessBitmap does.
+ * Returns: 1 when it was locked already, else 0; hand it to V_UnlockBitmap. */
 VK_API int32_t VK_CALL V_LockBitmap(BitmapHandle* bitmap);
+/* Unlocks unless keepLocked (V_LockBitmap's result) is non-zero. */
 VK_API void    VK_CALL V_UnlockBitmap(BitmapHandle* bitmap, int32_t keepLocked);
+/* Points a TYPE_USER bitmap at the caller's pixels.  data: dataSize bytes,
+ * equal to Size (or null to detach); borrowed for as long as the record
+ * uses it, never freed by the library.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (not a user bitmap, size). */
 VK_API int32_t VK_CALL V_SetBitmapDataPointer(BitmapHandle* bitmap, void* data, uint32_t dataSize);
+/* Storage facts: *memoryType (required: TYPE_CONVENTIONAL, TYPE_TILED,
+ * TYPE_DISK, TYPE_COMPRESSED or TYPE_SUPER_COMPRESSED) and, for tiled
+ * storage, tile bytes, tile count, tiles in memory, mapped-tile limit and
+ * mapped tiles (each pointer optional).
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (null type). */
 VK_API int32_t VK_CALL V_GetBitmapMemoryInfo(BitmapHandle* bitmap, int32_t* memoryType, uint32_t* tileSize,
                                              uint32_t* totalTiles, uint32_t* memoryTiles,
                                              uint32_t* maxMappedTiles, uint32_t* mappedTiles);
+/* Changes the values whichValues (MEMINFO_ bits) selects.  A new type or
+ * tile size rebuilds the storage and copies every row (copy status
+ * callback; a failed rebuild leaves the bitmap as it was); otherwise tiles
+ * move between memory and disk in place.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (TYPE_USER,
+ * bad type or tile size), RESULT_FAIL, RESULT_TEMP_FILE_FAILED, row I/O
+ * errors, the copy status callback's value.
+ * See also: V_GetBitmapMemoryInfo. */
 VK_API int32_t VK_CALL V_SetBitmapMemoryInfo(BitmapHandle* bitmap, int32_t memoryType, uint32_t tileSize,
                                              uint32_t totalTiles, uint32_t memoryTiles, uint32_t maxMappedTiles,
                                              uint32_t mappedTiles, uint32_t whichValues);
+/* Grows or shrinks the storage to newHeight rows (>= 1); the rows that
+ * remain keep their pixels.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (user or
+ * locked storage, newHeight < 1), RESULT_FAIL, RESULT_TEMP_FILE_FAILED. */
 VK_API int32_t VK_CALL V_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t newHeight);
+/* The calling thread's storage thresholds, those whichValues (THRESHOLD_
+ * bits) selects: memory reserve and tiled threshold (bytes, or -1..-100
+ * for a percentage), tile size (bytes >= 0, 0 = 16 MiB), memory-tile and
+ * mapped-tile limits (counts, or negative percentages).  Values are taken
+ * in bit order; a refused one stops the call, earlier ones stay set.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (a value below its minimum). */
 VK_API int32_t VK_CALL V_SetMemoryThresholds(int32_t memoryReserve, int32_t tiledThreshold, int32_t tileSize,
                                              int32_t memoryTileLimit, int32_t mappedTileLimit, uint32_t whichValues);
+/* The calling thread's thresholds; each pointer optional. */
 VK_API void    VK_CALL V_GetMemoryThresholds(int32_t* memoryReserve, int32_t* tiledThreshold, int32_t* tileSize,
                                              int32_t* memoryTileLimit, int32_t* mappedTileLimit);
+/* The directory of the calling thread's temp files: an existing directory,
+ * shorter than VK_MAX_PATH (copied).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_SetTempDirectory(const char* path);
+/* Copies the temp directory into buffer, at most bufferSize characters
+ * (not terminated when cut short).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null buffer). */
 VK_API int32_t VK_CALL V_GetTempDirectory(char* buffer, int32_t bufferSize);
 
-/* ===================================================================== */
-/* 6. Row access and compressed rows                                     */
-/* ===================================================================== */
+/* ---- core/: row access --------------------------------------------------- */
 
+/* Copies byteCount bytes of packed pixels from the start of row (0 = first
+ * stored row) into buffer; a count may run on into the following rows, not
+ * past the end of the storage.  Compressed 1-bit rows read as packed rows.
+ * Returns: the number of bytes moved (>= 0), RESULT_NO_BITMAP,
+ * RESULT_BAD_PARAMETER (null argument, negative count, past the end),
+ * RESULT_FAIL (super-compressed storage), row I/O errors.
+ * See also: V_GetBitmapRowCol, V_PutBitmapRow. */
 VK_API int32_t VK_CALL V_GetBitmapRow(BitmapHandle* bitmap, void* buffer, uint32_t row, int32_t byteCount);
+/* Stores byteCount bytes from buffer at the start of row; as
+ * V_GetBitmapRow, and RESULT_FAIL also when compressed rows find no room. */
 VK_API int32_t VK_CALL V_PutBitmapRow(BitmapHandle* bitmap, const void* buffer, uint32_t row, int32_t byteCount);
+/* As V_GetBitmapRow from pixel column (>= 0) of row; compressed rows start
+ * at column rounded down to a multiple of 8. */
 VK_API int32_t VK_CALL V_GetBitmapRowCol(BitmapHandle* bitmap, void* buffer, uint32_t row, int32_t column, int32_t byteCount);
+/* As V_PutBitmapRow from pixel column (>= 0) of row. */
 VK_API int32_t VK_CALL V_PutBitmapRowCol(BitmapHandle* bitmap, const void* buffer, uint32_t row, int32_t column, int32_t byteCount);
 
+/* ---- core/: compressed 1-bit rows --------------------------------------- */
+/* Record: uint32 run count N, then N uint16 runs (little endian) that
+ * alternate 0-bits and 1-bits, starting with 0-bits.  A block is records
+ * back to back.  These calls get no lengths: the caller sizes every area
+ * as stated and passes records that hold the counts they claim. */
+
+/* Encodes pixelCount pixels of packedRow from startColumn into outRecord
+ * (room: 4 + 2 * (pixelCount + (startColumn & 7) + 2) bytes).
+ * Returns: pixelCount, RESULT_BAD_PARAMETER (null, negative).
+ * See also: V_ExpandRow. */
 VK_API int32_t VK_CALL V_CompressRow(void* outRecord, uint8_t* packedRow, int32_t startColumn, int32_t pixelCount);
+/* Encodes rowCount packed rows of width pixels (4-byte row stride) into
+ * outBlock (room: rowCount * (4 + 2 * (width + 2)) bytes).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_CompressRows(void* outBlock, const uint8_t* packedRows, int32_t width, int32_t rowCount);
+/* Decodes pixelCount pixels of record from startColumn into packedOut
+ * ((pixelCount + 7) / 8 bytes).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_ExpandRow(const void* record, uint8_t* packedOut, int32_t startColumn, int32_t pixelCount);
+/* Decodes rowCount records of block into packed rows of width pixels
+ * (4-byte row stride).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_ExpandRows(const void* block, uint8_t* packedOut, int32_t width, int32_t rowCount);
+/* Mirrors every row of srcBlock left to right into dstBlock (room: the
+ * source's length + 2 bytes per row; the blocks must not overlap).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER.
+ * See also: V_FlipCompressedBuffer. */
 VK_API int32_t VK_CALL V_MirrorCompressedBuffer(const void* srcBlock, void* dstBlock, int32_t rowCount);
+/* Copies the rowCount records of srcBlock into dstBlock in reverse row
+ * order (same length; no overlap).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t VK_CALL V_FlipCompressedBuffer(const void* srcBlock, void* dstBlock, int32_t rowCount);
+/* Rebuilds a bitmap's storage as packed rows (mode 0) or compressed rows
+ * (mode 1; 1-bit bitmaps only); mode 2 (super-compressed) is not
+ * available.  Rows are copied with the copy status callback.
+ * Returns: RESULT_OK (also when already in that form), RESULT_NO_BITMAP,
+ * RESULT_BAD_PARAMETER (mode), RESULT_FAIL, RESULT_WRITE_FAILED, row I/O
+ * errors, the copy status callback's value.
+ * See also: V_ToggleBitmapCompression. */
 VK_API int32_t VK_CALL V_ChangeBitmapCompression(BitmapHandle* bitmap, int32_t mode);
+/* Switches a 1-bit bitmap between packed and compressed rows.
+ * Returns: as V_ChangeBitmapCompression; RESULT_NO_BITMAP also for other
+ * depths. */
 VK_API int32_t VK_CALL V_ToggleBitmapCompression(BitmapHandle* bitmap);
+/* Makes room for bytes more in a compressed bitmap's row heap (Size
+ * follows).
+ * Returns: 1 when the heap grew, 0 when it had room or could not grow,
+ * RESULT_BAD_PARAMETER (not compressed storage).
+ * See also: V_TrimBitmapHeap. */
 VK_API int32_t VK_CALL V_GrowBitmapHeap(BitmapHandle* bitmap, uint32_t bytes);
+/* Gives back the free space at the end of the row heap but 128 bytes.
+ * Returns: 1 when the heap shrank, else 0; RESULT_BAD_PARAMETER (not
+ * compressed storage). */
 VK_API int32_t VK_CALL V_TrimBitmapHeap(BitmapHandle* bitmap);
 
-/* ===================================================================== */
-/* 7. File layer and I/O redirection                                     */
-/* ===================================================================== */
+/* ---- core/: file layer --------------------------------------------------- */
 
+/* Creates (or empties) the file name.  mode: VK_CREAT_ bits (read-only,
+ * hidden, system, deleted on close).
+ * Returns: the file, or -1.  See also: V_OsClose. */
 VK_API VK_FILE VK_CALL V_OsCreat(const char* name, int32_t mode);
+/* Opens name.  openFlags: VK_O_RDONLY / WRONLY / RDWR, with VK_O_CREAT
+ * (create or empty) or VK_O_TRUNC (empty an existing file); permission:
+ * VK_S_IREAD / VK_S_IWRITE, how others may share it.  The last word is
+ * unused (it carries the redirection table's user data).
+ * Returns: the file, or -1. */
 VK_API VK_FILE VK_CALL V_OsOpen(const char* name, int32_t openFlags, int32_t permission, intptr_t unused);
+/* Reads up to count bytes.  Returns: the bytes read, or -1. */
 VK_API int32_t VK_CALL V_OsRead(VK_FILE file, void* buffer, int32_t count, intptr_t unused);
+/* Writes count bytes; a count of 0 cuts the file at the current position.
+ * Returns: the bytes written, or -1. */
 VK_API int32_t VK_CALL V_OsWrite(VK_FILE file, const void* buffer, int32_t count, intptr_t unused);
+/* Moves to offset from origin (VK_SEEK_SET / CUR / END).
+ * Returns: the new position, or -1. */
 VK_API int32_t VK_CALL V_OsSeek(VK_FILE file, int32_t offset, int32_t origin, intptr_t unused);
+/* Closes file.  Returns: 0, or -1. */
 VK_API int32_t VK_CALL V_OsClose(VK_FILE file, intptr_t unused);
+/* Deletes the file name.  Returns: 0, or -1. */
 VK_API int32_t VK_CALL V_OsDelete(const char* name);
+/* Creates an empty file with a new name ("VQxxxx.TMP") in the thread's
+ * temp directory and writes its path into buffer (VK_MAX_PATH bytes); an
+ * empty name when that fails.  The caller deletes the file (V_OsDelete).
+ * Returns: 0, RESULT_BAD_PARAMETER (null buffer).
+ * See also: V_SetTempDirectory. */
 VK_API int32_t VK_CALL V_OsGetTempName(char* buffer);
 
+/* ---- core/: I/O redirection (per thread) -------------------------------- */
+
+/* Installs the calling thread's five file callbacks, all with the same
+ * userData; a null callback restores its V_Os call.  Callbacks are
+ * borrowed while installed.
+ * See also: V_FilterIO, V_Redirected*. */
 VK_API void    VK_CALL V_RedirectIO(VK_OPENPROC openProc, VK_READPROC readProc, VK_WRITEPROC writeProc,
                                     VK_SEEKPROC seekProc, VK_CLOSEPROC closeProc, intptr_t userData);
+/* The calling thread's file callbacks, called with their user data.
+ * Returns: what the callback returns (the V_Os calls: -1 on failure). */
 VK_API VK_FILE VK_CALL V_RedirectedOpen(const char* name, int32_t openFlags, int32_t permission);
 VK_API int32_t VK_CALL V_RedirectedRead(VK_FILE file, void* buffer, int32_t count);
 VK_API int32_t VK_CALL V_RedirectedWrite(VK_FILE file, const void* buffer, int32_t count);
 VK_API int32_t VK_CALL V_RedirectedSeek(VK_FILE file, int32_t offset, int32_t origin);
 VK_API int32_t VK_CALL V_RedirectedClose(VK_FILE file);
+/* Exchanges entries of the thread's redirection table, for a filter that
+ * wraps the callbacks in place: through every non-null pointer the current
+ * entry comes back and the value passed in replaces it (a null callback
+ * passed in leaves the entry as it is; data words are always exchanged). */
 VK_API void    VK_CALL V_FilterIO(VK_OPENPROC* openProc, VK_READPROC* readProc, VK_WRITEPROC* writeProc,
                                   VK_SEEKPROC* seekProc, VK_CLOSEPROC* closeProc,
                                   intptr_t* openData, intptr_t* readData, intptr_t* writeData,
                                   intptr_t* seekData, intptr_t* closeData);
+/* The five user-data words of the thread's table; each pointer optional. */
 VK_API void    VK_CALL V_GetFilterIOData(intptr_t* openData, intptr_t* readData, intptr_t* writeData,
                                          intptr_t* seekData, intptr_t* closeData);
+/* Redirects the thread's file calls into a memory buffer until
+ * V_StopRedirectToBuffer.  buffer: bufferSize bytes, or null; with
+ * REDIRECT_GROW or REDIRECT_SHRINK it must be a V_Os block (it is
+ * reallocated).  redirectFlags: REDIRECT_ bits; READ_ONLY or HAS_DATA
+ * means buffer already holds bufferSize bytes of data.  *context receives
+ * the library-owned context; *file (optional) the pseudo handle
+ * REDIRECT_HANDLE.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null context), RESULT_FAIL. */
 VK_API int32_t VK_CALL V_StartRedirectToBuffer(BufferRedirect** context, VK_FILE* file, uint32_t redirectFlags,
                                                void* buffer, uint32_t bufferSize);
+/* Puts back the table V_StartRedirectToBuffer replaced (stops come in the
+ * reverse order of starts) and frees context.  *buffer receives the block,
+ * which the caller owns from here on (V_OsFree if the library made it);
+ * *length the bytes of data.  Both pointers optional.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null context). */
 VK_API int32_t VK_CALL V_StopRedirectToBuffer(BufferRedirect* context, void** buffer, uint32_t* length);
 
+/* ---- core/: bitmap lists -------------------------------------------------- */
+/* A list holds records by value and owns the storage they describe. */
+
+/* Makes an empty list in *list; destroy it with V_DestroyBitmapList.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL. */
+VK_API int32_t VK_CALL V_CreateBitmapList(BitmapList* list);
+/* Frees every item's bitmap (V_FreeBitmap) and the list.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (not a list). */
+VK_API int32_t VK_CALL V_DestroyBitmapList(BitmapList list);
+/* *count receives the number of items.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
+VK_API int32_t VK_CALL V_GetBitmapListCount(BitmapList list, uint32_t* count);
+/* Copies item index into *bitmap; the list still owns its storage.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index, null). */
+VK_API int32_t VK_CALL V_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
+/* Overwrites item index with *bitmap (null: a blank record); the old
+ * item's storage is not freed, the list owns the new one's.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index). */
+VK_API int32_t VK_CALL V_SetBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
+/* Inserts *bitmap (null: a blank record) before item index (past the end:
+ * appended); the list takes over its storage.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL. */
+VK_API int32_t VK_CALL V_InsertBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
+/* Removes item index; *bitmap (optional) receives it and the caller then
+ * owns its storage.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index). */
+VK_API int32_t VK_CALL V_RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
+/* Removes and frees count items from index (fewer at the end).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (index, count 0). */
+VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, uint32_t count);
+/* Moves count items from index (fewer at the end) into a new list in
+ * *newList, which owns them from then on.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL.
+ * See also: V_CopyBitmapListItems. */
+VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
+
 /* ===================================================================== */
-/* 8. Palettes and palette lookup                                        */
+/* 3. host/ - dispatch tables of the display and file modules            */
+/* ===================================================================== */
+/* Both are process-wide: a module installs them once at its start-up,
+ * before image operations run. */
+
+/* Display dispatch table: 20 optional hooks. */
+typedef int32_t (VK_CALL* VK_DISPATCHPROC)();
+#define VK_DISPATCH_ENTRIES 20
+typedef int32_t (VK_CALL* VK_REGIONHOOK)(BitmapHandle* destination, BitmapHandle* source, int32_t dx, int32_t dy);   /* entry 2  */
+typedef int32_t (VK_CALL* VK_SCALEREGIONHOOK)(BitmapHandle* bitmap, int32_t width, int32_t height);                 /* entry 6  */
+typedef int32_t (VK_CALL* VK_ROTATEREGIONHOOK)(BitmapHandle* bitmap, int32_t oldWidth, int32_t oldHeight, int32_t angle); /* entry 13 */
+typedef int32_t (VK_CALL* VK_PIXELPOSHOOK)(BitmapHandle* bitmap, int32_t row, int32_t column);                    /* entry 17 */
+
+/* Installs all 20 entries of table (copied; the hooks stay borrowed).
+ * Entry 1 set marks the table as present.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null table).
+ * See also: V_GetDisDispatch, VK_REGIONHOOK, VK_PIXELPOSHOOK. */
+VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table);
+/* Copies the 20 entries into tableOut.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_NOT_SET (no
+ * table: entry 1 unset; nothing written). */
+VK_API int32_t VK_CALL V_GetDisDispatch(VK_DISPATCHPROC* tableOut);
+/* Runs the reset the library does when it is loaded: entries are cleared
+ * only by the first reset, before any table is installed, so a display
+ * module's table survives later calls.  Returns: RESULT_OK. */
+VK_API int32_t VK_CALL V_ResetDisDispatch(void);
+/* Stores the file module's word *value (0 means unset).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
+VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value);
+/* *valueOut receives the file module's word.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_NOT_SET. */
+VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
+
+/* ===================================================================== */
+/* 4. color/ - palettes, pixel formats, conversion, pixel access         */
 /* ===================================================================== */
 
+/* Colour value forms (V_GetPixelColor and friends). */
+#define COLOR_PALETTE_INDEX 0x01000000u
+#define COLOR_GRAY16        0x04000000u
+#define COLOR_INVALID       0x80000000u
+
+/* Row-conversion flags (V_ConvertBufferExt). */
+#define CONVERT_SRC_GRAY      1u
+#define CONVERT_DST_GRAY      2u
+#define CONVERT_SRC_BITRANGE  4u
+#define CONVERT_DST_BITRANGE  8u
+
+/* ---- color/: platform palettes -------------------------------------------- */
+/* A VK_HPALETTE made by these calls belongs to the caller: delete it with
+ * VKP_DeletePalette (vkkrn_platform.h), or attach it to a bitmap, whose
+ * V_FreeBitmap frees it. */
+
+/* A platform palette of count (1..256) entries copied from entries.
+ * Returns: the palette, or null (bad arguments, no memory). */
 VK_API VK_HPALETTE VK_CALL V_CreatePalette(const RGBQUAD* entries, int32_t count);
+/* Returns: the number of entries of palette; 0 for null. */
 VK_API int32_t     VK_CALL V_GetPaletteSize(VK_HPALETTE palette);
+/* Copies up to count entries (at most 256) from start into out.
+ * Returns: the entries copied; 0 for bad arguments. */
 VK_API int32_t     VK_CALL V_GetPaletteEntries(VK_HPALETTE palette, int32_t start, int32_t count, RGBQUAD* out);
+/* Sets up to count entries (at most 256) from start.
+ * Returns: the entries set; 0 for bad arguments. */
 VK_API int32_t     VK_CALL V_SetPaletteEntries(VK_HPALETTE palette, int32_t start, int32_t count, const RGBQUAD* entries);
+/* A palette of the screen's system colours.
+ * Returns: the palette, or null when the screen has none. */
 VK_API VK_HPALETTE VK_CALL V_CreateSystemPalette(void);
+/* A new palette with the entries of palette.  Returns: it, or null. */
 VK_API VK_HPALETTE VK_CALL V_DupPalette(VK_HPALETTE palette);
+/* The gray ramp of 2^bits entries (entry i = i * 255 / (2^bits - 1)); bits
+ * 0 means 8.  Returns: the palette, or null (bits outside 0..8). */
 VK_API VK_HPALETTE VK_CALL V_CreateGrayPalette(int32_t bits);
+/* The fixed palette of bits (1..8; 0 means 1).  Returns: it, or null. */
 VK_API VK_HPALETTE VK_CALL V_CreateFixedPalette(int32_t bits);
+/* The library's constant fixed palette of 2^bits entries (bits 1..8), or
+ * null.  Owned by the library: never freed.
+ * See also: V_GetFixedPalette. */
 VK_API const RGBQUAD* VK_CALL V_IntGetFixedPalette(int32_t bits);
+/* Copies the fixed palette of bits (1..8) into out (2^bits entries); bits
+ * 0 gives the 256-entry gray ramp.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t     VK_CALL V_GetFixedPalette(RGBQUAD* out, int32_t bits);
+
+/* ---- color/: bitmap palettes ----------------------------------------------- */
+/* A bitmap's palette is a platform palette or, with PALETTE_IS_TABLE, an
+ * owned V_Os table; the record owns it (freed by V_FreeBitmap). */
+
+/* Gives bitmap a new palette of count entries (in its current form) and
+ * sets ColorCount.  The palette held before is not freed (its owner may be
+ * elsewhere); Palette is null when the new one cannot be made.
+ * See also: V_PutBitmapColors, V_SetBitmapPalette. */
 VK_API void        VK_CALL V_CreateBitmapPalette(BitmapHandle* bitmap, const RGBQUAD* entries, int32_t count);
+/* Copies up to count palette entries from start into out.
+ * Returns: the entries copied; 0 when there is nothing to read. */
 VK_API int32_t     VK_CALL V_GetBitmapPaletteEntries(BitmapHandle* bitmap, int32_t start, int32_t count, RGBQUAD* out);
+/* As V_GetBitmapPaletteEntries for bitmaps of up to 8 bits, all count
+ * entries or a failure.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (null), RESULT_BAD_PARAMETER
+ * (count < 1, deeper bitmap, fewer entries). */
 VK_API int32_t     VK_CALL V_GetBitmapColors(BitmapHandle* bitmap, int32_t start, int32_t count, RGBQUAD* out);
+/* Replaces count entries from start (within ColorCount) of a bitmap of up
+ * to 8 bits; the new palette is made first, then the old one is freed.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER, RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_PutBitmapColors(BitmapHandle* bitmap, int32_t start, int32_t count, const RGBQUAD* entries);
+/* Replaces (and frees) the palette with the gray ramp of the bitmap's
+ * depth (1..8 bits).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null),
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_CreateBitmapGrayPalette(BitmapHandle* bitmap);
+/* Gives bitmap the fixed palette of ColorCount (2..256, a power of two)
+ * entries; the palette held before is not freed.
+ * Returns: RESULT_OK, 0 (ColorCount not such a count),
+ * RESULT_BAD_PARAMETER (null), RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_CreateBitmapFixedPalette(BitmapHandle* bitmap);
+/* A platform palette with the bitmap's entries (either form); the caller
+ * owns it.  Returns: it, or null (no palette, no memory). */
 VK_API VK_HPALETTE VK_CALL V_DupBitmapPalette(BitmapHandle* bitmap);
+/* Gives destination its own copy of source's palette (same form) and
+ * ColorCount; destination's palette before is not freed.  A source
+ * without a palette leaves destination with none.
+ * Returns: RESULT_OK, 0 (no memory; destination unchanged),
+ * RESULT_BAD_PARAMETER (null). */
 VK_API int32_t     VK_CALL V_CopyBitmapPalette(BitmapHandle* destination, BitmapHandle* source);
+/* Compares the first count (at most 256) entries' colours with entries
+ * (reserved bytes ignored).
+ * Returns: 1 when equal (also for count <= 0 or no readable palette),
+ * else 0 (also for a null bitmap). */
 VK_API int32_t     VK_CALL V_CompareBitmapToPalette(BitmapHandle* bitmap, const RGBQUAD* entries, int32_t count);
+/* Replaces (and frees) the bitmap's palette with a copy of palette (2..256
+ * entries; borrowed) in platform form.  A copy that cannot be made leaves
+ * Palette null.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (null), RESULT_BAD_PARAMETER. */
 VK_API int32_t     VK_CALL V_SetBitmapPalette(BitmapHandle* bitmap, VK_HPALETTE palette);
+/* Converts the bitmap's palette in place: type 0 a platform palette,
+ * non-zero an owned table (PALETTE_IS_TABLE).
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_FAIL. */
 VK_API int32_t     VK_CALL V_SetPaletteType(BitmapHandle* bitmap, int32_t type);
+/* Returns: the palette index nearest to color (the platform's rule); 0
+ * when the bitmap has no palette.  See also: V_FindPaletteIndex. */
 VK_API uint32_t    VK_CALL V_GetNearestPaletteIndex(BitmapHandle* bitmap, VK_COLORREF color);
 
-VK_API uint32_t  VK_CALL V_FindPaletteIndex(const RGBQUAD* palette, uint32_t colors, int32_t red, int32_t green, int32_t blue);
-VK_API uint32_t* VK_CALL V_CreateUserMatchTable(const RGBQUAD* palette, uint32_t colors);
-VK_API int32_t   VK_CALL V_FreeUserMatchTable(uint32_t* table);
-VK_API uint32_t* VK_CALL V_SetUserMatchTable(uint32_t* table);
+/* ---- color/: bitmap creation -------------------------------------------------- */
 
-/* ===================================================================== */
-/* 9. Row conversion, grayscale, pixel access                            */
-/* ===================================================================== */
+/* V_InitBitmap, V_AllocateBitmap and a palette in one call.  bitsPerPixel
+ * 0 makes 8-bit pixels with a gray palette; other depths of up to 8 bits
+ * get a copy of palette (2^bits entries; borrowed) or, when it is null,
+ * the fixed palette.  order: kept for deeper pixels (ORDER_BGR_ALT only
+ * for 24 and 48 bits).  TYPE_USER with data: V_SetBitmapDataPointer(data,
+ * dataSize).  Free the bitmap with V_FreeBitmap (also after a refused
+ * data pointer: the storage stays).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_BAD_BITS_PER_PIXEL,
+ * RESULT_BAD_AREA, RESULT_WRITE_FAILED, RESULT_FAIL. */
+VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, int32_t width, int32_t height,
+                                      int32_t bitsPerPixel, int32_t order, const RGBQUAD* palette,
+                                      int32_t viewPerspective, void* data, uint32_t dataSize);
 
+/* ---- color/: gray parameters ---------------------------------------------------- */
+
+/* The significant bits of a gray sample of bits bits: lowBit .. highBit
+ * (lowBit below 0 means 0, highBit below 0 means bits - 1), keeping at
+ * most maxBits of the top ones.  *count, *mask, *shift (each optional)
+ * receive how many bits, their mask and the right shift that brings them
+ * down.  Returns: RESULT_OK, RESULT_BAD_PARAMETER (no bits). */
+VK_API int32_t VK_CALL V_GetGrayParams(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit,
+                                       int32_t* count, uint32_t* mask, int32_t* shift);
+/* Resets LowBit, HighBit, MinValue and MaxValue to the whole sample; the
+ * gray lookup table and BITMAP_GRAY_FLAG stay.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
+VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
+/* Copies the bit range, value range, BITMAP_GRAY_FLAG and the lookup table
+ * (a new V_Os block that destination owns); destination's table before is
+ * not freed.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL (no memory;
+ * destination unchanged). */
+VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
+
+/* ---- color/: row conversion ------------------------------------------------------- */
+
+/* Converts width pixels of buffer in place from srcBits to dstBits.
+ * Depths: 0 (8-bit gray level), 1-8 (palette index), 12 and 16 (gray
+ * samples with ORDER_GRAY; 16 is also 5-5-5 colour), 24, 32, 48, 64.
+ * Orders: ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_BGR_ALT (24 and 48
+ * bits).  buffer: room for the larger row (V_CalcConvertSize).
+ * srcPalette / dstPalette: palettes of index pixels (null: the fixed
+ * palette), a 12-bit source's gray lookup table; borrowed.  flags:
+ * CONVERT_ bits; one side's BITRANGE takes lowBit .. highBit as the
+ * significant bits of its gray samples.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (nothing changed; width 0).
+ * See also: V_ConvertBuffer, V_GetGrayParams. */
 VK_API int32_t  VK_CALL V_ConvertBufferExt(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t dstBits,
                                            int32_t srcOrder, int32_t dstOrder, const RGBQUAD* srcPalette,
                                            const RGBQUAD* dstPalette, uint32_t flags, int32_t lowBit, int32_t highBit);
+/* V_ConvertBufferExt with the gray flags taken from the orders and no bit
+ * range.  Returns: RESULT_OK, RESULT_BAD_PARAMETER. */
 VK_API int32_t  VK_CALL V_ConvertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, int32_t dstBits,
                                         int32_t srcOrder, int32_t dstOrder, const RGBQUAD* srcPalette,
                                         const RGBQUAD* dstPalette);
+/* Returns: the bytes a buffer needs to convert width1 pixels of bits1 to
+ * width2 pixels of bits2 in place (depth 0 counts as 8 bits). */
 VK_API uint32_t VK_CALL V_CalcConvertSize(int32_t width1, int32_t bits1, int32_t width2, int32_t bits2);
 
+/* ---- color/: grayscale -------------------------------------------------------------- */
+
+/* Classifies count palette entries.
+ * Returns: 0 not all gray; 1 an even ramp rising from black; 2 one falling
+ * from white; 3 gray but no such ramp (one entry: 1 black, 2 white, 3
+ * other); RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_IsGrayScalePalette(const RGBQUAD* entries, int32_t count);
+/* Returns: for ORDER_GRAY bitmaps 1, or 0 when their gray lookup table in
+ * force holds a colour; for palette bitmaps what V_IsGrayScalePalette says
+ * of the palette; 0 for other bitmaps; RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_IsGrayScaleBitmap(BitmapHandle* bitmap);
+/* Converts the bitmap in place to bits (8 with a gray palette, 12 or 16
+ * with ORDER_GRAY) gray pixels in new storage of the default memory type;
+ * the old storage is freed on success.  Row loop.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER,
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_AREA, RESULT_FAIL, row I/O errors,
+ * the status callback's value.
+ * See also: V_SetDefaultMemoryType. */
 VK_API int32_t VK_CALL V_GrayScaleBitmap(BitmapHandle* bitmap, int32_t bits);
 
+/* ---- color/: pixel access --------------------------------------------------------------- */
+/* row 0 is the first stored row.  Colour values: 0x00BBGGRR,
+ * COLOR_PALETTE_INDEX | index, COLOR_GRAY16 | 16-bit level. */
+
+/* Returns: the colour of the pixel: RGB for palette and colour pixels;
+ * COLOR_GRAY16 | level for gray samples (RGB from the lookup table when
+ * one is in force); COLOR_INVALID outside the bitmap, without storage or
+ * when the read fails. */
 VK_API uint32_t VK_CALL V_GetPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column);
+/* Stores color at the pixel: palette pixels take the nearest entry (or
+ * the index form's index), gray samples the level (or the index form as a
+ * raw sample).  A display hook (dispatch entry 17) may refuse the
+ * position.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_AREA (outside),
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_PARAMETER (index form for colour
+ * pixels), RESULT_FAIL, row I/O errors. */
 VK_API int32_t  VK_CALL V_PutPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column, uint32_t color);
+/* Copies the bytes that hold the pixel (with its neighbours below 8 bits;
+ * the whole byte at 1 bit) into buffer of bufferSize bytes.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (also null buffer), RESULT_BAD_AREA,
+ * RESULT_BAD_PARAMETER (buffer too small), RESULT_FAIL (read failed). */
 VK_API int32_t  VK_CALL V_GetPixelData(BitmapHandle* bitmap, void* buffer, int32_t row, int32_t column, int32_t bufferSize);
+/* Writes those bytes back from buffer; as V_GetPixelData. */
 VK_API int32_t  VK_CALL V_PutPixelData(BitmapHandle* bitmap, const void* buffer, int32_t row, int32_t column, int32_t bufferSize);
+/* Returns: the value that names source's colour value color in
+ * destination's terms: the nearest palette index form for palette
+ * destinations, RGB for colour ones; a COLOR_GRAY16 value stays one for
+ * gray destinations (an index form when their lookup table is in force);
+ * color itself when destination is null. */
 VK_API uint32_t VK_CALL V_TranslateBitmapColor(BitmapHandle* destination, BitmapHandle* source, uint32_t color);
+/* Copies the playback values and flags; the playback colours are
+ * translated into destination's terms (V_TranslateBitmapColor).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
+VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source);
 
 /* ===================================================================== */
-/* 10. Dithering, colour count, optimised palette, colour resolution     */
+/* 5. reduce/ - palette lookup, dithering, colour count, optimiser,      */
+/*    colour resolution                                                  */
 /* ===================================================================== */
 
+/* Dithering methods. */
+#define DITHER_NONE            0
+#define DITHER_FLOYD_STEINBERG 1
+#define DITHER_STUCKI          2
+#define DITHER_BURKES          3
+#define DITHER_SIERRA          4
+#define DITHER_STEVENSON_ARCE  5
+#define DITHER_JARVIS          6
+#define DITHER_ORDERED         7
+#define DITHER_CLUSTERED       8
+
+/* Colour-resolution flags (V_ColorResBitmap). */
+#define RESOLVE_OPTIMISED              0u
+#define RESOLVE_FIXED                  1u
+#define RESOLVE_BGR                    4u
+#define RESOLVE_KEEP_SYSTEM_COLOURS    8u
+#define RESOLVE_USER_PALETTE          16u
+#define RESOLVE_USER_TABLE            32u
+#define RESOLVE_CUBE                  64u
+#define RESOLVE_GRAY                 128u
+#define RESOLVE_NO_OPTIMISER_TABLE   512u
+#define RESOLVE_FEW_POPULAR         1024u
+#define RESOLVE_ORDER5              2048u
+
+/* Row callbacks of colour resolution. */
+typedef int32_t (VK_CALL* ColorResRowCallback)(BitmapHandle* destination, uint8_t* row, int32_t lines, intptr_t userData);
+typedef int32_t (VK_CALL* ColorResListRowCallback)(BitmapHandle* destination, uint8_t* row, uint32_t itemIndex, int32_t rowNumber, int32_t lines, intptr_t userData);
+
+/* ---- reduce/: palette lookup and user match tables ----------------------- */
+/* A match table has 32768 cells, one per 5-5-5 colour (red * 1024 +
+ * green * 32 + blue), each palette index + 1 (0: not resolved yet). */
+
+/* Returns: the index of the entry of palette (colors entries) nearest to
+ * red, green, blue (exact black and white are found first); 0 for a null
+ * palette, 0xFFFFFFFF for no entries. */
+VK_API uint32_t  VK_CALL V_FindPaletteIndex(const RGBQUAD* palette, uint32_t colors, int32_t red, int32_t green, int32_t blue);
+/* A match table for palette (colors entries), every cell resolved; the
+ * caller owns it (V_FreeUserMatchTable).  Returns: it, or null. */
+VK_API uint32_t* VK_CALL V_CreateUserMatchTable(const RGBQUAD* palette, uint32_t colors);
+/* Frees a table of V_CreateUserMatchTable; null is ignored.
+ * Returns: RESULT_OK. */
+VK_API int32_t   VK_CALL V_FreeUserMatchTable(uint32_t* table);
+/* Installs table (null: none) as the calling thread's user match table
+ * (RESOLVE_USER_TABLE); borrowed while installed, and dithering fills its
+ * unresolved cells.  Returns: the table installed before, which the
+ * library never frees. */
+VK_API uint32_t* VK_CALL V_SetUserMatchTable(uint32_t* table);
+
+/* ---- reduce/: dithering ------------------------------------------------------ */
+
+/* Prepares dithering of the bitmap's rows (any depth) into outputBits-bit
+ * palette indices with the bitmap's DitheringMethod.  palette: colors
+ * (1..256) entries, copied (null: the fixed palette); entries whose
+ * reserved byte has bit 0 or 1 set are not chosen through a match table.
+ * userMatchTable (optional): a caller's table, borrowed until
+ * V_StopDithering and filled as colours resolve.  The state hangs off
+ * DitherState (a state already there is not freed).
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL. */
 VK_API int32_t VK_CALL V_StartDitheringExt(BitmapHandle* bitmap, const RGBQUAD* palette, int32_t colors,
                                            int32_t outputBits, uint32_t* userMatchTable);
+/* V_StartDitheringExt with the smallest depth that holds colors entries
+ * and no user table.  Returns: as V_StartDitheringExt. */
 VK_API int32_t VK_CALL V_StartDithering(BitmapHandle* bitmap, const RGBQUAD* palette, int32_t colors);
+/* Dithers the next row: inputRow in the bitmap's format, outputRow
+ * receives the packed indices.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null, not started). */
 VK_API int32_t VK_CALL V_DitherLine(BitmapHandle* bitmap, uint8_t* inputRow, uint8_t* outputRow);
+/* Frees the dithering state (a caller's match table stays the caller's).
+ * Returns: RESULT_OK (also when none), RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_StopDithering(BitmapHandle* bitmap);
 
+/* ---- reduce/: colour count ------------------------------------------------------ */
+
+/* Counts the distinct colours of a bitmap.  colours (optional): in *count
+ * its capacity; it receives the colours found, and the scan stops once
+ * one more than that is found.  *count receives the number found.  Row
+ * loop.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER,
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL, row I/O errors, the status
+ * callback's value. */
 VK_API int32_t VK_CALL V_GetBitmapColorCountExt(BitmapHandle* bitmap, uint32_t* count, RGBQUAD* colours);
+
+/* ---- reduce/: optimised palettes ------------------------------------------------ */
 
 /* Optimised palette for one bitmap (the optimiser the colour resolution
  * uses) and for every bitmap of a list.  *colors: in entries wanted, out
  * entries produced.  *table (optional) receives a 32768-cell match table
  * (palette position + 1 per cell) that the caller frees with V_Free.
- * *needsDither is 0 when the palette holds the source's colours exactly. */
+ * *needsDither is 0 when the palette holds the source's colours exactly.
+ * palette: room for *colors entries.  fewPopular non-zero lets dominant
+ * colours take entries of their own in small palettes too.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER,
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL, RESULT_SEEK_FAILED,
+ * RESULT_READ_FAILED.
+ * See also: V_ColorResBitmap. */
 VK_API int32_t VK_CALL V_CreateOptimizedPalette(BitmapHandle* bitmap, RGBQUAD* palette, uint32_t* colors,
                                                 uint32_t** table, int32_t* needsDither, int32_t fewPopular);
+/* As above over every item of list; RESULT_NO_BITMAP also for an empty
+ * list, RESULT_BAD_PARAMETER for a bad list or item. */
 VK_API int32_t VK_CALL V_CreateBitmapListOptPal(BitmapList list, RGBQUAD* palette, uint32_t* colors,
                                                 uint32_t** table, int32_t* needsDither, int32_t fewPopular);
 
+/* ---- reduce/: colour resolution ---------------------------------------------------- */
+
+/* Makes a bitsPerPixel (1-8, 12, 16, 24, 32, 48, 64) copy of source.
+ * destination: receives the new bitmap (what it held is not freed unless
+ * it is source, whose old storage then goes); null: rows only reach
+ * rowCallback.  flags, up to 8 bits: RESOLVE_OPTIMISED (with
+ * KEEP_SYSTEM_COLOURS, NO_OPTIMISER_TABLE, FEW_POPULAR), RESOLVE_FIXED,
+ * RESOLVE_CUBE (8 bits), RESOLVE_USER_PALETTE (+ RESOLVE_USER_TABLE: the
+ * thread's match table); deeper: RESOLVE_BGR, RESOLVE_GRAY or
+ * RESOLVE_ORDER5 pick the order.  palette or paletteHandle (not both;
+ * borrowed): the caller's entries; reserved byte 2 marks an entry the
+ * optimiser fills.  colors: entries wanted (0: 2^bits).  rowCallback: each
+ * finished row; a result other than RESULT_OK stops and is returned.
+ * Dithering follows source's DitheringMethod.  Row loop.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (also a source without
+ * storage), RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_AREA, RESULT_FAIL, row
+ * I/O errors, a callback's value. */
 VK_API int32_t VK_CALL V_ColorResBitmap(BitmapHandle* source, BitmapHandle* destination, int32_t bitsPerPixel,
                                         uint32_t flags, const RGBQUAD* palette, VK_HPALETTE paletteHandle,
                                         int32_t colors, ColorResRowCallback rowCallback, intptr_t userData);
+/* V_ColorResBitmap on every item of list in place; an optimised palette
+ * is made once for the whole list, and its chosen colours are written into
+ * palette's free entries.  rowCallback gets the item and row numbers.
+ * Items before a failing one stay converted.
+ * Returns: as V_ColorResBitmap; RESULT_NO_BITMAP for an empty list with an
+ * optimised palette. */
 VK_API int32_t VK_CALL V_ColorResBitmapListExt(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
                                                RGBQUAD* palette, VK_HPALETTE paletteHandle, int32_t colors,
                                                ColorResListRowCallback rowCallback, intptr_t userData);
+/* V_ColorResBitmapListExt without a row callback. */
 VK_API int32_t VK_CALL V_ColorResBitmapList(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
                                             RGBQUAD* palette, VK_HPALETTE paletteHandle, int32_t colors);
 
 /* ===================================================================== */
-/* 11. Duplication, copies, bitmap lists                                 */
+/* 6. geometry/ - duplication, copies of bitmaps and list items          */
 /* ===================================================================== */
 
+/* Duplication flags. */
+#define DUP_ALLOCATE     1u
+#define DUP_OWN_PALETTE  2u
+#define DUP_OWN_REGION   4u
+
+/* Makes in *destination a record like source (order, resolutions, view,
+ * playback values, palette, region) with new dimensions; no pixels are
+ * copied.  dupFlags: DUP_ALLOCATE gives it storage of source's kind;
+ * DUP_OWN_PALETTE its own palette copy, else source's is shared;
+ * DUP_OWN_REGION its own region (dispatch entry 2), else shared.  Release
+ * it with V_FreeDuplicateBitmap and the same flags.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER (destination
+ * is source), RESULT_BAD_BITS_PER_PIXEL, RESULT_BAD_AREA,
+ * RESULT_WRITE_FAILED, RESULT_FAIL, the region hook's result. */
 VK_API int32_t VK_CALL V_DupBitmapNewDim(BitmapHandle* destination, BitmapHandle* source, int32_t width,
                                          int32_t height, int32_t bitsPerPixel, uint32_t dupFlags);
+/* Frees what a duplicate made with dupFlags owns; shared palette and
+ * region are only let go.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_FreeDuplicateBitmap(BitmapHandle* bitmap, uint32_t dupFlags);
+/* Copies every row of source into destination; both have storage and the
+ * same width, height, depth and row size.  Reports to the copy status
+ * callback.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP, RESULT_BAD_PARAMETER, RESULT_FAIL,
+ * row I/O errors, the copy status callback's value. */
 VK_API int32_t VK_CALL V_CopyBitmapData(BitmapHandle* destination, BitmapHandle* source);
+/* A whole copy of source in *destination: storage of the same kind, its
+ * own palette and region, every row.  What destination held is not freed;
+ * free the copy with V_FreeBitmap.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (source without storage), and
+ * what V_DupBitmapNewDim and V_CopyBitmapData return. */
 VK_API int32_t VK_CALL V_CopyBitmap(BitmapHandle* destination, BitmapHandle* source);
+/* As V_CopyBitmap with storage of memoryType (see V_AllocateBitmap). */
 VK_API int32_t VK_CALL V_CopyBitmap2(BitmapHandle* destination, BitmapHandle* source, int32_t memoryType);
 
-VK_API int32_t VK_CALL V_CreateBitmapList(BitmapList* list);
-VK_API int32_t VK_CALL V_DestroyBitmapList(BitmapList list);
-VK_API int32_t VK_CALL V_GetBitmapListCount(BitmapList list, uint32_t* count);
-VK_API int32_t VK_CALL V_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_SetBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_InsertBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* bitmap);
-VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, uint32_t count);
+/* Copies count items from index (fewer at the end) with V_CopyBitmap into
+ * a new list in *newList; the source list is unchanged.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER, RESULT_FAIL, and what
+ * V_CopyBitmap returns.
+ * See also: V_MoveBitmapListItems. */
 VK_API int32_t VK_CALL V_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
-VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
-
-/* ===================================================================== */
-/* 12. Dispatch tables                                                   */
-/* ===================================================================== */
-
-VK_API int32_t VK_CALL V_SetDisDispatch(VK_DISPATCHPROC const* table);
-VK_API int32_t VK_CALL V_GetDisDispatch(VK_DISPATCHPROC* tableOut);
-VK_API int32_t VK_CALL V_ResetDisDispatch(void);
-VK_API int32_t VK_CALL V_SetFilDispatch(const uintptr_t* value);
-VK_API int32_t VK_CALL V_GetFilDispatch(uintptr_t* valueOut);
 
 #ifdef __cplusplus
 }

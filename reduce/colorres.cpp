@@ -10,6 +10,7 @@
 
 #include "core.h"
 #include "lookup.h"
+#include "op.h"
 #include "optimize.h"
 #include "palette_tables.h"
 #include "platform.h"
@@ -21,25 +22,38 @@ constexpr uint8_t kFreeMark = 2;  // reserved byte of an entry the optimiser may
 
 inline bool is_free(const RGBQUAD& q) { return (q.rgbReserved & 3) == kFreeMark; }
 
-enum class Selection { optimised, fixed, cube, user, bad };
+// ---- the flags ---------------------------------------------------------------------
 
-// The palette selection for destinations of up to 8 bits (bits 4 and 128
-// ignored).  256 is taken as a variant of the caller's palette.
-Selection classify(uint32_t flags, int32_t bits, bool* user_table) {
-  *user_table = false;
-  switch (flags & 1023u & ~(RESOLVE_BGR | RESOLVE_GRAY)) {
-    case 0: case 2: case 8: case 10: case 512: case 514: case 520: case 522:
-      return Selection::optimised;
-    case 1:
+// The low ten bits choose the palette of a destination of up to 8 bits; the
+// order bits of deeper destinations (BGR, gray) take no part in the choice.
+constexpr uint32_t kPaletteBits = 1023u;
+constexpr uint32_t kSelectionBits = kPaletteBits & ~(RESOLVE_BGR | RESOLVE_GRAY);
+// The value 2 means nothing of its own; the optimised palette accepts it.
+constexpr uint32_t kInertBit = 2u;
+constexpr uint32_t kOptimisedModifiers = kInertBit | RESOLVE_KEEP_SYSTEM_COLOURS | RESOLVE_NO_OPTIMISER_TABLE;
+// Selection 256 is taken as the caller's palette too.
+constexpr uint32_t kUserPaletteAlt = 256u;
+constexpr uint32_t kUserPaletteAndTable = RESOLVE_USER_PALETTE | RESOLVE_USER_TABLE;
+
+inline uint32_t selection(uint32_t flags) { return flags & kSelectionBits; }
+
+enum class Selection { optimised, fixed, cube, user, user_table, bad };
+
+// The palette selection for destinations of up to 8 bits.
+Selection classify(uint32_t flags, int32_t bits) {
+  const uint32_t sel = selection(flags);
+  if ((sel & ~kOptimisedModifiers) == RESOLVE_OPTIMISED) return Selection::optimised;
+  switch (sel) {
+    case RESOLVE_FIXED:
       return Selection::fixed;
-    case 65:
+    case RESOLVE_FIXED | RESOLVE_CUBE:
       return bits == 8 ? Selection::cube : Selection::fixed;
-    case 16: case 256:
+    case RESOLVE_USER_PALETTE:
+    case kUserPaletteAlt:
       return Selection::user;
-    case 48:
-      *user_table = true;
-      return Selection::user;
-    case 64:
+    case kUserPaletteAndTable:
+      return Selection::user_table;
+    case RESOLVE_CUBE:
       return bits == 8 ? Selection::cube : Selection::bad;
     default:
       return Selection::bad;
@@ -146,6 +160,11 @@ struct Plan {
   uint32_t count = 0;
   bool dither = true;
   uint32_t* table = nullptr;  // match table handed to the dithering engine
+  uint32_t* own = nullptr;    // the optimiser's table, when it is that one
+  Plan() = default;
+  Plan(const Plan&) = delete;
+  Plan& operator=(const Plan&) = delete;
+  ~Plan() { V_Free(own); }
 };
 
 // A snapshot of a user match table; restores the cells on failure.
@@ -188,8 +207,7 @@ int32_t plan_optimised(Plan& p, BitmapHandle* src, int32_t bits, uint32_t flags,
       V_Free(table);
       table = nullptr;
     }
-    // The caller frees the optimiser's table (it is the plan's only owned one).
-    p.table = table;
+    p.table = p.own = table;
     fill_free(l, colours, produced);
     if (needs == 0 && produced < l.free_count) {
       // The colours are exact and some free entries are unused: drop them
@@ -204,11 +222,6 @@ int32_t plan_optimised(Plan& p, BitmapHandle* src, int32_t bits, uint32_t flags,
   return RESULT_OK;
 }
 
-struct TableOwner {
-  uint32_t* table = nullptr;
-  ~TableOwner() { V_Free(table); }
-};
-
 struct RowJob {
   BitmapHandle* src;  // working copy of the source record
   BitmapHandle* dst;  // the destination being built
@@ -216,7 +229,6 @@ struct RowJob {
   int32_t bits;
   uint32_t flags;
   Plan* plan;
-  const uint32_t* own_table;  // the optimiser's table, if the plan uses it
   ColorResRowCallback callback;
   intptr_t user_data;
 };
@@ -241,7 +253,7 @@ int32_t run_rows(RowJob& j) {
   // The dithering engine writes resolved cells into a user match table; keep
   // a copy so a failed run leaves the caller's table as it was.
   TableGuard table_guard;
-  if (plan.dither && plan.table && plan.table != j.own_table) VK_TRY(table_guard.take(plan.table));
+  if (plan.dither && plan.table && plan.table != plan.own) VK_TRY(table_guard.take(plan.table));
 
   bool dithering = false;
   ScopeExit stop([&] {
@@ -272,9 +284,8 @@ int32_t run_rows(RowJob& j) {
   }
   V_CopyPlaybackParms(&dst, &src);
 
-  Progress progress(src.Height);
-  VK_TRY(progress.start());
-  for (int32_t y = 0; y < src.Height; ++y) {
+  // The last percentage is not reported again after the rows.
+  VK_TRY(op::for_each_row(op::Rows{src.Height, false, false}, [&](int32_t y) {
     const uint32_t row = static_cast<uint32_t>(y);
     if (plan.dither) {
       const int32_t got = V_GetBitmapRow(&src, input.get(), row, static_cast<int32_t>(src.BytesPerLine));
@@ -288,12 +299,10 @@ int32_t run_rows(RowJob& j) {
                                   bits <= 8 ? plan.pal : nullptr, convert_flags, src.LowBit, src.HighBit));
     }
     if (j.callback) VK_TRY(j.callback(&dst, output.get(), 1, j.user_data));
-    if (j.store) {
-      const int32_t put = V_PutBitmapRow(&dst, output.get(), row, static_cast<int32_t>(dst.BytesPerLine));
-      if (put < 0) return put;
-    }
-    VK_TRY(progress.step());
-  }
+    if (!j.store) return int32_t{RESULT_OK};
+    const int32_t put = V_PutBitmapRow(&dst, output.get(), row, static_cast<int32_t>(dst.BytesPerLine));
+    return put < 0 ? put : int32_t{RESULT_OK};
+  }));
   table_guard.commit();
   return RESULT_OK;
 }
@@ -306,33 +315,31 @@ int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, u
   if (!valid_bitmap_depth(bits)) return RESULT_BAD_PARAMETER;
   if (colors < 0) return RESULT_BAD_PARAMETER;
   uint32_t n = static_cast<uint32_t>(colors);
-  bool user_table = false;
   Selection sel = Selection::bad;
   int32_t order = ORDER_RGB;
   if (bits <= 8) {
     const uint32_t most = 1u << bits;
     if (n == 0 || n > most) n = most;
-    sel = classify(flags, bits, &user_table);
+    sel = classify(flags, bits);
     if (sel == Selection::bad) return RESULT_BAD_PARAMETER;
-    if (sel == Selection::user && !palette && !handle) return RESULT_BAD_PARAMETER;
+    if ((sel == Selection::user || sel == Selection::user_table) && !palette && !handle) return RESULT_BAD_PARAMETER;
   } else {
     order = deep_order(flags);
     if (order < 0) return RESULT_BAD_PARAMETER;
-    if ((flags & 1023u & ~(RESOLVE_BGR | RESOLVE_GRAY)) == RESOLVE_CUBE) return RESULT_BAD_PARAMETER;
+    if (selection(flags) == RESOLVE_CUBE) return RESULT_BAD_PARAMETER;
   }
 
   // Work on a copy of the caller's record; it is written back only on success.
   BitmapHandle src;
   std::memcpy(&src, source, sizeof src);
 
-  TempBitmap dst;
+  op::Scratch dst;
   VK_TRY(V_InitBitmap(dst.get(), src.Width, src.Height, bits));
   dst->ViewPerspective = src.ViewPerspective;
   dst->XResolution = src.XResolution;
   dst->YResolution = src.YResolution;
 
   Plan plan;
-  TableOwner optimiser_table;
   if (bits > 8) {
     plan.dither = false;
     dst->Order = order;
@@ -348,13 +355,13 @@ int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, u
         std::memcpy(plan.pal, color_cube(), 256 * sizeof(RGBQUAD));
         break;
       case Selection::user:
+      case Selection::user_table:
         plan.count = caller_entries(palette, handle, n, plan.pal);
         if (plan.count == 0) return RESULT_BAD_PARAMETER;
-        if (user_table) plan.table = current_user_match_table();
+        if (sel == Selection::user_table) plan.table = current_user_match_table();
         break;
       default:
         VK_TRY(plan_optimised(plan, &src, bits, flags, palette, handle, n));
-        optimiser_table.table = plan.table;
         break;
     }
     if (sel != Selection::optimised) plan.dither = true;
@@ -370,14 +377,12 @@ int32_t resolve(BitmapHandle* source, BitmapHandle* destination, int32_t bits, u
     VK_TRY(V_AllocateBitmap(dst.get(), type));
   }
 
-  RowJob job{&src, dst.get(), destination != nullptr, bits, flags, &plan, optimiser_table.table, callback, user_data};
+  RowJob job{&src, dst.get(), destination != nullptr, bits, flags, &plan, callback, user_data};
   VK_TRY(run_rows(job));
 
-  // Success: commit.
-  if (!destination) return RESULT_OK;  // the temporary bitmap goes with `dst`
-  const BitmapHandle made = dst.release();
-  if (destination == source) V_FreeBitmap(&src);
-  std::memcpy(destination, &made, sizeof made);
+  // Commit; without a destination the temporary bitmap goes with `dst`.  In
+  // place, the old storage is released through the working copy.
+  if (destination) op::hand_over(dst, destination, destination == source ? &src : nullptr);
   return RESULT_OK;
 }
 
@@ -435,10 +440,11 @@ int32_t resolve_list(BitmapList list, int32_t bits, uint32_t flags, RGBQUAD* pal
   VK_HPALETTE item_handle = handle;
   uint32_t* shared = nullptr;
   int32_t item_colors = colors;
-  const uint32_t sel = flags & 1023u & ~(RESOLVE_BGR | RESOLVE_GRAY);
+  const Selection sel = bits <= 8 ? classify(flags, bits) : Selection::bad;
 
-  if (bits <= 8 && (sel == 0 || sel == 2 || sel == 8 || sel == 10)) {
-    // One palette for the whole list.
+  if (sel == Selection::optimised && !(flags & RESOLVE_NO_OPTIMISER_TABLE)) {
+    // One palette for the whole list (with RESOLVE_NO_OPTIMISER_TABLE every
+    // item gets its own optimised palette).
     Layout l;
     lay_out(l, n, flags, palette, handle);
     uint32_t* table = nullptr;
@@ -478,11 +484,11 @@ int32_t resolve_list(BitmapList list, int32_t bits, uint32_t flags, RGBQUAD* pal
     item_palette = common;
     item_handle = nullptr;
     item_colors = static_cast<int32_t>(l.count);
-    flags = (flags & ~0x3CFu) | RESOLVE_USER_PALETTE | RESOLVE_USER_TABLE;
-  } else if (bits <= 8 && (sel == 16 || sel == 256)) {
+    flags = (flags & ~kPaletteBits) | kUserPaletteAndTable;
+  } else if (sel == Selection::user) {
     shared = static_cast<uint32_t*>(V_Calloc(kColorCells, sizeof(uint32_t)));
     if (!shared) return RESULT_FAIL;
-    flags = (flags & ~256u) | RESOLVE_USER_PALETTE | RESOLVE_USER_TABLE;
+    flags = (flags & ~kUserPaletteAlt) | kUserPaletteAndTable;
   }
 
   // The shared table serves every item; the thread's own table comes back at the end.
