@@ -13,16 +13,8 @@ namespace {
 constexpr int32_t kWidth = 4000;
 constexpr int32_t kHeight = 3000;
 
-BitmapHandle* photo() {
-  static BitmapHandle b;
-  static bool made = false;
-  if (!made) vkb::make_photo_like(b, kWidth, kHeight);
-  made = true;
-  return &b;
-}
-
 void resolve(benchmark::State& state, uint32_t flags) {
-  BitmapHandle* src = photo();
+  BitmapHandle* src = vkb::photo_like<kWidth, kHeight>();
   for (auto _ : state) {
     BitmapHandle out;
     std::memset(&out, 0, sizeof out);

@@ -2,7 +2,7 @@
 // the palette alone (best and optimised, 256 and 16 colours) and the whole
 // reduction to 8 bits (palette + Floyd-Steinberg remap).  Target for the
 // best palette: palette + remap under 0.5 s.  Quality on real photographs
-// is measured by bench/quality.sh.
+// is measured by bench/quality.py.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -16,14 +16,9 @@ constexpr int32_t kWidth = 6000;
 constexpr int32_t kHeight = 4000;
 
 BitmapHandle* photo() {
-  static BitmapHandle b;
-  static bool made = false;
-  if (!made) {
-    vkb::make_photo_like(b, kWidth, kHeight);
-    b.DitheringMethod = DITHER_FLOYD_STEINBERG;
-  }
-  made = true;
-  return &b;
+  BitmapHandle* b = vkb::photo_like<kWidth, kHeight>();
+  b->DitheringMethod = DITHER_FLOYD_STEINBERG;
+  return b;
 }
 
 void count_pixels(benchmark::State& state) {
@@ -31,25 +26,16 @@ void count_pixels(benchmark::State& state) {
       benchmark::Counter(double(kWidth) * kHeight * state.iterations() / 1e6, benchmark::Counter::kIsRate);
 }
 
-void BM_PaletteBest(benchmark::State& state) {
+// The palette alone: range(0) colours, best (range(1) = 1) or optimised.
+void BM_Palette(benchmark::State& state) {
   BitmapHandle* src = photo();
   for (auto _ : state) {
     RGBQUAD pal[256];
     uint32_t colors = static_cast<uint32_t>(state.range(0));
     int32_t needs = 0;
-    if (V_CreateBestPalette(src, nullptr, 0, pal, &colors, &needs) != RESULT_OK) state.SkipWithError("failed");
-    benchmark::DoNotOptimize(pal);
-  }
-  count_pixels(state);
-}
-
-void BM_PaletteOptimised(benchmark::State& state) {
-  BitmapHandle* src = photo();
-  for (auto _ : state) {
-    RGBQUAD pal[256];
-    uint32_t colors = static_cast<uint32_t>(state.range(0));
-    int32_t needs = 0;
-    if (V_CreateOptimizedPalette(src, pal, &colors, nullptr, &needs, 0) != RESULT_OK) state.SkipWithError("failed");
+    const int32_t r = state.range(1) ? V_CreateBestPalette(src, nullptr, 0, pal, &colors, &needs)
+                                     : V_CreateOptimizedPalette(src, pal, &colors, nullptr, &needs, 0);
+    if (r != RESULT_OK) state.SkipWithError("failed");
     benchmark::DoNotOptimize(pal);
   }
   count_pixels(state);
@@ -71,8 +57,13 @@ void BM_ReduceFloydSteinberg(benchmark::State& state) {
   count_pixels(state);
 }
 
-BENCHMARK(BM_PaletteBest)->Arg(256)->Arg(16)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_PaletteOptimised)->Arg(256)->Arg(16)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Palette)
+    ->ArgNames({"colors", "best"})
+    ->Args({256, 1})
+    ->Args({16, 1})
+    ->Args({256, 0})
+    ->Args({16, 0})
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ReduceFloydSteinberg)
     ->ArgNames({"best", "colors"})
     ->Args({1, 256})

@@ -38,4 +38,14 @@ inline void make_photo_like(BitmapHandle& b, int32_t width, int32_t height) {
   }
 }
 
+// The image of one size, made on first use and kept for the process.
+template <int32_t Width, int32_t Height>
+BitmapHandle* photo_like() {
+  static BitmapHandle b;
+  static bool made = false;
+  if (!made) make_photo_like(b, Width, Height);
+  made = true;
+  return &b;
+}
+
 }  // namespace vkb
