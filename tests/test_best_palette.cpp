@@ -124,6 +124,11 @@ TEST(BestPalette, ArgumentChecks) {
   }
   colors = 4;
   EXPECT_EQ(V_CreateBestPalette(nullptr, nullptr, 0, pal, &colors, &needs), RESULT_NO_BITMAP);
+  // The status callback's refusal stops the row loop and is returned.
+  vkt::fill_random(b.get(), 7);
+  vkt::StatusRecorder status;
+  status.refuse_at = 0;
+  EXPECT_EQ(V_CreateBestPalette(b.get(), nullptr, 0, pal, &colors, &needs), 77);
   EXPECT_EQ(V_CreateBitmapListBestPal(nullptr, nullptr, 0, pal, &colors, &needs), RESULT_BAD_PARAMETER);
 }
 
