@@ -382,6 +382,7 @@ uint32_t resolve_flags(const Settings& s, int bits, bool gray) {
         throw UsageError("--palette " + s.palette_file + " has " + std::to_string(s.palette_entries.size()) +
                          " colours, more than " + std::to_string(1 << bits) + " bits hold");
       return RESOLVE_USER_PALETTE;
+    case PaletteMode::best: return RESOLVE_BEST_PALETTE;
     case PaletteMode::optimised: break;
   }
   return RESOLVE_OPTIMISED;

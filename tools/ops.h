@@ -43,12 +43,12 @@ void progress_step(int64_t done, int64_t total);
 
 // ---- settings of one run ----
 
-enum class PaletteMode { optimised, fixed, cube, user };
+enum class PaletteMode { best, optimised, fixed, cube, user };
 
 struct Settings {
   int memory_type = TYPE_CONVENTIONAL;
   int dither = -1;  // -1: the library's default for new bitmaps
-  PaletteMode palette = PaletteMode::optimised;
+  PaletteMode palette = PaletteMode::best;
   std::string palette_file;
   std::vector<RGBQUAD> palette_entries;  // loaded from palette_file
   int colors = 0;                        // 0: 2^bits

@@ -52,7 +52,9 @@ struct OptionInfo {
 constexpr OptionInfo kSettings[] = {
     {"-o", "OUTPUT", "output file (or directory for --demo and --list)"},
     {"--dither", "METHOD", "none, fs, stucki, burkes, sierra, stevenson-arce, jarvis, ordered, clustered (or 0-8)"},
-    {"--palette", "P", "palette of --reduce: optimised (default), fixed, cube, or a palette image FILE"},
+    {"--palette", "P",
+     "palette of --reduce: best (the default: lowest colour error), optimised (the exact optimiser), fixed, "
+     "cube, or a palette image FILE"},
     {"--colors", "N", "number of palette colours --reduce may use (default 2^BITS)"},
     {"--memory-type", "N", "memory type of new bitmaps: 1 memory, 4 tiled, 8 no tiles, 128 disk, 256 no disk"},
     {"--thresholds", "R,T,S,M,P", "memory reserve, tiled threshold, tile size, memory tiles, mapped tiles (blank = keep)"},
@@ -154,7 +156,8 @@ Command parse(int argc, char** argv, bool& help, bool& version) {
     if (opt == "-o") cmd.output = value;
     else if (opt == "--dither") s.dither = parse_dither(value);
     else if (opt == "--palette") {
-      if (value == "optimised" || value == "optimized") s.palette = PaletteMode::optimised;
+      if (value == "best") s.palette = PaletteMode::best;
+      else if (value == "optimised" || value == "optimized") s.palette = PaletteMode::optimised;
       else if (value == "fixed") s.palette = PaletteMode::fixed;
       else if (value == "cube") s.palette = PaletteMode::cube;
       else s.palette = PaletteMode::user, s.palette_file = value;
@@ -366,7 +369,7 @@ struct DemoStep {
   std::string file;
   std::vector<Step> steps;
   int dither = -1;
-  PaletteMode palette = PaletteMode::optimised;
+  PaletteMode palette = PaletteMode::best;
 };
 
 std::vector<DemoStep> demo_steps() {
@@ -378,10 +381,12 @@ std::vector<DemoStep> demo_steps() {
   d.push_back({"convert-4-fixed.bmp", {{"--convert", "4"}}});
   d.push_back({"convert-16-555.bmp", {{"--convert", "16"}}});
   d.push_back({"convert-48.png", {{"--convert", "48"}}});
-  d.push_back({"reduce-8-optimised.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-8-best.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-8-optimised.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG, PaletteMode::optimised});
   d.push_back({"reduce-8-fixed.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG, PaletteMode::fixed});
   d.push_back({"reduce-8-cube.png", {{"--reduce", "8"}}, DITHER_ORDERED, PaletteMode::cube});
-  d.push_back({"reduce-4-optimised.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-4-best.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-4-optimised.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG, PaletteMode::optimised});
   d.push_back({"reduce-4-fixed.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG, PaletteMode::fixed});
   for (int m = DITHER_NONE; m <= DITHER_CLUSTERED; ++m)
     d.push_back({std::string("reduce-1-") + dither_name(m) + ".png", {{"--reduce", "1"}}, m, PaletteMode::fixed});
@@ -440,7 +445,7 @@ int run_demo(Command& cmd) {
       if (steps.size() > 4) text << " ... (" << steps.size() << " operations)";
       for (const Step& st : steps)
         if (st.option == "--reduce") {
-          static constexpr const char* kPalettes[] = {"optimised", "fixed", "cube", "file"};
+          static constexpr const char* kPalettes[] = {"best", "optimised", "fixed", "cube", "file"};
           text << " [palette " << kPalettes[static_cast<int>(s.palette)] << ", dither "
                << (s.dither >= 0 ? dither_name(s.dither) : "default") << "]";
           break;
