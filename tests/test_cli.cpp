@@ -414,6 +414,71 @@ TEST_F(CliProgram, HelpListsEveryOperationAndVersionPrints) {
   EXPECT_NE(std::string::npos, v.out.find("13.0"));
 }
 
+// Every option row's help text starts in one column, continuation lines too.
+TEST_F(CliProgram, HelpColumnsLineUp) {
+  const Outcome help = run({"--help"});
+  // The column of the first row's text; every other row has a blank just
+  // before it and text at it.
+  const size_t info = help.out.find("\n  --info ");
+  ASSERT_NE(std::string::npos, info);
+  const size_t column = help.out.find("print size", info) - info - 1;
+  std::istringstream lines(help.out.substr(info, help.out.find("\nExit status") - info));
+  std::string line;
+  size_t rows = 0;
+  while (std::getline(lines, line)) {
+    if (line.rfind("  -", 0) != 0 && line.rfind("    ", 0) != 0) continue;
+    ASSERT_GT(line.size(), column) << line;
+    EXPECT_TRUE(line[column - 1] == ' ' && line[column] != ' ') << line;
+    if (line[2] == ' ') EXPECT_EQ(column, line.find_first_not_of(' ')) << line;
+    ++rows;
+  }
+  EXPECT_GT(rows, 20u);
+  EXPECT_NE(std::string::npos, help.out.find("Floyd-Steinberg, the default"));
+}
+
+// Settings that name something missing or unsupported say what, not what
+// the library's result code would suggest.
+TEST_F(CliProgram, RefusedSettingsSayWhy) {
+  save("a.png", random_image(24, 1, {}, 2, 8, 8));
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    const char* says;
+  } kCases[] = {
+      {{path("a.png"), "--storage", "1024", "--info"}, 2, "not supported"},
+      {{"--memory-type", "1024", path("a.png"), "--info"}, 2, "not supported"},
+      {{"--temp-dir", path("missing"), path("a.png"), "--info"}, 1, "no such directory"},
+      {{"--temp-dir", path("a.png"), path("a.png"), "--info"}, 1, "not a directory"},
+  };
+  for (const auto& c : kCases) {
+    const Outcome r = run(c.args);
+    EXPECT_EQ(c.status, r.status) << c.args[1] << ": " << r.err;
+    EXPECT_NE(std::string::npos, r.err.find(c.says)) << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find("could not be obtained")) << r.err;
+    EXPECT_EQ(std::string::npos, r.err.find("RESULT_")) << r.err;
+  }
+  const Outcome tmp = run({"--temp-dir", path("missing"), path("a.png"), "--info"});
+  EXPECT_NE(std::string::npos, tmp.err.find(path("missing"))) << tmp.err;
+}
+
+TEST_F(CliProgram, BothSpellingsAreTaken) {
+  save("a.png", random_image(24, 1, {}, 3, 12, 6));
+  const std::vector<std::vector<std::string>> kRuns = {
+      {path("a.png"), "--grey", "8", path("b.png")},
+      {path("a.png"), "--convert", "8:grey", path("b.png")},
+      {path("a.png"), "--reduce", "4:grey", path("b.png")},
+      {path("a.png"), "--colours", "5", "--reduce", "4", path("b.png")},
+      {path("a.png"), "--palette", "optimized", "--reduce", "4", path("b.png")},
+      {path("a.png"), "--count-colours"},
+      {path("a.png"), "--optimized-palette", "4"},
+      {path("a.png"), "--put-pixel", "0,0=grey16:5", path("b.png")},
+  };
+  for (const auto& args : kRuns) {
+    const Outcome r = run(args);
+    EXPECT_EQ(0, r.status) << args[1] << " " << args[2] << ": " << r.err;
+  }
+}
+
 TEST_F(CliProgram, UsageErrorsExitWithTwo) {
   const std::vector<std::vector<std::string>> kBad = {
       {"--no-such-option"}, {"a.png", "b.png", "c.png"}, {"a.png", "--gray"}, {"--dither", "wobbly", "a.png"},
@@ -547,6 +612,42 @@ TEST_F(CliProgram, ReduceWithEachPaletteChoice) {
   EXPECT_EQ(2, run({path("a.png"), "--reduce", "4", "--palette", "cube", path("e.png")}).status);
 }
 
+// Every gray reduction gives gray entries only; one bit gives black and
+// white unless a palette is named; the default dithering is Floyd-Steinberg.
+TEST_F(CliProgram, ReduceDefaultsGrayAndOneBit) {
+  save("a.png", random_image(24, 1, {}, 21, 33, 17));
+  for (const char* arg : {"8:gray", "4:gray", "2:grey", "1:gray"}) {
+    ASSERT_EQ(0, run({path("a.png"), "--reduce", arg, path("g.png")}).status) << arg;
+    const Image g = load("g.png");
+    EXPECT_EQ(std::atoi(arg), g.bits) << arg;
+    for (const Colour& c : g.palette) EXPECT_TRUE(c.r == c.g && c.g == c.b) << arg;
+  }
+  ASSERT_EQ(0, run({path("a.png"), "--reduce", "1", path("bw.png")}).status);
+  const Image bw = load("bw.png");
+  ASSERT_EQ(2u, bw.palette.size());
+  EXPECT_EQ(255, bw.palette[0].r ^ bw.palette[1].r);
+  EXPECT_EQ(255, bw.palette[0].b ^ bw.palette[1].b);
+  // An asked-for palette is kept at one bit.
+  save("pal.png", random_image(1, 0, {{10, 200, 30, 0}, {90, 20, 250, 0}}, 1));
+  ASSERT_EQ(0, run({path("a.png"), "--reduce", "1", "--palette", path("pal.png"), path("p.png")}).status);
+  EXPECT_EQ(200, load("p.png").palette[0].g);
+  EXPECT_EQ(2, run({path("a.png"), "--reduce", "4:gray", "--palette", "fixed", path("x.png")}).status);
+
+  ASSERT_EQ(0, run({path("a.png"), "--reduce", "4", path("default.png")}).status);
+  ASSERT_EQ(0, run({path("a.png"), "--reduce", "4", "--dither", "fs", path("fs.png")}).status);
+  ASSERT_EQ(0, run({path("a.png"), "--reduce", "4", "--dither", "ordered", path("ordered.png")}).status);
+  EXPECT_EQ(vkimg::read_file(path("fs.png")), vkimg::read_file(path("default.png")));
+  EXPECT_NE(vkimg::read_file(path("ordered.png")), vkimg::read_file(path("default.png")));
+}
+
+TEST_F(CliProgram, DirectoryAsInputNamesIt) {
+  fs::create_directories(path("folder.png"));
+  const Outcome r = run({path("folder.png"), path("out.png")});
+  EXPECT_EQ(1, r.status);
+  EXPECT_NE(std::string::npos, r.err.find(path("folder.png") + ": is a directory")) << r.err;
+  EXPECT_EQ(std::string::npos, r.err.find("basic_")) << r.err;
+}
+
 TEST_F(CliProgram, CompressedStorageKeepsThePixels) {
   const Image bw = random_image(1, 0, {{255, 255, 255, 0}, {0, 0, 0, 0}}, 12, 70, 9);
   save("a.pbm", bw);
@@ -605,6 +706,24 @@ TEST_F(CliProgram, ListSharesOnePalette) {
   EXPECT_EQ(a.palette, b.palette);
 }
 
+// Outputs of --list never replace an input; inputs of one name from two
+// folders get numbered outputs.
+TEST_F(CliProgram, ListKeepsInputsAndNumbersSameNames) {
+  fs::create_directories(path("one"));
+  fs::create_directories(path("two"));
+  save("one/a.png", random_image(24, 1, {}, 6, 20, 10));
+  save("two/a.png", random_image(24, 1, {}, 7, 12, 14));
+  const auto before = vkimg::read_file(path("one/a.png"));
+  Outcome r = run({"--list", path("one/a.png"), path("two/a.png"), "--reduce", "8", "-o", path("one")});
+  EXPECT_EQ(2, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("would overwrite the input")) << r.err;
+  EXPECT_EQ(before, vkimg::read_file(path("one/a.png")));
+  r = run({"--list", path("one/a.png"), path("two/a.png"), "--reduce", "8", "-o", path("out")});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(20, vkimg::read_image(path("out/a.png")).width);
+  EXPECT_EQ(12, vkimg::read_image(path("out/a-2.png")).width);
+}
+
 // The library's status callback (--reduce) and the program's own row loop
 // (--convert) both stop on Ctrl-C; the test raises SIGINT from inside the run.
 TEST_F(CliProgram, CtrlCCancelsAndExitsWith130) {
@@ -639,6 +758,36 @@ TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {
   // The default picture is the same every time.
   ASSERT_EQ(0, run({"--demo", path("again"), "--demo-size", "48x32"}).status);
   EXPECT_EQ(vkimg::read_file(path("demo/default.png")), vkimg::read_file(path("again/default.png")));
+}
+
+// The demo's run-length storage works on its document page, where it pays.
+TEST_F(CliProgram, DemoCompressesADocumentPage) {
+  ASSERT_EQ(0, run({"--demo", path("demo"), "--demo-size", "640x480"}).status);
+  const std::string report = slurp(path("demo/report.txt"));
+  const size_t at = report.find("== compressed-1.pbm");
+  ASSERT_NE(std::string::npos, at);
+  auto bytes_after = [&](const char* kind, size_t from) {
+    const size_t k = report.find(kind, from);
+    return k == std::string::npos ? 0 : std::stoul(report.substr(k + std::strlen(kind)));
+  };
+  const unsigned long plain = bytes_after("storage: memory, ", at);
+  const unsigned long packed = bytes_after("storage: compressed 1-bit rows, ", at);
+  ASSERT_GT(plain, 0u);
+  ASSERT_GT(packed, 0u);
+  EXPECT_LT(packed * 4, plain * 3) << report.substr(at, 600);
+}
+
+// The demo script builds the program alone (no tests, no benchmarks).
+TEST(CliScripts, RunBuildsOnlyTheProgram) {
+  const char* src = std::getenv("VK_SOURCE_DIR");
+  if (!src) GTEST_SKIP() << "VK_SOURCE_DIR not set";
+  std::ifstream in(std::string(src) + "/scripts/run.sh");
+  std::stringstream text;
+  text << in.rdbuf();
+  const std::string s = text.str();
+  EXPECT_NE(std::string::npos, s.find("--target vkimg"));
+  EXPECT_NE(std::string::npos, s.find("-DVK_BUILD_TESTS=OFF"));
+  EXPECT_NE(std::string::npos, s.find("-DVK_BUILD_BENCH=OFF"));
 }
 
 }  // namespace

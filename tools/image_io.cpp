@@ -12,6 +12,7 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -888,6 +889,8 @@ std::vector<uint8_t> encode(const Image& image, Format format, const std::string
 }
 
 std::vector<uint8_t> read_file(const std::string& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) fail(path, "is a directory, not an image file");
   std::ifstream in(path, std::ios::binary);
   if (!in) fail(path, std::string("cannot open: ") + std::strerror(errno));
   std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());

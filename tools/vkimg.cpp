@@ -51,9 +51,11 @@ struct OptionInfo {
 };
 constexpr OptionInfo kSettings[] = {
     {"-o", "OUTPUT", "output file (or directory for --demo and --list)"},
-    {"--dither", "METHOD", "none, fs, stucki, burkes, sierra, stevenson-arce, jarvis, ordered, clustered (or 0-8)"},
-    {"--palette", "P", "palette of --reduce: optimised (default), fixed, cube, or a palette image FILE"},
-    {"--colors", "N", "number of palette colours --reduce may use (default 2^BITS)"},
+    {"--dither", "METHOD", "dithering of --reduce: fs (Floyd-Steinberg, the default), none, stucki, burkes, sierra,\n"
+     "stevenson-arce, jarvis, ordered, clustered (or 0-8)"},
+    {"--palette", "P", "palette of --reduce: optimised (default; --reduce 1: black and white), fixed, cube,\n"
+     "or a palette image FILE"},
+    {"--colors", "N", "(or --colours) number of palette colours --reduce may use (default 2^BITS)"},
     {"--memory-type", "N", "memory type of new bitmaps: 1 memory, 4 tiled, 8 no tiles, 128 disk, 256 no disk"},
     {"--thresholds", "R,T,S,M,P", "memory reserve, tiled threshold, tile size, memory tiles, mapped tiles (blank = keep)"},
     {"--temp-dir", "DIR", "where disk storage puts its temp files"},
@@ -80,6 +82,27 @@ bool setting_takes_arg(const std::string& o) {
   return false;
 }
 
+// One table row per option: the columns are as wide as the widest option
+// and argument, and a help text's further lines start under its first.
+struct HelpRow {
+  std::string option, arg, help;
+};
+
+void print_rows(std::ostream& out, const std::vector<HelpRow>& rows, size_t opt_width, size_t arg_width) {
+  for (const HelpRow& r : rows) {
+    std::string line = "  " + r.option + std::string(opt_width - r.option.size() + 1, ' ') + r.arg +
+                       std::string(arg_width - r.arg.size() + 1, ' ');
+    const std::string indent(line.size(), ' ');
+    size_t start = 0;
+    for (;;) {
+      const size_t nl = r.help.find('\n', start);
+      out << (start ? indent : line) << r.help.substr(start, nl - start) << "\n";
+      if (nl == std::string::npos) break;
+      start = nl + 1;
+    }
+  }
+}
+
 void print_help(std::ostream& out) {
   out << "usage: vkimg [SETTINGS] INPUT [OPERATIONS...] [-o] OUTPUT\n"
          "       vkimg [--demo] [DIR]\n"
@@ -87,17 +110,17 @@ void print_help(std::ostream& out) {
          "       vkimg storage WIDTHxHEIGHTxBPP [--type N] [--thresholds ...]\n"
          "       vkimg --list A B ... --reduce BITS [-o DIR]\n"
          "\nFiles: .png, .bmp, .pbm, .pgm, .ppm, .pnm (binary), chosen by extension.\n"
-         "\nOperations (run in the order given):\n";
-  char line[256];
-  for (const OpInfo& op : operations()) {
-    std::snprintf(line, sizeof line, "  %-14s %-13s %s\n", op.option, op.arg ? op.arg : "", op.help);
-    out << line;
-  }
+         "Both spellings are taken: gray/grey, colors/colours, optimised/optimized.\n";
+  std::vector<HelpRow> ops, settings;
+  for (const OpInfo& op : operations()) ops.push_back({op.option, op.arg ? op.arg : "", op.help});
+  for (const auto& st : kSettings) settings.push_back({st.option, st.arg ? st.arg : "", st.help});
+  size_t opt_width = 0, arg_width = 0;
+  for (const auto* rows : {&ops, &settings})
+    for (const HelpRow& r : *rows) opt_width = std::max(opt_width, r.option.size()), arg_width = std::max(arg_width, r.arg.size());
+  out << "\nOperations (run in the order given):\n";
+  print_rows(out, ops, opt_width, arg_width);
   out << "\nSettings:\n";
-  for (const auto& s : kSettings) {
-    std::snprintf(line, sizeof line, "  %-14s %-13s %s\n", s.option, s.arg ? s.arg : "", s.help);
-    out << line;
-  }
+  print_rows(out, settings, opt_width, arg_width);
   out << "\nExit status: 0 success, 1 failure, 2 usage error, 130 cancelled (Ctrl-C).\n";
 }
 
@@ -133,6 +156,7 @@ Command parse(int argc, char** argv, bool& help, bool& version) {
         opt = opt.substr(0, eq);
         has_value = true;
       }
+      opt = canonical_spelling(opt);
     } else if (opt.size() < 2 || opt[0] != '-') {
       cmd.positional.push_back(opt);
       continue;
@@ -154,13 +178,17 @@ Command parse(int argc, char** argv, bool& help, bool& version) {
     if (opt == "-o") cmd.output = value;
     else if (opt == "--dither") s.dither = parse_dither(value);
     else if (opt == "--palette") {
-      if (value == "optimised" || value == "optimized") s.palette = PaletteMode::optimised;
+      s.palette_given = true;
+      if (canonical_spelling(value) == "optimised") s.palette = PaletteMode::optimised;
       else if (value == "fixed") s.palette = PaletteMode::fixed;
       else if (value == "cube") s.palette = PaletteMode::cube;
       else s.palette = PaletteMode::user, s.palette_file = value;
     } else if (opt == "--colors") s.colors = static_cast<int>(parse_long(value, opt, 1, 256));
-    else if (opt == "--memory-type") s.memory_type = static_cast<int>(parse_long(value, opt, 1, 2048));
-    else if (opt == "--type") cmd.storage_type = static_cast<int>(parse_long(value, opt, 1, 2048));
+    else if (opt == "--memory-type" || opt == "--type") {
+      const long type = parse_long(value, opt, 1, 2048);
+      check_memory_type(type, opt + " " + value);
+      (opt == "--type" ? cmd.storage_type : s.memory_type) = static_cast<int>(type);
+    }
     else if (opt == "--thresholds") cmd.thresholds = value;
     else if (opt == "--temp-dir") cmd.temp_dir = value;
     else if (opt == "--demo") {
@@ -195,6 +223,11 @@ void apply_global_settings(Command& cmd) {
     check_result(V_SetMemoryThresholds(v[0], v[1], v[2], v[3], v[4], which), "--thresholds " + cmd.thresholds);
   }
   if (!cmd.temp_dir.empty()) {
+    // The library only says the path is refused; the folder is what is wrong.
+    std::error_code ec;
+    if (!fs::is_directory(cmd.temp_dir, ec))
+      throw IoError(cmd.temp_dir + ": " + (fs::exists(cmd.temp_dir, ec) ? "not a directory" : "no such directory") +
+                    " (--temp-dir)");
     check_result(V_SetTempDirectory(cmd.temp_dir.c_str()), "--temp-dir " + cmd.temp_dir);
   }
   if (cmd.settings.palette == PaletteMode::user) load_palette_file(cmd.settings);
@@ -310,8 +343,9 @@ struct ListGuard {
 };
 
 // Resolves every input with one shared palette; writes DIR/<input name>.
-void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, int bits, const Settings& settings,
-                 const std::vector<std::string>& outputs, bool quiet) {
+void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, const std::string& reduce_arg,
+                 const Settings& settings, const std::vector<std::string>& outputs, bool quiet) {
+  const ReduceRequest req = parse_reduce(reduce_arg, settings);
   ListGuard guard;
   check_result(V_CreateBitmapList(&guard.list), "creating the bitmap list");
   for (const auto& [name, img] : inputs) {
@@ -325,13 +359,11 @@ void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, int b
     check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), name + ": adding to the list");
     bm.release();  // the list owns the storage now
   }
-  const uint32_t flags = resolve_flags(settings, bits, false);
-  const bool user = bits <= 8 && settings.palette == PaletteMode::user;
-  std::vector<RGBQUAD> pal = settings.palette_entries;
-  progress_begin("--list --reduce " + std::to_string(bits));
-  check_result(V_ColorResBitmapList(guard.list, bits, flags, user ? pal.data() : nullptr, nullptr,
-                                    user ? static_cast<int32_t>(pal.size()) : settings.colors),
-               "--list --reduce " + std::to_string(bits));
+  std::vector<RGBQUAD> pal = req.palette;  // the list call may fill free entries
+  progress_begin("--list --reduce " + reduce_arg);
+  check_result(V_ColorResBitmapList(guard.list, req.bits, req.flags, pal.empty() ? nullptr : pal.data(), nullptr,
+                                    req.colors),
+               "--list --reduce " + reduce_arg);
   progress_end();
   for (uint32_t k = 0; k < inputs.size(); ++k) {
     BitmapHandle item{};
@@ -342,20 +374,39 @@ void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, int b
   }
 }
 
+// DIR/<input name> for each input.  Inputs of the same name (from different
+// folders) are numbered, a.png, a-2.png, ...; an output that would replace
+// one of the inputs is refused before anything is read.
+std::vector<std::string> list_outputs(const std::vector<std::string>& inputs, const fs::path& dir) {
+  std::vector<std::string> outputs;
+  std::vector<fs::path> taken;
+  for (const std::string& f : inputs) {
+    const fs::path name = fs::path(f).filename();
+    fs::path out = dir / name;
+    for (int k = 2; std::find(taken.begin(), taken.end(), out) != taken.end(); ++k)
+      out = dir / (name.stem().string() + "-" + std::to_string(k) + name.extension().string());
+    taken.push_back(out);
+    outputs.push_back(out.string());
+  }
+  std::error_code ec;
+  for (const std::string& o : outputs)
+    for (const std::string& in : inputs)
+      if (fs::weakly_canonical(o, ec) == fs::weakly_canonical(in, ec))
+        throw UsageError("--list: " + o + " would overwrite the input " + in + "; name another -o DIR");
+  return outputs;
+}
+
 int run_list(Command& cmd) {
   if (cmd.positional.empty()) throw UsageError("--list needs input files");
   if (cmd.steps.size() != 1 || cmd.steps[0].option != "--reduce")
     throw UsageError("--list takes exactly one operation, --reduce BITS");
-  const int bits = static_cast<int>(parse_long(cmd.steps[0].arg, "--reduce", 1, 64));
+  parse_reduce(cmd.steps[0].arg, cmd.settings);  // a bad argument is refused before any file is touched
   const fs::path dir = cmd.output.empty() ? fs::path("out") : fs::path(cmd.output);
+  const std::vector<std::string> outputs = list_outputs(cmd.positional, dir);
   fs::create_directories(dir);
   std::vector<std::pair<std::string, Image>> inputs;
-  std::vector<std::string> outputs;
-  for (const std::string& f : cmd.positional) {
-    inputs.emplace_back(f, read_image(f));
-    outputs.push_back((dir / fs::path(f).filename()).string());
-  }
-  reduce_list(inputs, bits, cmd.settings, outputs, cmd.quiet);
+  for (const std::string& f : cmd.positional) inputs.emplace_back(f, read_image(f));
+  reduce_list(inputs, cmd.steps[0].arg, cmd.settings, outputs, cmd.quiet);
   for (const std::string& o : outputs) std::cout << o << "\n";
   return kExitOk;
 }
@@ -365,8 +416,9 @@ int run_list(Command& cmd) {
 struct DemoStep {
   std::string file;
   std::vector<Step> steps;
-  int dither = -1;
+  int dither = DITHER_FLOYD_STEINBERG;
   PaletteMode palette = PaletteMode::optimised;
+  bool page = false;  // works on the document page instead of the picture
 };
 
 std::vector<DemoStep> demo_steps() {
@@ -385,10 +437,9 @@ std::vector<DemoStep> demo_steps() {
   d.push_back({"reduce-4-fixed.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG, PaletteMode::fixed});
   for (int m = DITHER_NONE; m <= DITHER_CLUSTERED; ++m)
     d.push_back({std::string("reduce-1-") + dither_name(m) + ".png", {{"--reduce", "1"}}, m, PaletteMode::fixed});
-  d.push_back({"compressed-1.pbm",
-               {{"--reduce", "1"}, {"--compress", ""}, {"--info", ""}},
-               DITHER_FLOYD_STEINBERG,
-               PaletteMode::fixed});
+  // Run-length storage pays on pages of text, not on dithered photographs.
+  d.push_back({"compressed-1.pbm", {{"--info", ""}, {"--compress", ""}, {"--info", ""}}, DITHER_FLOYD_STEINBERG,
+               PaletteMode::optimised, true});
   d.push_back({"storage-disk.png", {{"--storage", "128"}, {"--info", ""}, {"--storage", "4"}, {"--info", ""}}});
   d.push_back({"height-half.png", {{"--height", "half"}}});  // the number is filled in by run_demo
   d.push_back({"put-pixel.png", {}});                        // filled in by run_demo: a marked cross
@@ -431,10 +482,13 @@ int run_demo(Command& cmd) {
     std::cerr << "vkimg: " << what << "\n";
     status = kExitFailure;
   };
-  auto run = [&](const std::string& file, std::vector<Step> steps, Settings s) {
+  const Image page = make_demo_page(cmd.demo_width, cmd.demo_height);
+  write_image((dir / "page.pbm").string(), page);
+  std::cout << (dir / "page.pbm").string() << "\n";
+  auto run = [&](const std::string& file, std::vector<Step> steps, Settings s, const Image& input) {
     const std::string path = (dir / file).string();
     try {
-      Context ctx{to_bitmap(img, cmd.settings.memory_type), file, s, &text};
+      Context ctx{to_bitmap(input, cmd.settings.memory_type), file, s, &text};
       text << "== " << file << ":";
       for (size_t k = 0; k < steps.size() && k < 4; ++k) text << " " << steps[k].text();
       if (steps.size() > 4) text << " ... (" << steps.size() << " operations)";
@@ -487,7 +541,7 @@ int run_demo(Command& cmd) {
         d.steps.push_back({"--put-pixel", std::to_string(cx) + "," + std::to_string(cy + k) + "=#ff0000"});
       }
     }
-    run(d.file, d.steps, s);
+    run(d.file, d.steps, s, d.page ? page : img);
   }
 
   // Three tinted frames with one shared palette.
@@ -498,7 +552,7 @@ int run_demo(Command& cmd) {
     for (const auto& f : frames) outs.push_back((dir / f.first).string());
     Settings s = cmd.settings;
     s.dither = DITHER_FLOYD_STEINBERG;
-    reduce_list(frames, 8, s, outs, true);
+    reduce_list(frames, "8", s, outs, true);
     for (const auto& o : outs) std::cout << o << "\n";
   } catch (const Cancelled&) {
     throw;
