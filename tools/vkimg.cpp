@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <sstream>
 
@@ -240,10 +241,8 @@ void print_notes(const std::vector<std::string>& notes, bool quiet) {
 
 void save(BitmapHandle& bm, const std::string& path, bool quiet) {
   format_for_path(path);  // refuse an unknown extension before any work
-  progress_begin("saving " + fs::path(path).filename().string());
   std::vector<std::string> notes;
-  write_image(path, to_image(bm), &notes);
-  progress_end();
+  save_bitmap(bm, path, format_for_path(path), &notes);
   print_notes(notes, quiet);
 }
 
@@ -273,9 +272,8 @@ int run_pipeline(Command& cmd) {
     format_for_path(cmd.output);
   }
   Context ctx{Bitmap{}, input, cmd.settings, &std::cout};
-  const Image img = read_image(input);
   try {
-    ctx.bitmap = to_bitmap(img, cmd.settings.memory_type);
+    ctx.bitmap = load_bitmap(input, cmd.settings.memory_type);
     for (const Step& s : cmd.steps) run_step(ctx, s);
   } catch (const LibraryError& e) {
     throw LibraryError(input + ": " + e.what(), e.code);
@@ -295,7 +293,7 @@ int run_info_files(Command& cmd) {
   for (const std::string& f : cmd.positional) {
     try {
       Context ctx{Bitmap{}, f, cmd.settings, &std::cout};
-      ctx.bitmap = to_bitmap(read_image(f), cmd.settings.memory_type);
+      ctx.bitmap = load_bitmap(f, cmd.settings.memory_type);
       run_step(ctx, Step{"--info", ""});
     } catch (const IoError& e) {
       std::cerr << "vkimg: " << e.what() << "\n";
@@ -343,20 +341,16 @@ struct ListGuard {
 };
 
 // Resolves every input with one shared palette; writes DIR/<input name>.
-void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, const std::string& reduce_arg,
+// `load(k)` makes the bitmap of input k.
+void reduce_list(size_t count, const std::function<Bitmap(size_t)>& load, const std::string& reduce_arg,
                  const Settings& settings, const std::vector<std::string>& outputs, bool quiet) {
   const ReduceRequest req = parse_reduce(reduce_arg, settings);
   ListGuard guard;
   check_result(V_CreateBitmapList(&guard.list), "creating the bitmap list");
-  for (const auto& [name, img] : inputs) {
-    Bitmap bm;
-    try {
-      bm = to_bitmap(img, settings.memory_type);
-    } catch (const LibraryError& e) {
-      throw LibraryError(name + ": " + e.what(), e.code);
-    }
+  for (size_t k = 0; k < count; ++k) {
+    Bitmap bm = load(k);
     if (settings.dither >= 0) bm->DitheringMethod = settings.dither;
-    check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), name + ": adding to the list");
+    check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), outputs[k] + ": adding to the list");
     bm.release();  // the list owns the storage now
   }
   std::vector<RGBQUAD> pal = req.palette;  // the list call may fill free entries
@@ -365,12 +359,10 @@ void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, const
                                     req.colors),
                "--list --reduce " + reduce_arg);
   progress_end();
-  for (uint32_t k = 0; k < inputs.size(); ++k) {
+  for (uint32_t k = 0; k < count; ++k) {
     BitmapHandle item{};
     check_result(V_GetBitmapListItem(guard.list, k, &item), "reading list item " + std::to_string(k));
-    std::vector<std::string> notes;
-    write_image(outputs[k], to_image(item), &notes);
-    print_notes(notes, quiet);
+    save(item, outputs[k], quiet);
   }
 }
 
@@ -404,9 +396,15 @@ int run_list(Command& cmd) {
   const fs::path dir = cmd.output.empty() ? fs::path("out") : fs::path(cmd.output);
   const std::vector<std::string> outputs = list_outputs(cmd.positional, dir);
   fs::create_directories(dir);
-  std::vector<std::pair<std::string, Image>> inputs;
-  for (const std::string& f : cmd.positional) inputs.emplace_back(f, read_image(f));
-  reduce_list(inputs, cmd.steps[0].arg, cmd.settings, outputs, cmd.quiet);
+  const auto load = [&](size_t k) {
+    const std::string& f = cmd.positional[k];
+    try {
+      return load_bitmap(f, cmd.settings.memory_type);
+    } catch (const LibraryError& e) {
+      throw LibraryError(f + ": " + e.what(), e.code);
+    }
+  };
+  reduce_list(cmd.positional.size(), load, cmd.steps[0].arg, cmd.settings, outputs, cmd.quiet);
   for (const std::string& o : outputs) std::cout << o << "\n";
   return kExitOk;
 }
@@ -546,13 +544,12 @@ int run_demo(Command& cmd) {
 
   // Three tinted frames with one shared palette.
   try {
-    std::vector<std::pair<std::string, Image>> frames = {
-        {"list-0.png", img}, {"list-1.png", tinted(img, 40, 0, -30)}, {"list-2.png", tinted(img, -30, 10, 40)}};
+    const Image frames[] = {img, tinted(img, 40, 0, -30), tinted(img, -30, 10, 40)};
     std::vector<std::string> outs;
-    for (const auto& f : frames) outs.push_back((dir / f.first).string());
+    for (int k = 0; k < 3; ++k) outs.push_back((dir / ("list-" + std::to_string(k) + ".png")).string());
     Settings s = cmd.settings;
     s.dither = DITHER_FLOYD_STEINBERG;
-    reduce_list(frames, "8", s, outs, true);
+    reduce_list(3, [&](size_t k) { return to_bitmap(frames[k], cmd.settings.memory_type); }, "8", s, outs, true);
     for (const auto& o : outs) std::cout << o << "\n";
   } catch (const Cancelled&) {
     throw;
