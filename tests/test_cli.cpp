@@ -3,10 +3,13 @@
 #ifdef VKIMG_HAVE_TOOL
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -737,16 +740,55 @@ TEST_F(CliProgram, ListKeepsInputsAndNumbersSameNames) {
   EXPECT_EQ(12, vkimg::read_image(path("out/a-2.png")).width);
 }
 
-// The library's status callback (--reduce) and the program's own row loop
-// (--convert) both stop on Ctrl-C; the test raises SIGINT from inside the run.
-TEST_F(CliProgram, CtrlCCancelsAndExitsWith130) {
-  save("a.png", random_image(24, 1, {}, 8, 64, 64));
-  for (const char* op : {"--reduce", "--convert"}) {
-    const Outcome r = run({path("a.png"), op, "8", path("b.png")}, "VKIMG_TEST_INTERRUPT_AT=50");
-    EXPECT_EQ(130, r.status) << op << ": " << r.err;
+// Ctrl-C stops the library's status callback (--reduce), the program's own
+// row loop (--convert), loading and saving; the test raises SIGINT from
+// inside the run at the step named.  The output is written under another
+// name and renamed at the end: a cancelled run leaves no file, and an
+// existing one untouched.
+TEST_F(CliProgram, CtrlCCancelsAndExitsWith130LeavingNoOutput) {
+  // 3 MB: several blocks of rows for loading and saving.
+  save("a.bmp", random_image(24, 1, {}, 8, 1000, 1000));
+  for (const char* at : {"--reduce:50", "--convert:50", "loading:30", "saving:30"}) {
+    const std::string op = std::string(at).rfind("--", 0) == 0 ? std::string(at, std::strchr(at, ':')) : "--gray";
+    const Outcome r = run({path("a.bmp"), op, "8", path("b.png")}, std::string("VKIMG_TEST_INTERRUPT_AT=") + at);
+    EXPECT_EQ(130, r.status) << at << ": " << r.err;
     EXPECT_NE(std::string::npos, r.err.find("cancelled")) << r.err;
-    EXPECT_FALSE(fs::exists(path("b.png"))) << op;
+    EXPECT_FALSE(fs::exists(path("b.png"))) << at;
   }
+  vkimg::write_file(path("keep.ppm"), {'o', 'l', 'd'});
+  const Outcome r = run({path("a.bmp"), path("keep.ppm")}, "VKIMG_TEST_INTERRUPT_AT=saving:30");
+  EXPECT_EQ(130, r.status) << r.err;
+  EXPECT_EQ((std::vector<uint8_t>{'o', 'l', 'd'}), vkimg::read_file(path("keep.ppm")));
+  for (const auto& entry : fs::directory_iterator(dir_))
+    EXPECT_EQ(std::string::npos, entry.path().filename().string().find(".vkimg-")) << entry.path();
+}
+
+// A real Ctrl-C while the program waits for input that never comes (a pipe
+// on standard input) ends it with 130 too, and nothing is written.
+TEST_F(CliProgram, CtrlCWhileWaitingForInput) {
+  const std::string fifo = path("in.fifo");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const std::string cmd = "exec " + quote(program()) + " - " + quote(path("out.ppm")) + " <" + quote(fifo) +
+                            " 2>" + quote(path("err.txt"));
+    execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  const int fd = open(fifo.c_str(), O_WRONLY);  // waits for the program to open its end
+  ASSERT_GE(fd, 0);
+  const std::string header = "P6\n100 100\n255\n";
+  ASSERT_EQ(ssize_t(header.size()), write(fd, header.data(), header.size()));
+  usleep(200 * 1000);
+  kill(child, SIGINT);
+  int status = 0;
+  waitpid(child, &status, 0);
+  close(fd);
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(130, WEXITSTATUS(status)) << slurp(path("err.txt"));
+  EXPECT_NE(std::string::npos, slurp(path("err.txt")).find("cancelled"));
+  EXPECT_FALSE(fs::exists(path("out.ppm")));
 }
 
 TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "result_names.h"
+#include "streams.h"
 
 namespace vkimg {
 
@@ -26,11 +27,21 @@ struct ProgressState {
   std::string label;
   int shown = -1;        // percent last drawn, -1: nothing on the line
   int interrupt_at = -1;  // test hook: raise SIGINT once at this percent
+  std::string interrupt_in;  // ... of the step whose label starts so ("" = any)
   bool raised = false;
 };
 ProgressState g_progress;
 
-extern "C" void on_sigint(int) { g_interrupted = 1; }
+// The first Ctrl-C asks the running loop to stop at its next block, which
+// then unwinds and removes its temporary output.  A second one ends the
+// program at once, removing that file itself.
+extern "C" void on_sigint(int) {
+  if (g_interrupted) {
+    remove_pending_output();
+    _exit(kExitCancelled);
+  }
+  g_interrupted = 1;
+}
 
 void draw(int percent) {
   if (!g_progress.enabled || percent == g_progress.shown) return;
@@ -45,7 +56,8 @@ void draw(int percent) {
 }
 
 void maybe_test_interrupt(int percent) {
-  if (g_progress.interrupt_at >= 0 && !g_progress.raised && percent >= g_progress.interrupt_at) {
+  if (g_progress.interrupt_at >= 0 && !g_progress.raised && percent >= g_progress.interrupt_at &&
+      g_progress.label.rfind(g_progress.interrupt_in, 0) == 0) {
     g_progress.raised = true;
     std::raise(SIGINT);
   }
@@ -64,10 +76,15 @@ void install_interrupt_handling(bool show_progress) {
   struct sigaction sa {};
   sa.sa_handler = on_sigint;
   sigemptyset(&sa.sa_mask);
-  sa.sa_flags = SA_RESETHAND;  // a second Ctrl-C ends the program the usual way
   sigaction(SIGINT, &sa, nullptr);
   g_progress.enabled = show_progress;
-  if (const char* at = std::getenv("VKIMG_TEST_INTERRUPT_AT")) g_progress.interrupt_at = std::atoi(at);
+  // VKIMG_TEST_INTERRUPT_AT=[LABEL:]PERCENT, e.g. "saving:50".
+  if (const char* at = std::getenv("VKIMG_TEST_INTERRUPT_AT")) {
+    const std::string spec = at;
+    const size_t colon = spec.rfind(':');
+    if (colon != std::string::npos) g_progress.interrupt_in = spec.substr(0, colon);
+    g_progress.interrupt_at = std::atoi(spec.c_str() + (colon == std::string::npos ? 0 : colon + 1));
+  }
   V_SetStatusCallBack(status_callback, 0);
 }
 

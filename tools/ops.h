@@ -31,7 +31,7 @@ struct Cancelled : std::runtime_error {
 // Installs the SIGINT handler and the library status callback.  The handler
 // only sets a flag; the callback then answers 0, which stops the running
 // operation, and the program reports the cancellation.  A second Ctrl-C
-// ends the program at once (the handler is reset after the first).
+// ends the program at once, removing a half-written output.
 void install_interrupt_handling(bool show_progress);
 bool interrupted();
 // Names the operation the progress bar describes; an empty label ends it.

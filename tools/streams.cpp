@@ -24,6 +24,10 @@ char g_pending[PATH_MAX + 1];
 
 }  // namespace
 
+// Reads and writes are not retried after EINTR: the only signal the
+// program handles is Ctrl-C, and a read from a pipe that never comes must
+// still stop then.
+
 // ---- input ----
 
 InStream::InStream(const std::string& path) : name_(path) {
@@ -68,7 +72,6 @@ bool InStream::fill(size_t want) {
   }
   while (end_ < want) {
     const ssize_t n = ::read(fd_, buffer_.data() + end_, buffer_.size() - end_);
-    if (n < 0 && errno == EINTR) continue;
     if (n < 0) error_ = std::strerror(errno);
     if (n <= 0) break;
     end_ += static_cast<size_t>(n);
@@ -93,7 +96,6 @@ size_t InStream::read(void* dst, size_t n) {
   // Large reads go straight into the caller's memory.
   while (done < n && error_.empty()) {
     const ssize_t r = ::read(fd_, out + done, std::min<size_t>(n - done, size_t(1) << 30));
-    if (r < 0 && errno == EINTR) continue;
     if (r < 0) error_ = std::strerror(errno);
     if (r <= 0) break;
     done += static_cast<size_t>(r);
@@ -148,7 +150,6 @@ void OutStream::flush() {
   size_t done = 0;
   while (done < used_) {
     const ssize_t n = ::write(fd_, buffer_.data() + done, used_ - done);
-    if (n < 0 && errno == EINTR) continue;
     if (n <= 0) fail(name_, std::string("write error: ") + std::strerror(n < 0 ? errno : EIO));
     done += static_cast<size_t>(n);
   }
@@ -176,7 +177,6 @@ void OutStream::write(const void* src, size_t n) {
   size_t done = 0;
   while (done < n) {
     const ssize_t w = ::write(fd_, in + done, std::min<size_t>(n - done, size_t(1) << 30));
-    if (w < 0 && errno == EINTR) continue;
     if (w <= 0) fail(name_, std::string("write error: ") + std::strerror(w < 0 ? errno : EIO));
     done += static_cast<size_t>(w);
   }

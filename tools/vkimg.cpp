@@ -624,6 +624,10 @@ int main(int argc, char** argv) {
     return kExitFailure;
   } catch (const IoError& e) {
     progress_end();
+    if (interrupted()) {  // a read or write that Ctrl-C broke off
+      std::cerr << "vkimg: cancelled: " << e.what() << "\n";
+      return kExitCancelled;
+    }
     std::cerr << "vkimg: " << e.what() << "\n";
     return kExitFailure;
   } catch (const fs::filesystem_error& e) {
