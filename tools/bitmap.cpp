@@ -234,63 +234,106 @@ Bitmap to_bitmap(const Image& img, int memory_type) {
   return bm;
 }
 
+namespace {
+
+// The decoder's current page into a new bitmap.
+Bitmap read_page(Decoder& dec, int memory_type) {
+  const ImageInfo& info = dec.info();
+  Bitmap bm = create_bitmap(info, memory_type);
+  BitmapHandle& h = *bm.get();
+  const RowMap map = row_map(h, dec.bottom_up());
+  const size_t line = h.BytesPerLine;
+  StorageView view(h);
+  if (view.direct() && line == info.stride()) {
+    // Straight into the storage; an interlaced file takes it all at once.
+    const int32_t block = dec.whole_image() ? h.Height : block_rows(line);
+    for (int32_t k = 0; k < h.Height; k += block) {
+      const int32_t n = std::min(block, h.Height - k);
+      dec.read_rows(view.row(map(k)), map.step * static_cast<ptrdiff_t>(line), n);
+      progress_step(k + n, h.Height);
+    }
+    return bm;
+  }
+  const size_t stride = info.stride();
+  const int32_t block = dec.whole_image() ? h.Height : block_rows(stride);
+  std::vector<uint8_t> buffer(static_cast<size_t>(block) * stride);
+  for (int32_t k = 0; k < h.Height; k += block) {
+    const int32_t n = std::min(block, h.Height - k);
+    dec.read_rows(buffer.data(), static_cast<ptrdiff_t>(stride), n);
+    for (int32_t i = 0; i < n; ++i) {
+      const int32_t r = V_PutBitmapRow(&h, buffer.data() + static_cast<size_t>(i) * stride,
+                                       static_cast<uint32_t>(map(k + i)), static_cast<int32_t>(line));
+      if (r < 0) throw LibraryError("cannot write row " + std::to_string(map(k + i)) + ": " + describe_result(r), r);
+    }
+    progress_step(k + n, h.Height);
+  }
+  return bm;
+}
+
+void write_page(Encoder& enc, BitmapHandle& bm, const ImageInfo& info) {
+  RowSource src(bm, info, enc.bottom_up());
+  for (int32_t k = 0; k < bm.Height; k += src.block()) {
+    const int32_t n = std::min(src.block(), bm.Height - k);
+    ptrdiff_t stride = 0;
+    const uint8_t* rows = src.rows(k, n, &stride);
+    enc.write_rows(rows, stride, n);
+    progress_step(k + n, bm.Height);
+  }
+}
+
+ImageInfo page_info(BitmapHandle& bm) {
+  ImageInfo info = saved_info(bm);
+  info.alpha = alpha_used(bm, info);
+  return info;
+}
+
+}  // namespace
+
 Bitmap load_bitmap(const std::string& path, int memory_type) {
   InStream in(path);
   auto dec = open_decoder(in);
-  const ImageInfo& info = dec->info();
-  Bitmap bm = create_bitmap(info, memory_type);
-  BitmapHandle& h = *bm.get();
   progress_begin("loading " + file_label(path));
-  const RowMap map = row_map(h, dec->bottom_up());
-  const size_t line = h.BytesPerLine;
-  {
-    StorageView view(h);
-    if (view.direct() && line == info.stride()) {
-      // Straight into the storage; an interlaced file takes it all at once.
-      const int32_t block = dec->whole_image() ? h.Height : block_rows(line);
-      for (int32_t k = 0; k < h.Height; k += block) {
-        const int32_t n = std::min(block, h.Height - k);
-        dec->read_rows(view.row(map(k)), map.step * static_cast<ptrdiff_t>(line), n);
-        progress_step(k + n, h.Height);
-      }
-    } else {
-      const size_t stride = info.stride();
-      const int32_t block = dec->whole_image() ? h.Height : block_rows(stride);
-      std::vector<uint8_t> buffer(static_cast<size_t>(block) * stride);
-      for (int32_t k = 0; k < h.Height; k += block) {
-        const int32_t n = std::min(block, h.Height - k);
-        dec->read_rows(buffer.data(), static_cast<ptrdiff_t>(stride), n);
-        for (int32_t i = 0; i < n; ++i) {
-          const int32_t r = V_PutBitmapRow(&h, buffer.data() + static_cast<size_t>(i) * stride,
-                                           static_cast<uint32_t>(map(k + i)), static_cast<int32_t>(line));
-          if (r < 0) throw LibraryError("cannot write row " + std::to_string(map(k + i)) + ": " + describe_result(r), r);
-        }
-        progress_step(k + n, h.Height);
-      }
-    }
-  }
+  Bitmap bm = read_page(*dec, memory_type);
   dec->finish();
   progress_end();
   return bm;
 }
 
-void save_bitmap(BitmapHandle& bm, const std::string& path, Format format, std::vector<std::string>* notes) {
-  ImageInfo info = saved_info(bm);
-  info.alpha = alpha_used(bm, info);
+std::vector<Bitmap> load_pages(const std::string& path, int memory_type) {
+  InStream in(path);
+  auto dec = open_decoder(in);
+  std::vector<Bitmap> pages;
+  do {
+    progress_begin("loading " + file_label(path) + (pages.empty() ? "" : " page " + std::to_string(pages.size() + 1)));
+    pages.push_back(read_page(*dec, memory_type));
+    dec->finish();
+  } while (dec->next_page());
+  progress_end();
+  return pages;
+}
+
+void save_bitmaps(const std::vector<BitmapHandle*>& pages, const std::string& path, Format format,
+                  const EncodeOptions& options, std::vector<std::string>* notes) {
+  if (pages.empty()) throw IoError(path + ": nothing to save");
+  ImageInfo info = page_info(*pages[0]);
   progress_begin("saving " + file_label(path));
   OutStream out(path);
-  auto enc = open_encoder(out, format, info, notes);
-  RowSource src(bm, info, enc->bottom_up());
-  for (int32_t k = 0; k < bm.Height; k += src.block()) {
-    const int32_t n = std::min(src.block(), bm.Height - k);
-    ptrdiff_t stride = 0;
-    const uint8_t* rows = src.rows(k, n, &stride);
-    enc->write_rows(rows, stride, n);
-    progress_step(k + n, bm.Height);
+  auto enc = open_encoder(out, format, info, notes, options);
+  for (size_t k = 0; k < pages.size(); ++k) {
+    if (k > 0) {
+      info = page_info(*pages[k]);
+      enc->add_page(info);
+    }
+    write_page(*enc, *pages[k], info);
   }
   enc->finish();
   out.commit();
   progress_end();
+}
+
+void save_bitmap(BitmapHandle& bm, const std::string& path, Format format, const EncodeOptions& options,
+                 std::vector<std::string>* notes) {
+  save_bitmaps({&bm}, path, format, options, notes);
 }
 
 }  // namespace vkimg

@@ -53,7 +53,14 @@ Bitmap load_bitmap(const std::string& path, int memory_type);
 // Writes the bitmap's rows to a file ("-": standard output) the same way.
 // The file appears only when complete (see OutStream).  Depths the codecs
 // have no layout for (12-bit gray, order 5) are converted row by row.
-void save_bitmap(BitmapHandle& bm, const std::string& path, Format format, std::vector<std::string>* notes);
+void save_bitmap(BitmapHandle& bm, const std::string& path, Format format, const EncodeOptions& options,
+                 std::vector<std::string>* notes);
+
+// Every page of a file (TIFF may hold several; other formats one).
+std::vector<Bitmap> load_pages(const std::string& path, int memory_type);
+// Several bitmaps as the pages of one file (TIFF; other formats take one).
+void save_bitmaps(const std::vector<BitmapHandle*>& pages, const std::string& path, Format format,
+                  const EncodeOptions& options, std::vector<std::string>* notes);
 
 // Storage row of the seen row y (view perspectives 0 and 2 only).
 int32_t storage_row(const BitmapHandle& bm, int32_t y);

@@ -59,6 +59,12 @@ void row_to_bgr8(const ImageInfo& info, const uint8_t* row, uint8_t* out, bool a
 std::unique_ptr<Decoder> open_png(InStream& in);
 std::unique_ptr<Decoder> open_pnm(InStream& in);
 std::unique_ptr<Decoder> open_bmp(InStream& in);
+std::unique_ptr<Decoder> open_jpeg(InStream& in);
+std::unique_ptr<Decoder> open_tiff(InStream& in);
+std::unique_ptr<Encoder> jpeg_encoder(OutStream& out, const ImageInfo& info, const EncodeOptions& options,
+                                      std::vector<std::string>* notes);
+std::unique_ptr<Encoder> tiff_encoder(OutStream& out, const ImageInfo& info, const EncodeOptions& options,
+                                      std::vector<std::string>* notes);
 std::unique_ptr<Encoder> png_encoder(OutStream& out, const ImageInfo& info, std::vector<std::string>* notes);
 std::unique_ptr<Encoder> pnm_encoder(OutStream& out, Format format, const ImageInfo& info,
                                      std::vector<std::string>* notes);

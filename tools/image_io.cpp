@@ -231,12 +231,13 @@ Image decode_all(InStream& in) {
   }
 }
 
-void encode_all(OutStream& out, const Image& image, Format format, std::vector<std::string>* notes) {
+void encode_all(OutStream& out, const Image& image, Format format, std::vector<std::string>* notes,
+                const EncodeOptions& options = {}) {
   check_layout(image, out.name());
   if (image.data.size() < image.stride() * static_cast<size_t>(image.height)) fail(out.name(), "picture has no pixels");
   ImageInfo info = image;
   info.alpha = alpha_is_used(image);
-  auto enc = open_encoder(out, format, info, notes);
+  auto enc = open_encoder(out, format, info, notes, options);
   const auto stride = static_cast<ptrdiff_t>(image.stride());
   if (enc->bottom_up()) enc->write_rows(image.row(image.height - 1), -stride, image.height);
   else enc->write_rows(image.data.data(), stride, image.height);
@@ -264,8 +265,10 @@ Format format_for_path(const std::string& path) {
   if (ext == "ppm") return Format::ppm;
   if (ext == "pnm") return Format::pnm;
   if (ext == "bmp" || ext == "dib") return Format::bmp;
+  if (ext == "jpg" || ext == "jpeg" || ext == "jpe") return Format::jpeg;
+  if (ext == "tif" || ext == "tiff") return Format::tiff;
   throw IoError(path + ": unknown file type" + (ext.empty() ? "" : " '." + ext + "'") +
-                " (use .png, .pbm, .pgm, .ppm, .pnm or .bmp)");
+                " (use .png, .jpg, .tif, .pbm, .pgm, .ppm, .pnm or .bmp)");
 }
 
 const char* format_name(Format f) {
@@ -276,6 +279,8 @@ const char* format_name(Format f) {
     case Format::ppm: return "PPM";
     case Format::pnm: return "PNM";
     case Format::bmp: return "BMP";
+    case Format::jpeg: return "JPEG";
+    case Format::tiff: return "TIFF";
   }
   return "?";
 }
@@ -286,16 +291,23 @@ std::unique_ptr<Decoder> open_decoder(InStream& in) {
   if (n >= 8 && png_sig_cmp(p, 0, 8) == 0) return codec::open_png(in);
   if (n >= 2 && p[0] == 'B' && p[1] == 'M') return codec::open_bmp(in);
   if (n >= 2 && p[0] == 'P' && p[1] >= '1' && p[1] <= '6') return codec::open_pnm(in);
+  if (n >= 3 && p[0] == 0xFF && p[1] == 0xD8 && p[2] == 0xFF) return codec::open_jpeg(in);
+  if (n >= 4 && ((p[0] == 'I' && p[1] == 'I' && p[2] == 42 && p[3] == 0) || (p[0] == 'M' && p[1] == 'M' && p[2] == 0 && p[3] == 42)))
+    return codec::open_tiff(in);
   if (!in.error().empty()) fail(in.name(), "read error: " + in.error());
-  fail(in.name(), n == 0 ? "empty file" : "not an image file this program reads (PNG, BMP, PBM, PGM, PPM)");
+  fail(in.name(), n == 0 ? "empty file" : "not an image file this program reads (PNG, JPEG, TIFF, BMP, PBM, PGM, PPM)");
 }
 
+void Encoder::add_page(const ImageInfo&) { throw IoError("this file format holds one image; use .tif for several"); }
+
 std::unique_ptr<Encoder> open_encoder(OutStream& out, Format format, const ImageInfo& info,
-                                      std::vector<std::string>* notes) {
+                                      std::vector<std::string>* notes, const EncodeOptions& options) {
   check_layout(info, out.name());
   switch (format) {
     case Format::png: return codec::png_encoder(out, info, notes);
     case Format::bmp: return codec::bmp_encoder(out, info, notes);
+    case Format::jpeg: return codec::jpeg_encoder(out, info, options, notes);
+    case Format::tiff: return codec::tiff_encoder(out, info, options, notes);
     default: return codec::pnm_encoder(out, format, info, notes);
   }
 }
@@ -306,12 +318,12 @@ Image decode(const std::vector<uint8_t>& bytes, Format, const std::string& name)
 }
 
 std::vector<uint8_t> encode(const Image& image, Format format, const std::string& name,
-                            std::vector<std::string>* notes) {
+                            std::vector<std::string>* notes, const EncodeOptions& options) {
   std::vector<uint8_t> bytes;
   try {
     OutStream out(&bytes);
     out.set_name(name);
-    encode_all(out, image, format, notes);
+    encode_all(out, image, format, notes, options);
   } catch (const std::bad_alloc&) {
     fail(name, "out of memory");
   }

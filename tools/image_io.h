@@ -1,6 +1,7 @@
 // image_io.h - the command-line program's own image file codec.
 //
-// PNG (through libpng), binary PNM (P4, P5, P6) and BMP, decoded and encoded
+// PNG (libpng), JPEG (libjpeg-turbo), TIFF (libtiff), binary PNM (P4, P5,
+// P6) and BMP, decoded and encoded
 // a block of rows at a time in the library's own row layouts, so that rows
 // move between a file and a bitmap with no whole-image copy in between.
 // The codec does not call the library; it only shares its row layouts.
@@ -65,7 +66,14 @@ struct Image : ImageInfo {
   void set_index(int x, int y, uint32_t index);
 };
 
-enum class Format { png, pbm, pgm, ppm, pnm, bmp };
+enum class Format { png, pbm, pgm, ppm, pnm, bmp, jpeg, tiff };
+
+// How lossy and compressing formats write.
+enum class TiffCompression { automatic, none, packbits, lzw, deflate, g3, g4 };
+struct EncodeOptions {
+  int quality = 90;  // JPEG, 1-100
+  TiffCompression tiff = TiffCompression::automatic;  // 1-bit: G4, else LZW
+};
 
 class InStream;
 class OutStream;
@@ -100,6 +108,9 @@ class Decoder {
   virtual void read_rows(uint8_t* dst, ptrdiff_t stride, int count) = 0;
   // Reads what follows the last row (a corrupt trailer is an error).
   virtual void finish() {}
+  // Moves to the file's next page (TIFF), after all rows of this one were
+  // read; false when there is none.
+  virtual bool next_page() { return false; }
 
  protected:
   ImageInfo info_;
@@ -112,6 +123,8 @@ class Encoder {
   // The next `count` rows in the order bottom_up() says, in info's layout.
   virtual void write_rows(const uint8_t* src, ptrdiff_t stride, int count) = 0;
   virtual void finish() {}
+  // Starts another page (TIFF) after all rows of this one were written.
+  virtual void add_page(const ImageInfo&);
 };
 
 // The format is recognised from the first bytes; throws IoError naming the input.
@@ -119,7 +132,7 @@ std::unique_ptr<Decoder> open_decoder(InStream& in);
 // Narrowing a picture the format cannot hold (for example 48 bits into BMP)
 // is described in *notes.  The header is written at once.
 std::unique_ptr<Encoder> open_encoder(OutStream& out, Format format, const ImageInfo& info,
-                                      std::vector<std::string>* notes);
+                                      std::vector<std::string>* notes, const EncodeOptions& options = {});
 
 // ---- whole pictures ----
 
@@ -129,7 +142,7 @@ Image decode(const std::vector<uint8_t>& bytes, Format format, const std::string
 // Encoding may have to narrow a picture the format cannot hold (for example
 // 48 bits into BMP); each such change is described in *notes.
 std::vector<uint8_t> encode(const Image& image, Format format, const std::string& name,
-                            std::vector<std::string>* notes = nullptr);
+                            std::vector<std::string>* notes = nullptr, const EncodeOptions& options = {});
 
 Image read_image(const std::string& path);
 void write_image(const std::string& path, const Image& image, std::vector<std::string>* notes = nullptr);

@@ -55,6 +55,8 @@ struct Settings {
   std::string palette_file;
   std::vector<RGBQUAD> palette_entries;  // loaded from palette_file
   int colors = 0;                        // 0: 2^bits
+  std::string format;                    // --format: output type, else by extension
+  EncodeOptions encode;                  // --quality, --compression
 };
 
 // One operation of a pipeline: the option as typed and its argument.

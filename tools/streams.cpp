@@ -198,6 +198,12 @@ void OutStream::commit() {
   g_pending[0] = 0;
 }
 
+int OutStream::seekable_fd() {
+  if (temp_.empty() || !own_fd_) return -1;
+  flush();
+  return fd_;
+}
+
 void remove_pending_output() noexcept {
   if (g_pending[0]) ::unlink(g_pending);
 }

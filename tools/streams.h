@@ -37,6 +37,9 @@ class InStream {
   // Up to n (<= kStreamBuffer) bytes ahead without consuming them.
   size_t peek(const uint8_t** p, size_t n);
   const std::string& error() const { return error_; }
+  // A regular file's descriptor, for codecs that must seek (TIFF), with the
+  // stream's own reading left behind; -1 for pipes and memory.
+  int seekable_fd() const { return own_fd_ && file_left_ >= 0 ? fd_ : -1; }
 
  private:
   bool fill(size_t want);
@@ -64,6 +67,9 @@ class OutStream {
   void write(const void* src, size_t n);  // throws IoError
   // Flushes, closes and renames the temporary file over the target.
   void commit();
+  // For codecs that must seek (TIFF): the temporary file's descriptor, with
+  // everything written so far flushed; -1 for standard output and memory.
+  int seekable_fd();
 
  private:
   void flush();

@@ -60,6 +60,10 @@ constexpr OptionInfo kSettings[] = {
     {"--memory-type", "N", "memory type of new bitmaps: 1 memory, 4 tiled, 8 no tiles, 128 disk, 256 no disk"},
     {"--thresholds", "R,T,S,M,P", "memory reserve, tiled threshold, tile size, memory tiles, mapped tiles (blank = keep)"},
     {"--temp-dir", "DIR", "where disk storage puts its temp files"},
+    {"--format", "TYPE", "type of the output (png, jpg, tif, bmp, pbm, pgm, ppm, pnm); needed for - (standard output)"},
+    {"--quality", "N", "JPEG quality, 1-100 (default 90)"},
+    {"--compression", "C", "TIFF compression: none, packbits, lzw, deflate, g3, g4\n"
+     "(default: g4 for black and white, else lzw)"},
     {"--demo", "[DIR]", "run every operation on the built-in picture, outputs into DIR (default out/)"},
     {"--demo-size", "WxH", "size of the built-in picture (default 2048x1536)"},
     {"--list", nullptr, "treat every input as one list: --reduce them with one shared palette into -o DIR"},
@@ -109,8 +113,10 @@ void print_help(std::ostream& out) {
          "       vkimg [--demo] [DIR]\n"
          "       vkimg info FILE...\n"
          "       vkimg storage WIDTHxHEIGHTxBPP [--type N] [--thresholds ...]\n"
-         "       vkimg --list A B ... --reduce BITS [-o DIR]\n"
-         "\nFiles: .png, .bmp, .pbm, .pgm, .ppm, .pnm (binary), chosen by extension.\n"
+         "       vkimg --list A B ... --reduce BITS [-o DIR | -o FILE.tif]\n"
+         "\nFiles: .png, .jpg, .tif, .bmp, .pbm, .pgm, .ppm, .pnm (binary): read by their content,\n"
+         "written by the output's extension (or --format).  - is standard input or output.\n"
+         "A multi-page TIFF is read as a --list; --list -o FILE.tif writes one page per image.\n"
          "Both spellings are taken: gray/grey, colors/colours, optimised/optimized.\n";
   std::vector<HelpRow> ops, settings;
   for (const OpInfo& op : operations()) ops.push_back({op.option, op.arg ? op.arg : "", op.help});
@@ -191,6 +197,16 @@ Command parse(int argc, char** argv, bool& help, bool& version) {
       (opt == "--type" ? cmd.storage_type : s.memory_type) = static_cast<int>(type);
     }
     else if (opt == "--thresholds") cmd.thresholds = value;
+    else if (opt == "--format") {
+      format_for_path("." + value);  // a type it does not know is refused now
+      s.format = value;
+    } else if (opt == "--quality") s.encode.quality = static_cast<int>(parse_long(value, opt, 1, 100));
+    else if (opt == "--compression") {
+      static constexpr const char* kNames[] = {"auto", "none", "packbits", "lzw", "deflate", "g3", "g4"};
+      const auto* at = std::find_if(std::begin(kNames), std::end(kNames), [&](const char* n) { return value == n; });
+      if (at == std::end(kNames)) throw UsageError("--compression: none, packbits, lzw, deflate, g3 or g4");
+      s.encode.tiff = static_cast<TiffCompression>(at - std::begin(kNames));
+    }
     else if (opt == "--temp-dir") cmd.temp_dir = value;
     else if (opt == "--demo") {
       cmd.demo_flag = true;
@@ -239,10 +255,16 @@ void print_notes(const std::vector<std::string>& notes, bool quiet) {
   for (const std::string& n : notes) std::cerr << "vkimg: note: " << n << "\n";
 }
 
-void save(BitmapHandle& bm, const std::string& path, bool quiet) {
-  format_for_path(path);  // refuse an unknown extension before any work
+// The format of an output: --format, else the name's extension.
+Format output_format(const Settings& s, const std::string& path) {
+  if (!s.format.empty()) return format_for_path("." + s.format);
+  if (path == "-") throw UsageError("standard output needs --format (png, jpg, tif, bmp, ppm, ...)");
+  return format_for_path(path);
+}
+
+void save(BitmapHandle& bm, const std::string& path, const Settings& s, bool quiet) {
   std::vector<std::string> notes;
-  save_bitmap(bm, path, format_for_path(path), &notes);
+  save_bitmap(bm, path, output_format(s, path), s.encode, &notes);
   print_notes(notes, quiet);
 }
 
@@ -269,7 +291,7 @@ int run_pipeline(Command& cmd) {
         throw UsageError(s.option + " changes the image, but no output file is named");
     if (cmd.steps.empty()) cmd.steps.push_back(Step{"--info", ""});
   } else {
-    format_for_path(cmd.output);
+    output_format(cmd.settings, cmd.output);  // refuse an unknown type before any work
   }
   Context ctx{Bitmap{}, input, cmd.settings, &std::cout};
   try {
@@ -283,7 +305,7 @@ int run_pipeline(Command& cmd) {
     rethrow_for(input, e);
   }
   if (interrupted()) throw Cancelled(input + ": cancelled");
-  if (!cmd.output.empty()) save(*ctx.bitmap.get(), cmd.output, cmd.quiet);
+  if (!cmd.output.empty()) save(*ctx.bitmap.get(), cmd.output, cmd.settings, cmd.quiet);
   return kExitOk;
 }
 
@@ -341,16 +363,16 @@ struct ListGuard {
 };
 
 // Resolves every input with one shared palette; writes DIR/<input name>.
-// `load(k)` makes the bitmap of input k.
-void reduce_list(size_t count, const std::function<Bitmap(size_t)>& load, const std::string& reduce_arg,
-                 const Settings& settings, const std::vector<std::string>& outputs, bool quiet) {
+// Resolves every bitmap with one shared palette, then writes each to its
+// output, or all as the pages of one file when one output is named.
+void reduce_list(std::vector<Bitmap> items, const std::string& reduce_arg, const Settings& settings,
+                 const std::vector<std::string>& outputs, bool quiet) {
   const ReduceRequest req = parse_reduce(reduce_arg, settings);
   ListGuard guard;
   check_result(V_CreateBitmapList(&guard.list), "creating the bitmap list");
-  for (size_t k = 0; k < count; ++k) {
-    Bitmap bm = load(k);
+  for (Bitmap& bm : items) {
     if (settings.dither >= 0) bm->DitheringMethod = settings.dither;
-    check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), outputs[k] + ": adding to the list");
+    check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), "adding to the list");
     bm.release();  // the list owns the storage now
   }
   std::vector<RGBQUAD> pal = req.palette;  // the list call may fill free entries
@@ -359,20 +381,28 @@ void reduce_list(size_t count, const std::function<Bitmap(size_t)>& load, const 
                                     req.colors),
                "--list --reduce " + reduce_arg);
   progress_end();
-  for (uint32_t k = 0; k < count; ++k) {
-    BitmapHandle item{};
-    check_result(V_GetBitmapListItem(guard.list, k, &item), "reading list item " + std::to_string(k));
-    save(item, outputs[k], quiet);
+  std::vector<BitmapHandle> done(items.size());
+  for (uint32_t k = 0; k < items.size(); ++k)
+    check_result(V_GetBitmapListItem(guard.list, k, &done[k]), "reading list item " + std::to_string(k));
+  if (outputs.size() == 1 && done.size() > 1) {
+    std::vector<BitmapHandle*> pages;
+    for (BitmapHandle& h : done) pages.push_back(&h);
+    std::vector<std::string> notes;
+    save_bitmaps(pages, outputs[0], output_format(settings, outputs[0]), settings.encode, &notes);
+    print_notes(notes, quiet);
+    return;
   }
+  for (size_t k = 0; k < done.size(); ++k) save(done[k], outputs[k], settings, quiet);
 }
 
-// DIR/<input name> for each input.  Inputs of the same name (from different
-// folders) are numbered, a.png, a-2.png, ...; an output that would replace
-// one of the inputs is refused before anything is read.
-std::vector<std::string> list_outputs(const std::vector<std::string>& inputs, const fs::path& dir) {
+// DIR/<name> for each name.  Same names (inputs from different folders)
+// are numbered, a.png, a-2.png, ...; an output that would replace one of
+// the inputs is refused.
+std::vector<std::string> list_outputs(const std::vector<std::string>& names, const fs::path& dir,
+                                      const std::vector<std::string>& inputs) {
   std::vector<std::string> outputs;
   std::vector<fs::path> taken;
-  for (const std::string& f : inputs) {
+  for (const std::string& f : names) {
     const fs::path name = fs::path(f).filename();
     fs::path out = dir / name;
     for (int k = 2; std::find(taken.begin(), taken.end(), out) != taken.end(); ++k)
@@ -384,27 +414,48 @@ std::vector<std::string> list_outputs(const std::vector<std::string>& inputs, co
   for (const std::string& o : outputs)
     for (const std::string& in : inputs)
       if (fs::weakly_canonical(o, ec) == fs::weakly_canonical(in, ec))
-        throw UsageError("--list: " + o + " would overwrite the input " + in + "; name another -o DIR");
+        throw UsageError("--list: " + o + " would overwrite the input " + in + "; name another -o");
   return outputs;
 }
 
+bool is_tiff_name(const fs::path& p) {
+  std::string ext = p.extension().string();
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext == ".tif" || ext == ".tiff";
+}
+
+// The pages of every input (a TIFF may hold several) become the list's
+// items; -o names a folder for one file per item, or one .tif for all.
 int run_list(Command& cmd) {
   if (cmd.positional.empty()) throw UsageError("--list needs input files");
   if (cmd.steps.size() != 1 || cmd.steps[0].option != "--reduce")
     throw UsageError("--list takes exactly one operation, --reduce BITS");
   parse_reduce(cmd.steps[0].arg, cmd.settings);  // a bad argument is refused before any file is touched
-  const fs::path dir = cmd.output.empty() ? fs::path("out") : fs::path(cmd.output);
-  const std::vector<std::string> outputs = list_outputs(cmd.positional, dir);
-  fs::create_directories(dir);
-  const auto load = [&](size_t k) {
-    const std::string& f = cmd.positional[k];
+  const fs::path target = cmd.output.empty() ? fs::path("out") : fs::path(cmd.output);
+  const bool one_file = is_tiff_name(target) && !fs::is_directory(target);
+  // Refused before anything is read: an output over an input.
+  list_outputs(one_file ? std::vector<std::string>{target.filename().string()} : cmd.positional,
+               one_file ? target.parent_path() : target, cmd.positional);
+  std::vector<Bitmap> items;
+  std::vector<std::string> names;
+  for (const std::string& f : cmd.positional) {
+    std::vector<Bitmap> pages;
     try {
-      return load_bitmap(f, cmd.settings.memory_type);
+      pages = load_pages(f, cmd.settings.memory_type);
     } catch (const LibraryError& e) {
       throw LibraryError(f + ": " + e.what(), e.code);
     }
-  };
-  reduce_list(cmd.positional.size(), load, cmd.steps[0].arg, cmd.settings, outputs, cmd.quiet);
+    const fs::path name = fs::path(f).filename();
+    for (size_t k = 0; k < pages.size(); ++k) {
+      items.push_back(std::move(pages[k]));
+      names.push_back(k == 0 ? name.string()
+                             : name.stem().string() + "-page" + std::to_string(k + 1) + name.extension().string());
+    }
+  }
+  const std::vector<std::string> outputs =
+      one_file ? std::vector<std::string>{target.string()} : list_outputs(names, target, cmd.positional);
+  if (!one_file) fs::create_directories(target);
+  reduce_list(std::move(items), cmd.steps[0].arg, cmd.settings, outputs, cmd.quiet);
   for (const std::string& o : outputs) std::cout << o << "\n";
   return kExitOk;
 }
@@ -500,7 +551,7 @@ int run_demo(Command& cmd) {
       text << "\n";
       for (const Step& st : steps) run_step(ctx, st);
       notes.clear();
-      save(*ctx.bitmap.get(), path, true);
+      save(*ctx.bitmap.get(), path, s, true);
       std::cout << path << "\n";
     } catch (const Cancelled&) {
       throw;
@@ -549,7 +600,9 @@ int run_demo(Command& cmd) {
     for (int k = 0; k < 3; ++k) outs.push_back((dir / ("list-" + std::to_string(k) + ".png")).string());
     Settings s = cmd.settings;
     s.dither = DITHER_FLOYD_STEINBERG;
-    reduce_list(3, [&](size_t k) { return to_bitmap(frames[k], cmd.settings.memory_type); }, "8", s, outs, true);
+    std::vector<Bitmap> items;
+    for (const Image& f : frames) items.push_back(to_bitmap(f, cmd.settings.memory_type));
+    reduce_list(std::move(items), "8", s, outs, true);
     for (const auto& o : outs) std::cout << o << "\n";
   } catch (const Cancelled&) {
     throw;
