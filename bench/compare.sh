@@ -30,7 +30,7 @@ if [ ${#need[@]} -gt 0 ]; then
 fi
 
 cmake -S "$root" -B "$root/build/release" -DCMAKE_BUILD_TYPE=Release -DVK_BUILD_TESTS=OFF -DVK_BUILD_BENCH=OFF >/dev/null
-cmake --build "$root/build/release" --target vkimg -j"$(nproc 2>/dev/null || echo 2)" >/dev/null
+cmake --build "$root/build/release" --target vkimg -j"$(nproc 2>/dev/null || echo 2)" >"$work/results/build.log" 2>&1 || { cat "$work/results/build.log"; exit 1; }
 VK="$root/build/release/tools/vkimg --no-progress"
 
 # Debian caps ImageMagick at 256 MiB of pixel cache: lift it for 24 megapixels.

@@ -111,13 +111,8 @@ class BmpDecoder final : public Decoder {
 
  private:
   void take(uint8_t* dst, size_t n, int rows) {
-    if (in_.read_exact(dst, n)) {
-      done_ += rows;
-      return;
-    }
-    if (!in_.error().empty()) fail(in_.name(), "read error: " + in_.error());
-    fail(in_.name(), "truncated: pixel data ends in row " + std::to_string(done_ + 1) + " of " +
-                         std::to_string(info_.height));
+    read_raster(in_, dst, n, done_, info_.height);
+    done_ += rows;
   }
 
   InStream& in_;

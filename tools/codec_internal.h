@@ -32,6 +32,14 @@ inline uint32_t ppm_from_dpi(int dpi) {
   return ppm > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(ppm);
 }
 
+// Reads n bytes of raster that begin in row `row` (0-based) of `height`;
+// a short read is an error naming the row.
+inline void read_raster(InStream& in, uint8_t* dst, size_t n, int row, int height) {
+  if (in.read_exact(dst, n)) return;
+  if (!in.error().empty()) fail(in.name(), "read error: " + in.error());
+  fail(in.name(), "truncated: pixel data ends in row " + std::to_string(row + 1) + " of " + std::to_string(height));
+}
+
 // Refuses geometry a header claims beyond what the program handles, before
 // anything is allocated.
 void check_size(const std::string& name, int64_t width, int64_t height, int bits);
