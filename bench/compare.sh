@@ -6,6 +6,7 @@
 #
 #   bench/compare.sh                      # every operation, every peer
 #   OPS="noop gray" PEERS="vips netpbm" RUNS=3 bench/compare.sh
+#   REUSE=1 bench/compare.sh              # time vkimg again, keep the peers' earlier results
 #
 # Peers come from Debian's packages and are installed when missing.  Inputs:
 # $BENCH_DATA/photo.ppm (default bench-work/data, made here when missing).
@@ -127,7 +128,9 @@ for op in $OPS; do
     cmd=${C[$op|$pr]-}; [ -n "$cmd" ] || continue
     runs=$RUNS; warm=$WARMUP; [ -n "${SLOW[$op|$pr]-}" ] && { runs=${SLOW[$op|$pr]}; warm=0; }
     json="$work/results/${op}__${pr}.json"
-    if ! hyperfine --style basic --warmup "$warm" --runs "$runs" --command-name "$pr" --export-json "$json" \
+    if [ -n "${REUSE-}" ] && [ "$pr" != vkimg ] && [ -s "$json" ]; then
+      :  # the peer's earlier timing stands
+    elif ! hyperfine --style basic --warmup "$warm" --runs "$runs" --command-name "$pr" --export-json "$json" \
          --output=null -- "$cmd" >/dev/null 2>&1; then
       echo "compare: $op / $pr failed: $cmd" >&2; continue
     fi
