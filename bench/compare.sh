@@ -112,7 +112,7 @@ C[count|pil]=$(pil "print(len(im.getcolors(1 << 24)))")
 ALL_OPS="noop gray bw_ordered bw_fs q256_fs q256 cube_ordered count"
 ALL_PEERS="im gm vips netpbm pil"
 OPS=${OPS:-$ALL_OPS}; PEERS=${PEERS:-$ALL_PEERS}
-# What the issue asks: reading/writing and gray within 1.2x of the fastest
+# The targets: reading/writing and gray within 1.2x of the fastest
 # peer; every colour reduction at least 5x faster than the fastest peer.
 declare -A TARGET=([noop]="<=1.2" [gray]="<=1.2" [bw_ordered]="<=0.2" [bw_fs]="<=0.2" [q256_fs]="<=0.2"
                    [q256]="<=0.2" [cube_ordered]="<=0.2" [count]="-")

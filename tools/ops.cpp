@@ -80,10 +80,10 @@ void install_interrupt_handling(bool show_progress) {
   g_progress.enabled = show_progress;
   // VKIMG_TEST_INTERRUPT_AT=[LABEL:]PERCENT, e.g. "saving:50".
   if (const char* at = std::getenv("VKIMG_TEST_INTERRUPT_AT")) {
-    const std::string spec = at;
-    const size_t colon = spec.rfind(':');
-    if (colon != std::string::npos) g_progress.interrupt_in = spec.substr(0, colon);
-    g_progress.interrupt_at = std::atoi(spec.c_str() + (colon == std::string::npos ? 0 : colon + 1));
+    const std::string hook = at;
+    const size_t colon = hook.rfind(':');
+    if (colon != std::string::npos) g_progress.interrupt_in = hook.substr(0, colon);
+    g_progress.interrupt_at = std::atoi(hook.c_str() + (colon == std::string::npos ? 0 : colon + 1));
   }
   V_SetStatusCallBack(status_callback, 0);
 }
