@@ -1,8 +1,6 @@
 // bitmap.cpp - codec pictures in and out of library bitmaps.
 #include "bitmap.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
@@ -89,15 +87,6 @@ class StorageView {
     if (locked_) V_UnlockBitmap(&bm_, keep_);
   }
   bool direct() const { return base_ != nullptr; }
-  // Fresh storage is faulted in a page at a time as the file fills it;
-  // large pages make that a few hundred faults instead of tens of
-  // thousands (a hint: the kernel may ignore it).
-  void prefer_large_pages() const {
-    const size_t page = size_t(2) << 20;
-    const auto begin = (reinterpret_cast<uintptr_t>(base_) + page - 1) & ~uintptr_t(page - 1);
-    const auto end = (reinterpret_cast<uintptr_t>(base_) + size_t(bm_.BytesPerLine) * size_t(bm_.Height)) & ~uintptr_t(page - 1);
-    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
-  }
   uint8_t* row(int32_t storage_row) const { return base_ + static_cast<size_t>(storage_row) * bm_.BytesPerLine; }
 
  private:
@@ -255,7 +244,6 @@ Bitmap read_page(Decoder& dec, int memory_type) {
   const RowMap map = row_map(h, dec.bottom_up());
   const size_t line = h.BytesPerLine;
   StorageView view(h);
-  if (view.direct()) view.prefer_large_pages();
   if (view.direct() && line == info.stride()) {
     // Straight into the storage; an interlaced file takes it all at once.
     const int32_t block = dec.whole_image() ? h.Height : block_rows(line);
