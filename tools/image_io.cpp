@@ -99,6 +99,15 @@ void row_to_rgb(const ImageInfo& info, const uint8_t* row, uint8_t* out, bool wi
     for (int x = 0; x < w; ++x, row += n, out += 3) out[0] = row[r], out[1] = row[1], out[2] = row[b];
     return;
   }
+  if (wide && (info.bits == 48 || info.bits == 64)) {  // little-endian samples to big-endian
+    const int n = info.bits / 16, r = bgr ? 2 : 0, b = bgr ? 0 : 2;
+    for (int x = 0; x < w; ++x, row += 2 * n, out += 6) {
+      out[0] = row[2 * r + 1], out[1] = row[2 * r];
+      out[2] = row[3], out[3] = row[2];
+      out[4] = row[2 * b + 1], out[5] = row[2 * b];
+    }
+    return;
+  }
   if (!wide && info.bits <= 8) {
     for (int x = 0; x < w; ++x, out += 3) {
       const uint32_t i = index_in_row(row, info.bits, x);
