@@ -33,7 +33,7 @@ template <int B>
 struct PaletteReader {
   const uint8_t* fold;  // index -> first index with the same colour
   const RGBQUAD* pal;   // 256 entries, zero past ColorCount
-  uint32_t key(const uint8_t* row, uint32_t x) const { return fold[packed_pixel<B>(row, x)]; }
+  uint32_t key(const uint8_t* row, uint32_t x) const { return fold[Indexed<B>::pixel(row, x)]; }
   RGBQUAD colour(const uint8_t*, uint32_t, uint32_t k) const {
     return quad(pal[k].rgbRed, pal[k].rgbGreen, pal[k].rgbBlue);
   }
@@ -80,7 +80,7 @@ struct GrayReader {
       if ((x & 1) == 0) return (static_cast<uint32_t>(row[o]) | (static_cast<uint32_t>(row[o + 1]) << 8)) & 0xFFF;
       return (static_cast<uint32_t>(row[o + 1]) | (static_cast<uint32_t>(row[o + 2]) << 8)) >> 4;
     } else {
-      return packed_pixel<B>(row, x);
+      return Indexed<B>::pixel(row, x);
     }
   }
   uint32_t key(const uint8_t* row, uint32_t x) const { return (sample(row, x) >> shift) & mask; }

@@ -52,7 +52,7 @@ namespace {
 template <int B>
 struct PaletteCells {
   const uint16_t* cell_of_index;  // 256 entries
-  uint32_t operator()(const uint8_t* row, uint32_t x) const { return cell_of_index[packed_pixel<B>(row, x)]; }
+  uint32_t operator()(const uint8_t* row, uint32_t x) const { return cell_of_index[Indexed<B>::pixel(row, x)]; }
 };
 
 template <bool RedHigh>
