@@ -9,10 +9,10 @@
 // Stage values are one of: uint8_t (palette index or 8-bit gray level),
 // uint16_t (a gray sample of `count` bits, or a finished destination gray
 // word), Rgb8 (8-bit channels) and Rgb16 (16-bit channels).  Decoders and
-// encoders are the pixel-format layer's runs (pixel_format.h), transforms are
-// templates here; all are specialised per depth and colour order and the
-// plan picks one of each per call, so the only indirect calls are
-// three per chunk, never per pixel.
+// encoders are the pixel-format layer's runs for the source and destination
+// layouts (pixel_format.h); transforms are templates here.  The plan picks
+// one of each per call, so the only indirect calls are a few per chunk,
+// never per pixel.
 //
 // In place: when the destination pixel is wider than the source pixel the
 // chunks are taken from the end of the row to its start, otherwise from the
@@ -60,55 +60,7 @@ struct Ctx {
   MatchCache* cache = nullptr;
 };
 
-using DecodeFn = void (*)(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c);
 using XformFn = void (*)(const void* in, void* out, uint32_t n, const Ctx& c);
-using EncodeFn = void (*)(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx& c);
-
-// ---- decoders and encoders: the pixel-format layer's runs behind one signature ----
-
-template <class F>
-void dec_index(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  F::run(buf, start, n, static_cast<uint8_t*>(out));
-}
-template <class F>
-void dec_sample(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c) {
-  F::run(buf, start, n, static_cast<uint16_t*>(out), SampleRange{c.src_shift, c.src_mask});
-}
-// 12-bit gray through a source palette: the masked sample indexes it and the
-// entry's colour is used.
-void dec_gray12_lut(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c) {
-  Rgb8* o = static_cast<Rgb8*>(out);
-  const SampleRange r{c.src_shift, c.src_mask};
-  for (uint32_t i = 0; i < n; ++i) {
-    const RGBQUAD& e = c.src_palette[r(Gray12::pixel(buf, start + i))];
-    o[i] = Rgb8{e.rgbRed, e.rgbGreen, e.rgbBlue};
-  }
-}
-template <class F>
-void dec_rgb8(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  F::run(buf, start, n, static_cast<Rgb8*>(out));
-}
-template <class F>
-void dec_rgb16(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  F::run16(buf, start, n, static_cast<Rgb16*>(out));
-}
-
-template <class F>
-void enc_index(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  F::put_run(buf, start, n, static_cast<const uint8_t*>(in));
-}
-template <class F>
-void enc_sample(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  F::put_run(buf, start, n, static_cast<const uint16_t*>(in));
-}
-template <class F>
-void enc_rgb8(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  F::put_run(buf, start, n, static_cast<const Rgb8*>(in));
-}
-template <class F>
-void enc_rgb16(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  F::put_run16(buf, start, n, static_cast<const Rgb16*>(in));
-}
 
 // ---- transforms ------------------------------------------------------------------
 
@@ -137,6 +89,17 @@ void xf_tc16(const void* in, void* out, uint32_t n, const Ctx& c) {
   const In* a = static_cast<const In*>(in);
   Rgb16* o = static_cast<Rgb16*>(out);
   for (uint32_t i = 0; i < n; ++i) o[i] = c.tc16[a[i] & 255];
+}
+
+// 12-bit gray through a source palette: the masked sample indexes it and the
+// entry's colour is used.
+void xf_sample_palette(const void* in, void* out, uint32_t n, const Ctx& c) {
+  const uint16_t* a = static_cast<const uint16_t*>(in);
+  Rgb8* o = static_cast<Rgb8*>(out);
+  for (uint32_t i = 0; i < n; ++i) {
+    const RGBQUAD& e = c.src_palette[a[i]];
+    o[i] = Rgb8{e.rgbRed, e.rgbGreen, e.rgbBlue};
+  }
 }
 
 // Gray sample of src_count bits to a destination gray of dst_count bits:
@@ -203,9 +166,10 @@ void xf_rgb8_match(const void* in, void* out, uint32_t n, const Ctx& c) {
 // ---- plan ----------------------------------------------------------------------
 
 struct Plan {
-  DecodeFn decode = nullptr;
+  RunDecode decode = nullptr;
+  XformFn pre = nullptr;    // a source palette applied to the decoded values
   XformFn xform = nullptr;  // null: the encoder takes the decoder's values as they are
-  EncodeFn encode = nullptr;
+  RunEncode encode = nullptr;
   bool backwards = false;
   bool nothing = false;     // the row is already in the destination format
   bool alt_in = false;      // 24-bit second colour space -> BGR before converting
@@ -223,24 +187,6 @@ enum class SrcKind {
 
 // Destination classes.
 enum class DstKind { level, index, gray, rgb8, rgb16 };
-
-// The colour encoder of a depth and order: 16-bit channels for 48 and 64
-// bits, 8-bit channels below.
-EncodeFn colour_encoder(int32_t bits, bool bgr) {
-  return with_colour(bits, bgr, [](auto f) -> EncodeFn {
-    using F = decltype(f);
-    if constexpr (F::kWide) return enc_rgb16<F>;
-    else return enc_rgb8<F>;
-  });
-}
-// The colour decoder; `wide` asks for 16-bit channels (48 and 64 bits only).
-DecodeFn colour_decoder(int32_t bits, bool bgr, bool wide) {
-  return with_colour(bits, bgr, [wide](auto f) -> DecodeFn {
-    using F = decltype(f);
-    if constexpr (F::kWide) return wide ? dec_rgb16<F> : dec_rgb8<F>;
-    else return dec_rgb8<F>;
-  });
-}
 
 // Storage width of a pixel in bits, for the walk direction (0 = gray byte).
 int32_t pixel_bits(int32_t bits) { return bits == 0 ? 8 : bits; }
@@ -384,14 +330,12 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     sk = SrcKind::index;
     pal = sp ? sp : fixed_palette(sb);
     pal_colors = 1u << sb;
-    plan.decode = with_indexed(sb, [](auto f) -> DecodeFn { return dec_index<decltype(f)>; });
     if (sb == 8 && db == 8) {
       const RGBQUAD* d = dp ? dp : fixed_palette(8);
       if (std::memcmp(pal, d, 256 * sizeof(RGBQUAD)) == 0) plan.nothing = true;
     }
   } else if (sb == 0) {
     sk = SrcKind::level;
-    plan.decode = dec_index<Level>;
     if (db == 0) plan.nothing = true;
   } else if (sb == 12 || sgray16) {
     // Gray samples.  The sample keeps at most the bits the destination holds:
@@ -407,11 +351,10 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     ctx.src_count = r.count;
     ctx.src_mask = r.mask;
     ctx.src_shift = uint32_t(r.shift > 31 ? 31 : r.shift);
-    plan.decode = sb == 12 ? dec_sample<Gray12> : dec_sample<Gray16>;
     if (lut) {
       sk = SrcKind::rgb8;
       ctx.src_palette = sp;
-      plan.decode = dec_gray12_lut;
+      plan.pre = xf_sample_palette;
     } else {
       sk = SrcKind::sample;
     }
@@ -420,11 +363,9 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
       plan.nothing = true;
   } else if (sb == 16) {
     sk = SrcKind::rgb8;
-    plan.decode = colour_decoder(sb, sbgr, false);
     if (db == 16 && !dst_gray_word && so == dor) plan.nothing = true;
   } else if (sb == 24 || sb == 32) {
     sk = SrcKind::rgb8;
-    plan.decode = colour_decoder(sb, sbgr, false);
     if (sb == 24) {
       plan.alt_in = so == ORDER_BGR_ALT && dor != ORDER_BGR_ALT;
       plan.alt_out = so != ORDER_BGR_ALT && dor == ORDER_BGR_ALT && alt_ok;
@@ -433,22 +374,16 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     // for the channel positions, and is left alone when both sides use it).
     if (db == sb && sbgr == dbgr && !plan.alt_in && !plan.alt_out) plan.nothing = true;
   } else {  // 48, 64
-    // In 8-bit channels the high byte of each channel is read.
     sk = dk == DstKind::rgb16 ? SrcKind::rgb16 : SrcKind::rgb8;
-    plan.decode = colour_decoder(sb, sbgr, dk == DstKind::rgb16);
     if (db == sb && sbgr == dbgr) plan.nothing = true;
   }
 
-  // ---- the destination --------------------------------------------------------------
-  switch (dk) {
-    case DstKind::level: plan.encode = enc_index<Level>; break;
-    case DstKind::index:
-      plan.encode = with_indexed(db, [](auto f) -> EncodeFn { return enc_index<decltype(f)>; });
-      break;
-    case DstKind::gray: plan.encode = db == 12 ? enc_sample<Gray12> : enc_sample<Gray16>; break;
-    case DstKind::rgb8:
-    case DstKind::rgb16: plan.encode = colour_encoder(db, dbgr); break;
-  }
+  // ---- decoder and encoder: the layouts' runs --------------------------------------
+  // 16-bit channels are read as 8-bit ones (their high bytes) unless the
+  // destination keeps 16-bit channels.
+  const RunCodec& src_codec = run_codec(sb, (sb == 12 || sgray16) ? kGray : sbgr ? kBgr : kRgb);
+  plan.decode = sk == SrcKind::rgb8 && src_codec.decode8 ? src_codec.decode8 : src_codec.decode;
+  plan.encode = run_codec(db, dst_gray_word ? kGray : dbgr ? kBgr : kRgb).encode;
 
   if (width < 1) return RESULT_OK;
   if (plan.nothing) return RESULT_OK;
@@ -562,13 +497,19 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
 
   alignas(16) unsigned char stage_a[kChunk * sizeof(Rgb16)];
   alignas(16) unsigned char stage_b[kChunk * sizeof(Rgb16)];
+  const SampleRange range{ctx.src_shift, ctx.src_mask};
   auto step = [&](size_t start, uint32_t n) {
-    plan.decode(buf, start, n, stage_a, ctx);
+    if (plan.pre) {
+      plan.decode(buf, start, n, stage_b, range);
+      plan.pre(stage_b, stage_a, n, ctx);
+    } else {
+      plan.decode(buf, start, n, stage_a, range);
+    }
     if (plan.xform) {
       plan.xform(stage_a, stage_b, n, ctx);
-      plan.encode(buf, start, n, stage_b, ctx);
+      plan.encode(buf, start, n, stage_b);
     } else {
-      plan.encode(buf, start, n, stage_a, ctx);
+      plan.encode(buf, start, n, stage_a);
     }
   };
   if (plan.backwards) {
