@@ -156,14 +156,11 @@ struct Indexed {
 // word at byte 3m+1.
 struct Gray12 {
   static constexpr Form kForm = Form::sample;
-  static uint32_t pixel(const uint8_t* row, size_t x) {
-    const uint8_t* p = row + (x >> 1) * 3 + (x & 1);
-    return (x & 1) ? le16(p) >> 4 : le16(p) & 0xFFFu;
-  }
-  static void put(uint8_t* row, size_t x, uint32_t v) {
-    uint8_t* p = row + (x >> 1) * 3 + (x & 1);
+  // The sample whose word starts at p (byte 3m for even, 3m+1 for odd pixels).
+  static uint32_t at(const uint8_t* p, bool odd) { return odd ? le16(p) >> 4 : le16(p) & 0xFFFu; }
+  static void put_at(uint8_t* p, bool odd, uint32_t v) {
     v &= 0xFFFu;
-    if (x & 1) {
+    if (odd) {
       p[0] = uint8_t((p[0] & 0x0Fu) | ((v & 15u) << 4));
       p[1] = uint8_t(v >> 4);
     } else {
@@ -171,6 +168,8 @@ struct Gray12 {
       p[1] = uint8_t((p[1] & 0xF0u) | (v >> 8));
     }
   }
+  static uint32_t pixel(const uint8_t* row, size_t x) { return at(row + (x >> 1) * 3 + (x & 1), x & 1); }
+  static void put(uint8_t* row, size_t x, uint32_t v) { put_at(row + (x >> 1) * 3 + (x & 1), x & 1, v); }
 };
 
 // 16-bit gray samples, little-endian.
