@@ -70,7 +70,7 @@ void to_values(const uint8_t* src, uint16_t* out, int32_t width, const Stage1& g
 
 template <class F>
 void pack_values(const uint16_t* v, uint8_t* dst, int32_t width) {
-  for (int32_t i = 0; i < width; ++i) F::put(dst, i, v[i]);
+  put_values<F>(dst, 0, static_cast<uint32_t>(width), v);
 }
 
 using ValuesFn = void (*)(const uint8_t*, uint16_t*, int32_t, const Stage1&);

@@ -170,6 +170,19 @@ struct Gray12 {
   }
   static uint32_t pixel(const uint8_t* row, size_t x) { return at(row + (x >> 1) * 3 + (x & 1), x & 1); }
   static void put(uint8_t* row, size_t x, uint32_t v) { put_at(row + (x >> 1) * 3 + (x & 1), x & 1, v); }
+  // Whole pairs are written three bytes at a time.
+  static void put_run(uint8_t* row, size_t x0, uint32_t n, const uint16_t* in) {
+    uint32_t i = 0;
+    if ((x0 & 1) && n) put(row, x0, in[i++]);
+    uint8_t* p = row + ((x0 + i) >> 1) * 3;
+    for (; i + 1 < n; i += 2, p += 3) {
+      const uint32_t a = in[i] & 0xFFFu, b = in[i + 1] & 0xFFFu;
+      p[0] = uint8_t(a);
+      p[1] = uint8_t((a >> 8) | (b << 4));
+      p[2] = uint8_t(b >> 4);
+    }
+    if (i < n) put(row, x0 + i, in[i]);
+  }
 };
 
 // 16-bit gray samples, little-endian.
@@ -262,15 +275,19 @@ void decode8_run(const uint8_t* row, size_t x0, uint32_t n, void* out, SampleRan
   Rgb8* o = static_cast<Rgb8*>(out);
   for (uint32_t i = 0; i < n; ++i) o[i] = F::pixel(row, x0 + i);
 }
+template <class F, class V>
+void put_values(uint8_t* row, size_t x0, uint32_t n, const V* v) {
+  if constexpr (requires { F::put_run(row, x0, n, v); })
+    F::put_run(row, x0, n, v);
+  else
+    for (uint32_t i = 0; i < n; ++i) F::put(row, x0 + i, v[i]);
+}
 template <class F>
 void encode_run(uint8_t* row, size_t x0, uint32_t n, const void* in) {
-  if constexpr (F::kForm == Form::index) {
-    F::put_run(row, x0, n, static_cast<const uint8_t*>(in));
-  } else {
-    using V = std::conditional_t<F::kForm == Form::sample, uint16_t, std::conditional_t<F::kForm == Form::rgb8, Rgb8, Rgb16>>;
-    const V* v = static_cast<const V*>(in);
-    for (uint32_t i = 0; i < n; ++i) F::put(row, x0 + i, v[i]);
-  }
+  using V = std::conditional_t<F::kForm == Form::index, uint8_t,
+                               std::conditional_t<F::kForm == Form::sample, uint16_t,
+                                                  std::conditional_t<F::kForm == Form::rgb8, Rgb8, Rgb16>>>;
+  put_values<F>(row, x0, n, static_cast<const V*>(in));
 }
 
 using RunDecode = void (*)(const uint8_t* row, size_t x0, uint32_t n, void* out, SampleRange range);
