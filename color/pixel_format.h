@@ -225,6 +225,9 @@ struct Rgb8Bytes {
     p[2] = Bgr ? c.r : c.b;
     if constexpr (Step == 4) p[3] = 0;
   }
+  static void put_run(uint8_t* row, size_t x0, uint32_t n, const Rgb8* in) {
+    for (uint32_t i = 0; i < n; ++i) put(row + i * Step, x0, in[i]);
+  }
 };
 
 // 48 (Step 6) and 64 (Step 8) bits: little-endian 16-bit channels, the fourth
@@ -248,6 +251,9 @@ struct Rgb16Words {
     put_le16(p + 2, c.g);
     put_le16(p + 4, Bgr ? c.r : c.b);
     if constexpr (Step == 8) put_le16(p + 6, 0);
+  }
+  static void put_run(uint8_t* row, size_t x0, uint32_t n, const Rgb16* in) {
+    for (uint32_t i = 0; i < n; ++i) put(row + i * Step, x0, in[i]);
   }
 };
 
