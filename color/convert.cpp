@@ -8,10 +8,11 @@
 //
 // Stage values are one of: uint8_t (palette index or 8-bit gray level),
 // uint16_t (a gray sample of `count` bits, or a finished destination gray
-// word), Rgb8 (8-bit channels) and Rgb16 (16-bit channels).  The decoders,
-// transforms and encoders are templates specialised per depth and colour
-// order; the plan picks one of each per call, so the only indirect calls are
-// three per chunk, never per pixel.
+// word), Rgb8 (8-bit channels) and Rgb16 (16-bit channels).  Decoders and
+// encoders are the pixel-format layer's runs for the source and destination
+// layouts (pixel_format.h); transforms are templates here.  The plan picks
+// one of each per call, so the only indirect calls are a few per chunk,
+// never per pixel.
 //
 // In place: when the destination pixel is wider than the source pixel the
 // chunks are taken from the end of the row to its start, otherwise from the
@@ -32,13 +33,6 @@ namespace vk {
 namespace {
 
 constexpr uint32_t kChunk = 256;
-
-struct Rgb8 {
-  uint8_t r, g, b;
-};
-struct Rgb16 {
-  uint16_t r, g, b;
-};
 
 // Direct-mapped memo of colour -> palette index for the matching transform;
 // matching a colour costs a search over the palette, and rows repeat colours.
@@ -66,202 +60,7 @@ struct Ctx {
   MatchCache* cache = nullptr;
 };
 
-using DecodeFn = void (*)(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c);
 using XformFn = void (*)(const void* in, void* out, uint32_t n, const Ctx& c);
-using EncodeFn = void (*)(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx& c);
-
-inline void put_le16(uint8_t* p, uint32_t v) {
-  p[0] = uint8_t(v);
-  p[1] = uint8_t(v >> 8);
-}
-inline uint16_t widen8(uint32_t v) { return uint16_t(v * 257u); }
-
-// ---- decoders ------------------------------------------------------------------
-
-// Palette indices of N bits (1..8) in a most-significant-bit-first stream; a
-// field that straddles two bytes is read from them as a big-endian word.
-template <int N>
-void dec_packed(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  uint8_t* o = static_cast<uint8_t*>(out);
-  if constexpr (N == 8) {
-    std::memcpy(o, buf + start, n);
-  } else {
-    constexpr uint32_t mask = (1u << N) - 1;
-    uint64_t bit = uint64_t(start) * N;
-    for (uint32_t i = 0; i < n; ++i, bit += N) {
-      const uint8_t* p = buf + (bit >> 3);
-      const uint32_t off = uint32_t(bit & 7);
-      if constexpr (8 % N == 0) {
-        o[i] = uint8_t((p[0] >> (8 - N - off)) & mask);
-      } else if (off + N <= 8) {
-        o[i] = uint8_t((p[0] >> (8 - N - off)) & mask);
-      } else {
-        o[i] = uint8_t((((uint32_t(p[0]) << 8) | p[1]) >> (16 - N - off)) & mask);
-      }
-    }
-  }
-}
-
-// 12-bit gray: pixel 2m is the low 12 bits of the little-endian word at byte
-// 3m, pixel 2m+1 the high 12 bits of the word at byte 3m+1.
-void dec_gray12(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c) {
-  uint16_t* o = static_cast<uint16_t*>(out);
-  for (uint32_t i = 0; i < n; ++i) {
-    const size_t k = start + i;
-    const uint8_t* p = buf + (k >> 1) * 3;
-    const uint32_t raw = (k & 1) ? ((uint32_t(p[1]) >> 4) | (uint32_t(p[2]) << 4)) : (p[0] | ((p[1] & 15u) << 8));
-    o[i] = uint16_t((raw >> c.src_shift) & c.src_mask);
-  }
-}
-
-// 12-bit gray through a source palette: the masked sample indexes it and the
-// entry's colour is used.
-void dec_gray12_lut(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c) {
-  Rgb8* o = static_cast<Rgb8*>(out);
-  for (uint32_t i = 0; i < n; ++i) {
-    const size_t k = start + i;
-    const uint8_t* p = buf + (k >> 1) * 3;
-    const uint32_t raw = (k & 1) ? ((uint32_t(p[1]) >> 4) | (uint32_t(p[2]) << 4)) : (p[0] | ((p[1] & 15u) << 8));
-    const RGBQUAD& e = c.src_palette[(raw >> c.src_shift) & c.src_mask];
-    o[i] = Rgb8{e.rgbRed, e.rgbGreen, e.rgbBlue};
-  }
-}
-
-void dec_gray16(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx& c) {
-  uint16_t* o = static_cast<uint16_t*>(out);
-  const uint8_t* p = buf + start * 2;
-  for (uint32_t i = 0; i < n; ++i) o[i] = uint16_t((le16(p + 2 * i) >> c.src_shift) & c.src_mask);
-}
-
-void dec_level(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  std::memcpy(out, buf + start, n);
-}
-
-void enc_level(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  std::memcpy(buf + start, in, n);
-}
-
-// 5-5-5 colour: BGR has red in bits 10-14, RGB has blue there.
-template <bool Bgr>
-void dec_555(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  Rgb8* o = static_cast<Rgb8*>(out);
-  const uint8_t* p = buf + start * 2;
-  for (uint32_t i = 0; i < n; ++i) {
-    const uint32_t w = le16(p + 2 * i);
-    const uint8_t hi = widen5((w >> 10) & 31), mid = widen5((w >> 5) & 31), lo = widen5(w & 31);
-    o[i] = Bgr ? Rgb8{hi, mid, lo} : Rgb8{lo, mid, hi};
-  }
-}
-
-// 24 (Step 3) and 32 (Step 4) bits per pixel, first byte blue for BGR.
-template <bool Bgr, int Step>
-void dec_rgb8(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  Rgb8* o = static_cast<Rgb8*>(out);
-  const uint8_t* p = buf + start * Step;
-  for (uint32_t i = 0; i < n; ++i, p += Step) o[i] = Bgr ? Rgb8{p[2], p[1], p[0]} : Rgb8{p[0], p[1], p[2]};
-}
-
-// 48 (Step 6) and 64 (Step 8) bits: full 16-bit channels.
-template <bool Bgr, int Step>
-void dec_rgb16(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  Rgb16* o = static_cast<Rgb16*>(out);
-  const uint8_t* p = buf + start * Step;
-  for (uint32_t i = 0; i < n; ++i, p += Step) {
-    const uint16_t a = uint16_t(le16(p)), b = uint16_t(le16(p + 2)), c = uint16_t(le16(p + 4));
-    o[i] = Bgr ? Rgb16{c, b, a} : Rgb16{a, b, c};
-  }
-}
-
-// 48/64 bits read as 8-bit channels: the high byte of each channel.
-template <bool Bgr, int Step>
-void dec_rgb16_high(const uint8_t* buf, size_t start, uint32_t n, void* out, const Ctx&) {
-  Rgb8* o = static_cast<Rgb8*>(out);
-  const uint8_t* p = buf + start * Step;
-  for (uint32_t i = 0; i < n; ++i, p += Step) o[i] = Bgr ? Rgb8{p[5], p[3], p[1]} : Rgb8{p[1], p[3], p[5]};
-}
-
-// ---- encoders -------------------------------------------------------------------
-
-template <int N>
-void enc_packed(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  const uint8_t* v = static_cast<const uint8_t*>(in);
-  if constexpr (N == 8) {
-    std::memcpy(buf + start, v, n);
-  } else {
-    constexpr uint32_t mask = (1u << N) - 1;
-    uint64_t bit = uint64_t(start) * N;
-    for (uint32_t i = 0; i < n; ++i, bit += N) {
-      uint8_t* p = buf + (bit >> 3);
-      const uint32_t off = uint32_t(bit & 7);
-      const uint32_t x = v[i] & mask;
-      if (8 % N == 0 || off + N <= 8) {
-        const uint32_t s = 8 - N - off;
-        p[0] = uint8_t((p[0] & ~(mask << s)) | (x << s));
-      } else {
-        const uint32_t s = 16 - N - off;
-        const uint32_t w = (((uint32_t(p[0]) << 8) | p[1]) & ~(mask << s)) | (x << s);
-        p[0] = uint8_t(w >> 8);
-        p[1] = uint8_t(w);
-      }
-    }
-  }
-}
-
-void enc_gray12(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  const uint16_t* v = static_cast<const uint16_t*>(in);
-  for (uint32_t i = 0; i < n; ++i) {
-    const size_t k = start + i;
-    uint8_t* p = buf + (k >> 1) * 3;
-    const uint32_t x = v[i] & 0xFFFu;
-    if (k & 1) {
-      p[1] = uint8_t((p[1] & 0x0Fu) | ((x & 15u) << 4));
-      p[2] = uint8_t(x >> 4);
-    } else {
-      p[0] = uint8_t(x);
-      p[1] = uint8_t((p[1] & 0xF0u) | (x >> 8));
-    }
-  }
-}
-
-void enc_gray16(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  const uint16_t* v = static_cast<const uint16_t*>(in);
-  uint8_t* p = buf + start * 2;
-  for (uint32_t i = 0; i < n; ++i) put_le16(p + 2 * i, v[i]);
-}
-
-template <bool Bgr>
-void enc_555(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  const Rgb8* v = static_cast<const Rgb8*>(in);
-  uint8_t* p = buf + start * 2;
-  for (uint32_t i = 0; i < n; ++i) {
-    const uint32_t hi = (Bgr ? v[i].r : v[i].b) >> 3, lo = (Bgr ? v[i].b : v[i].r) >> 3;
-    put_le16(p + 2 * i, (hi << 10) | (uint32_t(v[i].g >> 3) << 5) | lo);
-  }
-}
-
-template <bool Bgr, int Step>
-void enc_rgb8(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  const Rgb8* v = static_cast<const Rgb8*>(in);
-  uint8_t* p = buf + start * Step;
-  for (uint32_t i = 0; i < n; ++i, p += Step) {
-    p[0] = Bgr ? v[i].b : v[i].r;
-    p[1] = v[i].g;
-    p[2] = Bgr ? v[i].r : v[i].b;
-    if constexpr (Step == 4) p[3] = 0;
-  }
-}
-
-template <bool Bgr, int Step>
-void enc_rgb16(uint8_t* buf, size_t start, uint32_t n, const void* in, const Ctx&) {
-  const Rgb16* v = static_cast<const Rgb16*>(in);
-  uint8_t* p = buf + start * Step;
-  for (uint32_t i = 0; i < n; ++i, p += Step) {
-    put_le16(p, Bgr ? v[i].b : v[i].r);
-    put_le16(p + 2, v[i].g);
-    put_le16(p + 4, Bgr ? v[i].r : v[i].b);
-    if constexpr (Step == 8) put_le16(p + 6, 0);
-  }
-}
 
 // ---- transforms ------------------------------------------------------------------
 
@@ -290,6 +89,17 @@ void xf_tc16(const void* in, void* out, uint32_t n, const Ctx& c) {
   const In* a = static_cast<const In*>(in);
   Rgb16* o = static_cast<Rgb16*>(out);
   for (uint32_t i = 0; i < n; ++i) o[i] = c.tc16[a[i] & 255];
+}
+
+// 12-bit gray through a source palette: the masked sample indexes it and the
+// entry's colour is used.
+void xf_sample_palette(const void* in, void* out, uint32_t n, const Ctx& c) {
+  const uint16_t* a = static_cast<const uint16_t*>(in);
+  Rgb8* o = static_cast<Rgb8*>(out);
+  for (uint32_t i = 0; i < n; ++i) {
+    const RGBQUAD& e = c.src_palette[a[i]];
+    o[i] = Rgb8{e.rgbRed, e.rgbGreen, e.rgbBlue};
+  }
 }
 
 // Gray sample of src_count bits to a destination gray of dst_count bits:
@@ -356,9 +166,10 @@ void xf_rgb8_match(const void* in, void* out, uint32_t n, const Ctx& c) {
 // ---- plan ----------------------------------------------------------------------
 
 struct Plan {
-  DecodeFn decode = nullptr;
+  RunDecode decode = nullptr;
+  XformFn pre = nullptr;    // a source palette applied to the decoded values
   XformFn xform = nullptr;  // null: the encoder takes the decoder's values as they are
-  EncodeFn encode = nullptr;
+  RunEncode encode = nullptr;
   bool backwards = false;
   bool nothing = false;     // the row is already in the destination format
   bool alt_in = false;      // 24-bit second colour space -> BGR before converting
@@ -376,28 +187,6 @@ enum class SrcKind {
 
 // Destination classes.
 enum class DstKind { level, index, gray, rgb8, rgb16 };
-
-template <bool Bgr>
-EncodeFn rgb_encoder(int32_t bits) {
-  switch (bits) {
-    case 16: return enc_555<Bgr>;
-    case 24: return enc_rgb8<Bgr, 3>;
-    case 32: return enc_rgb8<Bgr, 4>;
-    case 48: return enc_rgb16<Bgr, 6>;
-    default: return enc_rgb16<Bgr, 8>;
-  }
-}
-
-EncodeFn packed_encoder(int32_t bits) {
-  static constexpr EncodeFn t[9] = {enc_packed<8>, enc_packed<1>, enc_packed<2>, enc_packed<3>, enc_packed<4>,
-                                    enc_packed<5>, enc_packed<6>, enc_packed<7>, enc_packed<8>};
-  return t[bits];
-}
-DecodeFn packed_decoder(int32_t bits) {
-  static constexpr DecodeFn t[9] = {dec_packed<8>, dec_packed<1>, dec_packed<2>, dec_packed<3>, dec_packed<4>,
-                                    dec_packed<5>, dec_packed<6>, dec_packed<7>, dec_packed<8>};
-  return t[bits];
-}
 
 // Storage width of a pixel in bits, for the walk direction (0 = gray byte).
 int32_t pixel_bits(int32_t bits) { return bits == 0 ? 8 : bits; }
@@ -541,14 +330,12 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     sk = SrcKind::index;
     pal = sp ? sp : fixed_palette(sb);
     pal_colors = 1u << sb;
-    plan.decode = packed_decoder(sb);
     if (sb == 8 && db == 8) {
       const RGBQUAD* d = dp ? dp : fixed_palette(8);
       if (std::memcmp(pal, d, 256 * sizeof(RGBQUAD)) == 0) plan.nothing = true;
     }
   } else if (sb == 0) {
     sk = SrcKind::level;
-    plan.decode = dec_level;
     if (db == 0) plan.nothing = true;
   } else if (sb == 12 || sgray16) {
     // Gray samples.  The sample keeps at most the bits the destination holds:
@@ -564,11 +351,10 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     ctx.src_count = r.count;
     ctx.src_mask = r.mask;
     ctx.src_shift = uint32_t(r.shift > 31 ? 31 : r.shift);
-    plan.decode = sb == 12 ? dec_gray12 : dec_gray16;
     if (lut) {
       sk = SrcKind::rgb8;
       ctx.src_palette = sp;
-      plan.decode = dec_gray12_lut;
+      plan.pre = xf_sample_palette;
     } else {
       sk = SrcKind::sample;
     }
@@ -577,42 +363,27 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
       plan.nothing = true;
   } else if (sb == 16) {
     sk = SrcKind::rgb8;
-    plan.decode = sbgr ? dec_555<true> : dec_555<false>;
     if (db == 16 && !dst_gray_word && so == dor) plan.nothing = true;
   } else if (sb == 24 || sb == 32) {
     sk = SrcKind::rgb8;
     if (sb == 24) {
-      plan.decode = sbgr ? dec_rgb8<true, 3> : dec_rgb8<false, 3>;
       plan.alt_in = so == ORDER_BGR_ALT && dor != ORDER_BGR_ALT;
       plan.alt_out = so != ORDER_BGR_ALT && dor == ORDER_BGR_ALT && alt_ok;
-    } else {
-      plan.decode = sbgr ? dec_rgb8<true, 4> : dec_rgb8<false, 4>;
     }
     // Same depth: the order decides (the second colour space counts as BGR
     // for the channel positions, and is left alone when both sides use it).
     if (db == sb && sbgr == dbgr && !plan.alt_in && !plan.alt_out) plan.nothing = true;
   } else {  // 48, 64
-    const int step = sb / 8;
-    if (dk == DstKind::rgb16) {
-      sk = SrcKind::rgb16;
-      plan.decode = step == 6 ? (sbgr ? dec_rgb16<true, 6> : dec_rgb16<false, 6>)
-                              : (sbgr ? dec_rgb16<true, 8> : dec_rgb16<false, 8>);
-    } else {
-      sk = SrcKind::rgb8;
-      plan.decode = step == 6 ? (sbgr ? dec_rgb16_high<true, 6> : dec_rgb16_high<false, 6>)
-                              : (sbgr ? dec_rgb16_high<true, 8> : dec_rgb16_high<false, 8>);
-    }
+    sk = dk == DstKind::rgb16 ? SrcKind::rgb16 : SrcKind::rgb8;
     if (db == sb && sbgr == dbgr) plan.nothing = true;
   }
 
-  // ---- the destination --------------------------------------------------------------
-  switch (dk) {
-    case DstKind::level: plan.encode = enc_level; break;
-    case DstKind::index: plan.encode = packed_encoder(db); break;
-    case DstKind::gray: plan.encode = db == 12 ? enc_gray12 : enc_gray16; break;
-    case DstKind::rgb8:
-    case DstKind::rgb16: plan.encode = dbgr ? rgb_encoder<true>(db) : rgb_encoder<false>(db); break;
-  }
+  // ---- decoder and encoder: the layouts' runs --------------------------------------
+  // 16-bit channels are read as 8-bit ones (their high bytes) unless the
+  // destination keeps 16-bit channels.
+  const RunCodec& src_codec = run_codec(sb, (sb == 12 || sgray16) ? kGray : sbgr ? kBgr : kRgb);
+  plan.decode = sk == SrcKind::rgb8 && src_codec.decode8 ? src_codec.decode8 : src_codec.decode;
+  plan.encode = run_codec(db, dst_gray_word ? kGray : dbgr ? kBgr : kRgb).encode;
 
   if (width < 1) return RESULT_OK;
   if (plan.nothing) return RESULT_OK;
@@ -726,13 +497,19 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
 
   alignas(16) unsigned char stage_a[kChunk * sizeof(Rgb16)];
   alignas(16) unsigned char stage_b[kChunk * sizeof(Rgb16)];
+  const SampleRange range{ctx.src_shift, ctx.src_mask};
   auto step = [&](size_t start, uint32_t n) {
-    plan.decode(buf, start, n, stage_a, ctx);
+    if (plan.pre) {
+      plan.decode(buf, start, n, stage_b, range);
+      plan.pre(stage_b, stage_a, n, ctx);
+    } else {
+      plan.decode(buf, start, n, stage_a, range);
+    }
     if (plan.xform) {
       plan.xform(stage_a, stage_b, n, ctx);
-      plan.encode(buf, start, n, stage_b, ctx);
+      plan.encode(buf, start, n, stage_b);
     } else {
-      plan.encode(buf, start, n, stage_a, ctx);
+      plan.encode(buf, start, n, stage_a);
     }
   };
   if (plan.backwards) {

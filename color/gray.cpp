@@ -5,10 +5,10 @@
 // the caller's record only after the last row, so a failure or a stop asked
 // by the status callback leaves the caller's bitmap untouched.
 //
-// Row work is two stages, each specialised per depth by templates:
+// Row work is two stages, each a template over the pixel layouts:
 //   source row -> one 16-bit value per pixel, already in the new depth's scale
 //   values     -> packed 8-, 12- or 16-bit gray row.
-// The kernel is chosen once per bitmap, never per pixel.
+// The kernels are chosen once per bitmap, never per pixel.
 
 #include "gray.h"
 
@@ -17,6 +17,7 @@
 #include "core.h"
 #include "op.h"
 #include "palette.h"
+#include "pixel_format.h"
 
 namespace vk {
 namespace {
@@ -24,61 +25,21 @@ namespace {
 
 // ---- stage 1: source pixels to gray values -------------------------------------
 
-// Palette indices of Bits (1..8) bits, MSB first, through a per-index table.
-template <int Bits>
-void indices_to_values(const uint8_t* src, uint16_t* out, int32_t width, const uint16_t* lut) {
-  constexpr uint32_t mask = (1u << Bits) - 1u;
-  if constexpr (Bits == 8) {
-    for (int32_t i = 0; i < width; ++i) out[i] = lut[src[i]];
-  } else {
-    uint32_t pos = 0;
-    for (int32_t i = 0; i < width; ++i, pos += Bits) {
-      const uint32_t byte = pos >> 3, off = pos & 7u;
-      uint32_t v;
-      if (off + Bits <= 8)
-        v = (src[byte] >> (8u - Bits - off)) & mask;
-      else  // straddles two bytes: read them as one big-endian word
-        v = ((static_cast<uint32_t>(src[byte]) << 8 | src[byte + 1]) >> (16u - Bits - off)) & mask;
-      out[i] = lut[v];
-    }
-  }
-}
-
-// 5-5-5 colour; RedHigh: red in bits 10-14 (order 1), else blue there.
-template <bool RedHigh>
-void rgb555_to_values(const uint8_t* src, uint16_t* out, int32_t width, const uint16_t* scale) {
-  for (int32_t i = 0; i < width; ++i) {
-    const uint32_t w = src[2 * i] | static_cast<uint32_t>(src[2 * i + 1]) << 8;
-    const uint32_t hi = widen5((w >> 10) & 31u), mid = widen5((w >> 5) & 31u), lo = widen5(w & 31u);
-    out[i] = scale[RedHigh ? gray_level(hi, mid, lo) : gray_level(lo, mid, hi)];
-  }
-}
-
-// Colour pixels of Bytes bytes with 8-bit (Wide false) or 16-bit little-endian
-// channels (Wide true: the high byte is used); Bgr: blue first in memory.
-template <int Bytes, bool Wide, bool Bgr>
-void colour_to_values(const uint8_t* src, uint16_t* out, int32_t width, const uint16_t* scale) {
-  constexpr int c = Wide ? 2 : 1;    // bytes per channel
-  constexpr int hi = Wide ? 1 : 0;   // offset of the byte that counts
-  for (int32_t i = 0; i < width; ++i, src += Bytes) {
-    const uint32_t first = src[hi], second = src[c + hi], third = src[2 * c + hi];
-    out[i] = scale[Bgr ? gray_level(third, second, first) : gray_level(first, second, third)];
-  }
-}
-
-// Gray samples of 12 or 16 bits.  Without a lookup table the significant
-// bits (range) are rescaled to `dst_bits`: narrowing keeps the top bits,
-// widening scales by (2^dst - 1) / mask, truncating.  With a lookup table in
-// force each value's entry goes through the gray formula instead.
-struct GraySource {
+// What the stage-1 kernels read besides the row.
+struct Stage1 {
+  const uint16_t* index_value;  // palette index -> value
+  const uint16_t* scale;        // 8-bit gray level -> value
+  // Gray samples: their significant bits (range); without a lookup table
+  // they are rescaled to `dst_bits` (narrowing keeps the top bits, widening
+  // scales by (2^dst - 1) / mask, truncating); with a table in force each
+  // value's entry goes through the gray formula instead.
   gray::Range range;
   int32_t dst_bits;
   const RGBQUAD* lut;  // null when no table is in force
   uint32_t lut_length;
-  const uint16_t* scale;
 };
 
-inline uint16_t gray_sample(uint32_t raw, const GraySource& g) {
+inline uint16_t gray_sample(uint32_t raw, const Stage1& g) {
   const uint32_t v = (raw >> g.range.shift) & g.range.mask;
   if (g.lut) {
     if (v >= g.lut_length) return 0;
@@ -89,76 +50,31 @@ inline uint16_t gray_sample(uint32_t raw, const GraySource& g) {
   return static_cast<uint16_t>(v * ((1u << g.dst_bits) - 1u) / g.range.mask);
 }
 
-template <int Bits>
-void gray_to_values(const uint8_t* src, uint16_t* out, int32_t width, const GraySource& g) {
-  if constexpr (Bits == 12) {
-    for (int32_t i = 0; i < width; ++i) {
-      const uint8_t* p = src + 3 * (i >> 1);
-      const uint32_t raw = (i & 1) ? (p[1] >> 4) | static_cast<uint32_t>(p[2]) << 4
-                                   : p[0] | static_cast<uint32_t>(p[1] & 0x0Fu) << 8;
-      out[i] = gray_sample(raw, g);
+// Source layout F: palette indices through their table, gray samples through
+// their range, colours through the gray formula.
+template <class F>
+void to_values(const uint8_t* src, uint16_t* out, int32_t width, const Stage1& g) {
+  for (int32_t i = 0; i < width; ++i) {
+    if constexpr (F::kForm == Form::index) {
+      out[i] = g.index_value[F::pixel(src, i)];
+    } else if constexpr (F::kForm == Form::sample) {
+      out[i] = gray_sample(F::pixel(src, i), g);
+    } else {
+      const Rgb8 c = F::pixel(src, i);
+      out[i] = g.scale[gray_level(c.r, c.g, c.b)];
     }
-  } else {
-    for (int32_t i = 0; i < width; ++i)
-      out[i] = gray_sample(src[2 * i] | static_cast<uint32_t>(src[2 * i + 1]) << 8, g);
   }
 }
 
 // ---- stage 2: values to a packed gray row ----------------------------------------
 
-template <int Bits>
+template <class F>
 void pack_values(const uint16_t* v, uint8_t* dst, int32_t width) {
-  if constexpr (Bits == 8) {
-    for (int32_t i = 0; i < width; ++i) dst[i] = static_cast<uint8_t>(v[i]);
-  } else if constexpr (Bits == 16) {
-    for (int32_t i = 0; i < width; ++i) {
-      dst[2 * i] = static_cast<uint8_t>(v[i]);
-      dst[2 * i + 1] = static_cast<uint8_t>(v[i] >> 8);
-    }
-  } else {  // 12: pixel 2m in the low 12 bits at byte 3m, pixel 2m+1 in the high 12 bits at 3m+1
-    int32_t i = 0;
-    for (; i + 1 < width; i += 2, dst += 3) {
-      const uint32_t a = v[i] & 0xFFFu, b = v[i + 1] & 0xFFFu;
-      dst[0] = static_cast<uint8_t>(a);
-      dst[1] = static_cast<uint8_t>((a >> 8) | (b << 4));
-      dst[2] = static_cast<uint8_t>(b >> 4);
-    }
-    if (i < width) {
-      const uint32_t a = v[i] & 0xFFFu;
-      dst[0] = static_cast<uint8_t>(a);
-      dst[1] = static_cast<uint8_t>((dst[1] & 0xF0u) | (a >> 8));
-    }
-  }
+  put_values<F>(dst, 0, static_cast<uint32_t>(width), v);
 }
 
-// ---- kernel choice -----------------------------------------------------------------
-
-enum class Kind { indices, rgb555, colour, gray };
-
-using IndexFn = void (*)(const uint8_t*, uint16_t*, int32_t, const uint16_t*);
-using GrayFn = void (*)(const uint8_t*, uint16_t*, int32_t, const GraySource&);
+using ValuesFn = void (*)(const uint8_t*, uint16_t*, int32_t, const Stage1&);
 using PackFn = void (*)(const uint16_t*, uint8_t*, int32_t);
-
-constexpr IndexFn kIndexKernels[9] = {nullptr,
-                                      indices_to_values<1>, indices_to_values<2>, indices_to_values<3>,
-                                      indices_to_values<4>, indices_to_values<5>, indices_to_values<6>,
-                                      indices_to_values<7>, indices_to_values<8>};
-
-// The colour kernel of a depth and order; null when the depth is no colour depth.
-IndexFn colour_kernel(int32_t bits, bool bgr) {
-  switch (bits) {
-    case 16: return bgr ? rgb555_to_values<true> : rgb555_to_values<false>;
-    case 24: return bgr ? colour_to_values<3, false, true> : colour_to_values<3, false, false>;
-    case 32: return bgr ? colour_to_values<4, false, true> : colour_to_values<4, false, false>;
-    case 48: return bgr ? colour_to_values<6, true, true> : colour_to_values<6, true, false>;
-    case 64: return bgr ? colour_to_values<8, true, true> : colour_to_values<8, true, false>;
-    default: return nullptr;
-  }
-}
-
-PackFn pack_kernel(int32_t bits) {
-  return bits == 8 ? pack_values<8> : bits == 12 ? pack_values<12> : pack_values<16>;
-}
 
 bool lut_in_force(const BitmapHandle* b) { return b->GrayLut && (b->Flags & BITMAP_GRAY_FLAG); }
 
@@ -180,14 +96,10 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
   uint16_t scale[256];
   for (uint32_t l = 0; l < 256; ++l) scale[l] = static_cast<uint16_t>(gray::from_level(l, bits));
 
-  Kind kind;
-  IndexFn index_fn = nullptr;
-  GrayFn gray_fn = nullptr;
-  uint16_t lut[256];
-  GraySource gsrc{};
+  Stage1 stage{};
+  stage.scale = scale;
+  uint16_t index_value[256];
   if (sbits >= 1 && sbits <= 8) {
-    kind = Kind::indices;
-    index_fn = kIndexKernels[sbits];
     // Palette read once; a bitmap without one reads as the fixed palette of its depth.
     RGBQUAD pal[kMaxPaletteEntries];
     uint32_t n = read_bitmap_palette(src, pal);
@@ -197,25 +109,27 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
       n = entries ? 1u << sbits : 0u;
     }
     for (uint32_t i = 0; i < 256; ++i)
-      lut[i] = i < n ? scale[gray_level(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue)] : 0;
+      index_value[i] = i < n ? scale[gray_level(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue)] : 0;
+    stage.index_value = index_value;
   } else if (src_gray) {
-    kind = Kind::gray;
-    gray_fn = sbits == 12 ? gray_to_values<12> : gray_to_values<16>;
-    gsrc.range = gray::range(sbits, sbits, src->LowBit, src->HighBit);
-    gsrc.dst_bits = bits;
-    gsrc.scale = scale;
+    stage.range = gray::range(sbits, sbits, src->LowBit, src->HighBit);
+    stage.dst_bits = bits;
     if (lut_in_force(src)) {
-      gsrc.lut = reinterpret_cast<const RGBQUAD*>(src->GrayLut);
-      gsrc.lut_length = src->GrayLutLength;
+      stage.lut = reinterpret_cast<const RGBQUAD*>(src->GrayLut);
+      stage.lut_length = src->GrayLutLength;
     }
-  } else {
-    // 24 and 48 bits in the second colour space are brought to BGR first.
-    const bool bgr = src->Order == ORDER_BGR || alt;
-    index_fn = colour_kernel(alt ? 24 : sbits, bgr);
-    if (!index_fn) return RESULT_BAD_BITS_PER_PIXEL;
-    kind = sbits == 16 ? Kind::rgb555 : Kind::colour;
+  } else if (!(sbits == 16 || sbits == 24 || sbits == 32 || sbits == 48 || sbits == 64)) {
+    return RESULT_BAD_BITS_PER_PIXEL;
   }
-  const PackFn pack_fn = pack_kernel(bits);
+  // 24 and 48 bits in the second colour space are brought to 24-bit BGR first.
+  const bool bgr = src->Order == ORDER_BGR || alt;
+  const ValuesFn values_fn = with_layout(alt ? 24 : sbits, src_gray ? kGray : bgr ? kBgr : kRgb,
+                                         [](auto layout) -> ValuesFn { return to_values<decltype(layout)>; });
+  const PackFn pack_fn = with_layout(bits, kGray, [](auto layout) -> PackFn {
+    using F = decltype(layout);
+    if constexpr (F::kForm == Form::index || F::kForm == Form::sample) return pack_values<F>;
+    else return nullptr;  // gray depths only
+  });
 
   // The gray bitmap, built aside.
   op::Scratch out;
@@ -263,12 +177,7 @@ int32_t gray_scale(BitmapHandle* src, int32_t bits) {
         if (sbits == 48) narrow48(row, width);
         VK_TRY(V_ConvertBuffer(row, width, 24, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr));
       }
-      switch (kind) {
-        case Kind::indices: index_fn(row, values.get(), width, lut); break;
-        case Kind::rgb555:
-        case Kind::colour: index_fn(row, values.get(), width, scale); break;
-        case Kind::gray: gray_fn(row, values.get(), width, gsrc); break;
-      }
+      values_fn(row, values.get(), width, stage);
       pack_fn(values.get(), dst_row.get(), width);
       const int32_t put = V_PutBitmapRow(out.get(), dst_row.get(), static_cast<uint32_t>(y),
                                          static_cast<int32_t>(dst_bpl));

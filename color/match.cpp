@@ -179,7 +179,7 @@ uint32_t PaletteMatcher::search_sse2(uint32_t red, uint32_t green, uint32_t blue
 
 #if defined(VK_AVX2_DISPATCH)
 // The distance pass and both scans of find() eight entries at a time.
-__attribute__((target("avx2"))) uint32_t PaletteMatcher::search_avx2(uint32_t red, uint32_t green,
+__attribute__((target("avx2"), aligned(64))) uint32_t PaletteMatcher::search_avx2(uint32_t red, uint32_t green,
                                                                       uint32_t blue) const {
   alignas(32) int32_t d[256];
   const __m256i t_rg = _mm256_set1_epi32(int32_t(red | (green << 16)));

@@ -13,6 +13,7 @@
 #include "gray.h"
 #include "match.h"
 #include "palette.h"
+#include "pixel_format.h"
 
 namespace vk {
 namespace {
@@ -67,31 +68,6 @@ bool locate(int32_t bits, int32_t column, Spot& s) {
   }
 }
 
-// Index of a 1-8-bit pixel from its byte(s).
-uint32_t extract_index(const uint8_t* p, int32_t bits, uint32_t bit) {
-  const uint32_t mask = (1u << bits) - 1u;
-  const uint32_t n = static_cast<uint32_t>(bits);
-  if (bit + n <= 8u) return (p[0] >> (8u - n - bit)) & mask;
-  return ((static_cast<uint32_t>(p[0]) << 8 | p[1]) >> (16u - n - bit)) & mask;
-}
-
-// Replaces a 1-8-bit pixel's bits, keeping its neighbours'.
-void insert_index(uint8_t* p, int32_t bits, uint32_t bit, uint32_t index) {
-  const uint32_t mask = (1u << bits) - 1u;
-  const uint32_t n = static_cast<uint32_t>(bits);
-  index &= mask;
-  if (bit + n <= 8u) {
-    const uint32_t sh = 8u - n - bit;
-    p[0] = static_cast<uint8_t>((p[0] & ~(mask << sh)) | (index << sh));
-    return;
-  }
-  const uint32_t sh = 16u - n - bit;
-  uint32_t w = static_cast<uint32_t>(p[0]) << 8 | p[1];
-  w = (w & ~(mask << sh)) | (index << sh);
-  p[0] = static_cast<uint8_t>(w >> 8);
-  p[1] = static_cast<uint8_t>(w);
-}
-
 // The bitmap's palette on the stack; a bitmap without one reads as the fixed
 // palette of its depth, as row conversion does.  Returns the entry count.
 uint32_t palette_for(BitmapHandle* b, RGBQUAD out[kMaxPaletteEntries]) {
@@ -114,9 +90,37 @@ uint32_t gray_sample_colour(const BitmapHandle* b, uint32_t v, const gray::Range
   return COLOR_GRAY16 | v;
 }
 
-// Colour of three 8-bit channels stored first-second-third in memory.
-constexpr uint32_t ordered(uint32_t first, uint32_t second, uint32_t third, bool bgr) {
-  return bgr ? rgb(third, second, first) : rgb(first, second, third);
+// The fetched bytes through the pixel's layout: they start at the pixel, or
+// for 1-8 bits at the byte holding its first bit (`bit` places it).
+uint32_t stored_index(const uint8_t* p, int32_t bits, uint32_t bit) {
+  return with_layout(bits, kRgb, [&](auto layout) -> uint32_t {
+    using F = decltype(layout);
+    if constexpr (F::kForm == Form::index) return F::at_bit(p, bit);
+    else return 0;
+  });
+}
+void store_index(uint8_t* p, int32_t bits, uint32_t bit, uint32_t index) {
+  with_layout(bits, kRgb, [&](auto layout) -> int {
+    using F = decltype(layout);
+    if constexpr (F::kForm == Form::index) F::put_at_bit(p, bit, index);
+    return 0;
+  });
+}
+Rgb8 stored_colour(const uint8_t* p, int32_t bits, bool bgr) {
+  return with_layout(bits, bgr ? kBgr : kRgb, [&](auto layout) -> Rgb8 {
+    using F = decltype(layout);
+    if constexpr (F::kForm == Form::rgb8 || F::kForm == Form::rgb16) return F::pixel(p, 0);
+    else return Rgb8{};
+  });
+}
+// 16-bit channels take the byte in both halves.
+void store_colour(uint8_t* p, int32_t bits, bool bgr, Rgb8 c) {
+  with_layout(bits, bgr ? kBgr : kRgb, [&](auto layout) -> int {
+    using F = decltype(layout);
+    if constexpr (F::kForm == Form::rgb8) F::put(p, 0, c);
+    else if constexpr (F::kForm == Form::rgb16) F::put(p, 0, Rgb16{widen8(c.r), widen8(c.g), widen8(c.b)});
+    return 0;
+  });
 }
 
 uint32_t get_pixel_color(BitmapHandle* b, int32_t row, int32_t column) {
@@ -139,38 +143,26 @@ uint32_t get_pixel_color(BitmapHandle* b, int32_t row, int32_t column) {
   }
 
   if (bits <= 8) {
-    const uint32_t index = extract_index(p, bits, s.bit);
+    const uint32_t index = stored_index(p, bits, s.bit);
     return index < colours ? rgb_of(pal[index]) : 0u;
   }
-  const uint32_t word = p[0] | static_cast<uint32_t>(p[1]) << 8;
   if (gray) {
-    const uint32_t raw = bits == 12 ? ((column & 1) ? word >> 4 : word & 0xFFFu) : word;
+    const uint32_t raw = bits == 12 ? Gray12::at(p, column & 1) : Gray16::pixel(p, 0);
     return gray_sample_colour(b, (raw >> range.shift) & range.mask, range);
   }
-  switch (bits) {
-    case 16: {
-      const uint32_t hi = widen5((word >> 10) & 31u), mid = widen5((word >> 5) & 31u),
-                     lo = widen5(word & 31u);
-      return b->Order == ORDER_BGR ? rgb(hi, mid, lo) : rgb(lo, mid, hi);
+  if (b->Order == ORDER_BGR_ALT && (bits == 24 || bits == 48)) {
+    // The second colour space is defined on 8-bit channels: narrow first.
+    if (bits == 48) {
+      p[0] = p[1];
+      p[1] = p[3];
+      p[2] = p[5];
     }
-    case 24:
-      if (b->Order == ORDER_BGR_ALT) {
-        V_ConvertBuffer(p, 1, 24, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
-        return ordered(p[0], p[1], p[2], true);
-      }
-      return ordered(p[0], p[1], p[2], b->Order == ORDER_BGR);
-    case 32: return ordered(p[0], p[1], p[2], b->Order == ORDER_BGR);
-    case 48:
-      if (b->Order == ORDER_BGR_ALT) {
-        // The second colour space is defined on 8-bit channels: narrow first.
-        uint8_t q[8] = {p[1], p[3], p[5]};
-        V_ConvertBuffer(q, 1, 24, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
-        return ordered(q[0], q[1], q[2], true);
-      }
-      return ordered(p[1], p[3], p[5], b->Order == ORDER_BGR);
-    default:  // 64
-      return ordered(p[1], p[3], p[5], b->Order == ORDER_BGR);
+    V_ConvertBuffer(p, 1, 24, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
+    const Rgb8 c = Rgb8Bytes<true, 3>::pixel(p, 0);
+    return rgb(c.r, c.g, c.b);
   }
+  const Rgb8 c = stored_colour(p, bits, b->Order == ORDER_BGR);
+  return rgb(c.r, c.g, c.b);
 }
 
 int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t color) {
@@ -211,7 +203,7 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
     const uint32_t index = index_form ? (color & 0xFFFFu)
                                       : find_palette_index(colours ? pal : nullptr, colours, red_of(color),
                                                            green_of(color), blue_of(color));
-    insert_index(p, bits, s.bit, index);
+    store_index(p, bits, s.bit, index);
   } else if (gray) {
     const gray::Range range = gray::range(bits, bits, b->LowBit, b->HighBit);
     uint32_t v;
@@ -228,38 +220,22 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
       v = gray::from_level(gray_level(red_of(color), green_of(color), blue_of(color)), range.count);
     }
     v = (v & range.mask) << range.shift;
-    if (bits == 12) {
-      uint32_t word = p[0] | static_cast<uint32_t>(p[1]) << 8;
-      word = (column & 1) ? (word & 0x000Fu) | ((v & 0xFFFu) << 4) : (word & 0xF000u) | (v & 0xFFFu);
-      p[0] = static_cast<uint8_t>(word);
-      p[1] = static_cast<uint8_t>(word >> 8);
-    } else {
-      p[0] = static_cast<uint8_t>(v);
-      p[1] = static_cast<uint8_t>(v >> 8);
-    }
+    if (bits == 12)
+      Gray12::put_at(p, column & 1, v);
+    else
+      Gray16::put(p, 0, v);
   } else {
     if (index_form) return RESULT_BAD_PARAMETER;  // no palette to index
-    const uint32_t red = red_of(color), green = green_of(color), blue = blue_of(color);
+    Rgb8 c{static_cast<uint8_t>(red_of(color)), static_cast<uint8_t>(green_of(color)),
+           static_cast<uint8_t>(blue_of(color))};
     // The second colour space is built from blue-first channels.
     const bool alt = b->Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
-    const bool bgr = b->Order == ORDER_BGR || alt;
-    uint8_t c[4] = {static_cast<uint8_t>(bgr ? blue : red), static_cast<uint8_t>(green),
-                    static_cast<uint8_t>(bgr ? red : blue), 0};
-    if (alt)
-      VK_TRY(V_ConvertBuffer(c, 1, 24, 24, ORDER_BGR, ORDER_BGR_ALT, nullptr, nullptr));
-    switch (bits) {
-      case 16: {
-        const uint32_t w = bgr ? (red >> 3) << 10 | (green >> 3) << 5 | (blue >> 3)
-                               : (blue >> 3) << 10 | (green >> 3) << 5 | (red >> 3);
-        p[0] = static_cast<uint8_t>(w);
-        p[1] = static_cast<uint8_t>(w >> 8);
-        break;
-      }
-      case 24: case 32: std::memcpy(p, c, 3); break;
-      default:  // 48, 64: the byte in both halves of each channel
-        for (int i = 0; i < 3; ++i) p[2 * i] = p[2 * i + 1] = c[i];
-        break;
+    if (alt) {
+      uint8_t q[4] = {c.b, c.g, c.r, 0};
+      VK_TRY(V_ConvertBuffer(q, 1, 24, 24, ORDER_BGR, ORDER_BGR_ALT, nullptr, nullptr));
+      c = Rgb8{q[2], q[1], q[0]};
     }
+    store_colour(p, bits, b->Order == ORDER_BGR || alt, c);
   }
   const int32_t put = V_PutBitmapRowCol(b, p, r, s.column, s.bytes);
   if (put < 0) return put;

@@ -1,6 +1,7 @@
-// vkimg's image readers on fuzzed files.  The first byte picks the format;
-// PNG chunk CRCs are recomputed so that mutations reach the decoder instead
-// of stopping at the checksum.  A reader may throw its error; it must never
+// vkimg's image readers on fuzzed files.  The readers recognise the format
+// from the bytes; when the first byte is a multiple of 3, PNG chunk CRCs are
+// recomputed so that mutations reach the decoder instead of stopping at the
+// checksum.  A reader may throw its error; it must never
 // read or write outside its buffers, nor allocate more than its limits.
 #include <zlib.h>
 

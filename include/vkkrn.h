@@ -1011,6 +1011,9 @@ VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHand
 #define RESOLVE_NO_OPTIMISER_TABLE   512u
 #define RESOLVE_FEW_POPULAR         1024u
 #define RESOLVE_ORDER5              2048u
+/* With an optimised selection: choose the palette with V_CreateBestPalette
+ * (lowest colour error) instead of the optimiser; no match table is taken. */
+#define RESOLVE_BEST_PALETTE        4096u
 
 /* Row callbacks of colour resolution. */
 typedef int32_t (VK_CALL* ColorResRowCallback)(BitmapHandle* destination, uint8_t* row, int32_t lines, intptr_t userData);
@@ -1090,13 +1093,46 @@ VK_API int32_t VK_CALL V_CreateOptimizedPalette(BitmapHandle* bitmap, RGBQUAD* p
 VK_API int32_t VK_CALL V_CreateBitmapListOptPal(BitmapList list, RGBQUAD* palette, uint32_t* colors,
                                                 uint32_t** table, int32_t* needsDither, int32_t fewPopular);
 
+/* ---- reduce/: best palettes ------------------------------------------------------ */
+
+/* The palette of up to *colors entries that keeps the squared colour error
+ * over all pixels low, for one bitmap or for every item of a list (one
+ * histogram for all items, so the items share the palette).  Where the
+ * exact optimiser above gives each colour region entries by its spread per
+ * pixel, this gives them by the error they add up to, so a large smooth
+ * area gets more entries than a small saturated spot.  When the source has
+ * at most *colors distinct colours, those are the palette and *needsDither
+ * is 0; otherwise *needsDither is 1 and the colours come from variance-
+ * minimising cuts of a 6-6-6 histogram refined by k-means.  Integer
+ * arithmetic only: the same palette in every build.
+ * fixed (optional, fixedCount entries, at most 256): entries the final
+ * palette holds as well; the chosen colours complement them (those whose
+ * reserved byte has bit 0 or 1 set are not matched and so ignored).
+ * palette: room for *colors entries, which receive the chosen colours
+ * sorted by red, green, blue (reserved byte 0), distinct and none equal to
+ * a fixed entry; entries past them are zeroed.  *colors: in 1-256 entries
+ * wanted, out entries produced.  The rows are read through row conversion,
+ * so every depth and order works.  Row loop with progress (the exact-colour
+ * scan before it reports nothing); the record is left as it was.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (no storage; an empty list),
+ * RESULT_BAD_PARAMETER (null pointers, *colors 0 or above 256, fixedCount
+ * above 256 or fixed null with a count, a bad list or item),
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL, row I/O errors, the status
+ * callback's value.
+ * See also: V_CreateOptimizedPalette, V_ColorResBitmap (RESOLVE_BEST_PALETTE). */
+VK_API int32_t VK_CALL V_CreateBestPalette(BitmapHandle* bitmap, const RGBQUAD* fixed, uint32_t fixedCount,
+                                           RGBQUAD* palette, uint32_t* colors, int32_t* needsDither);
+/* As V_CreateBestPalette over every item of list. */
+VK_API int32_t VK_CALL V_CreateBitmapListBestPal(BitmapList list, const RGBQUAD* fixed, uint32_t fixedCount,
+                                                 RGBQUAD* palette, uint32_t* colors, int32_t* needsDither);
+
 /* ---- reduce/: colour resolution ---------------------------------------------------- */
 
 /* Makes a bitsPerPixel (1-8, 12, 16, 24, 32, 48, 64) copy of source.
  * destination: receives the new bitmap (what it held is not freed unless
  * it is source, whose old storage then goes); null: rows only reach
  * rowCallback.  flags, up to 8 bits: RESOLVE_OPTIMISED (with
- * KEEP_SYSTEM_COLOURS, NO_OPTIMISER_TABLE, FEW_POPULAR), RESOLVE_FIXED,
+ * KEEP_SYSTEM_COLOURS, NO_OPTIMISER_TABLE, FEW_POPULAR, BEST_PALETTE), RESOLVE_FIXED,
  * RESOLVE_CUBE (8 bits), RESOLVE_USER_PALETTE (+ RESOLVE_USER_TABLE: the
  * thread's match table); deeper: RESOLVE_BGR, RESOLVE_GRAY or
  * RESOLVE_ORDER5 pick the order.  palette or paletteHandle (not both;

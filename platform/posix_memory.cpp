@@ -31,6 +31,18 @@ struct SectionObj {
 };
 
 size_t map_length(uint64_t size) { return size ? static_cast<size_t>(size) : 1; }
+
+// Flat bitmap storage is filled a page at a time as it is first written:
+// with 4 KiB pages a 72 MB bitmap takes 18000 page faults, more time than
+// reading its file.  Large pages make that a few dozen.  A hint only: the
+// kernel may decline, and nothing else changes.
+void prefer_large_pages(void* p, size_t size) {
+  constexpr size_t kLarge = size_t(2) << 20;
+  if (size < 2 * kLarge) return;
+  const auto begin = (reinterpret_cast<uintptr_t>(p) + kLarge - 1) & ~uintptr_t(kLarge - 1);
+  const auto end = (reinterpret_cast<uintptr_t>(p) + size) & ~uintptr_t(kLarge - 1);
+  if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
 }  // namespace
 
 Section section_create(uint64_t size) {
@@ -42,6 +54,7 @@ Section section_create(uint64_t size) {
     ::munmap(p, map_length(size));
     return nullptr;
   }
+  prefer_large_pages(p, map_length(size));
   *s = SectionObj{size, -1, p, nullptr};
   fault::count_live(Kind::section, +1);
   return s;

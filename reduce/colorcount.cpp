@@ -28,65 +28,49 @@ inline RGBQUAD quad(uint8_t r, uint8_t g, uint8_t b) {
 }
 
 // ---- pixel readers: key = colour value k, colour = the entry to report ------
+// Each reads through the bitmap's pixel layout F.
 
-template <int B>
+// Palette indices, through the fold of repeated entries.
+template <class F>
 struct PaletteReader {
   const uint8_t* fold;  // index -> first index with the same colour
   const RGBQUAD* pal;   // 256 entries, zero past ColorCount
-  uint32_t key(const uint8_t* row, uint32_t x) const { return fold[packed_pixel<B>(row, x)]; }
-  RGBQUAD colour(const uint8_t*, uint32_t, uint32_t k) const {
-    return quad(pal[k].rgbRed, pal[k].rgbGreen, pal[k].rgbBlue);
-  }
+  uint32_t key(const uint8_t* row, uint32_t x) const { return fold[F::pixel(row, x)]; }
+  RGBQUAD colour(uint32_t k) const { return quad(pal[k].rgbRed, pal[k].rgbGreen, pal[k].rgbBlue); }
 };
 
-// 16-bit 5-5-5 colour; order 1 keeps red in bits 10-14, the others in bits 0-4.
-template <bool RedHigh>
-struct Rgb16Reader {
-  uint32_t key(const uint8_t* row, uint32_t x) const {
-    return static_cast<uint32_t>(row[2 * x]) | (static_cast<uint32_t>(row[2 * x + 1]) << 8);
-  }
-  RGBQUAD colour(const uint8_t*, uint32_t, uint32_t k) const {
-    const uint32_t lo = k & 31, mid = (k >> 5) & 31, hi = (k >> 10) & 31;
-    return RedHigh ? quad(widen5(hi), widen5(mid), widen5(lo)) : quad(widen5(lo), widen5(mid), widen5(hi));
-  }
-};
-
-// 24/32/48/64-bit colour: three 8-bit channels as stored (for 16-bit samples
-// the high, second little-endian, byte).  k = c0 << 16 | c1 << 8 | c2.
-template <uint32_t Stride, uint32_t Step, bool Bgr>
-struct DeepReader {
-  static constexpr uint32_t hi = Step - 1;
-  uint32_t key(const uint8_t* row, uint32_t x) const {
-    const uint8_t* p = row + x * Stride + hi;
-    return (static_cast<uint32_t>(p[0]) << 16) | (static_cast<uint32_t>(p[Step]) << 8) | p[2 * Step];
-  }
-  RGBQUAD colour(const uint8_t*, uint32_t, uint32_t k) const {
-    const uint8_t c0 = static_cast<uint8_t>(k >> 16), c1 = static_cast<uint8_t>(k >> 8), c2 = static_cast<uint8_t>(k);
-    return Bgr ? quad(c2, c1, c0) : quad(c0, c1, c2);
-  }
-};
-
-// Gray samples: (sample >> shift) & mask.  Depth 12 packs two pixels in three
-// bytes (even: low 12 bits of the LE word at its first byte; odd: high 12 bits
-// of the LE word one byte later); 16 is one LE word; 1-8 are packed indices.
-template <int B>
+// Gray samples and gray indices: the significant bits of each value.
+template <class F>
 struct GrayReader {
-  uint32_t shift, mask;
-  static uint32_t sample(const uint8_t* row, uint32_t x) {
-    if constexpr (B == 16) {
-      return static_cast<uint32_t>(row[2 * x]) | (static_cast<uint32_t>(row[2 * x + 1]) << 8);
-    } else if constexpr (B == 12) {
-      const uint32_t o = (x >> 1) * 3;
-      if ((x & 1) == 0) return (static_cast<uint32_t>(row[o]) | (static_cast<uint32_t>(row[o + 1]) << 8)) & 0xFFF;
-      return (static_cast<uint32_t>(row[o + 1]) | (static_cast<uint32_t>(row[o + 2]) << 8)) >> 4;
-    } else {
-      return packed_pixel<B>(row, x);
-    }
-  }
-  uint32_t key(const uint8_t* row, uint32_t x) const { return (sample(row, x) >> shift) & mask; }
-  RGBQUAD colour(const uint8_t*, uint32_t, uint32_t k) const {
+  SampleRange range;
+  uint32_t key(const uint8_t* row, uint32_t x) const { return range(F::pixel(row, x)); }
+  RGBQUAD colour(uint32_t k) const {
     const uint8_t v = static_cast<uint8_t>(k);
     return quad(v, v, v);
+  }
+};
+
+// 5-5-5 colour: the whole stored word is the key, so words that differ only
+// in the unused top bit count as two colours.
+template <class F>
+struct WordReader {
+  uint32_t key(const uint8_t* row, uint32_t x) const { return F::word(row, x); }
+  RGBQUAD colour(uint32_t k) const {
+    const Rgb8 c = F::of_word(k);
+    return quad(c.r, c.g, c.b);
+  }
+};
+
+// 8- and 16-bit channels: the three 8-bit channels (the high bytes of 16-bit
+// ones), k = r << 16 | g << 8 | b.
+template <class F>
+struct ChannelReader {
+  uint32_t key(const uint8_t* row, uint32_t x) const {
+    const Rgb8 c = F::pixel(row, x);
+    return (static_cast<uint32_t>(c.r) << 16) | (static_cast<uint32_t>(c.g) << 8) | c.b;
+  }
+  RGBQUAD colour(uint32_t k) const {
+    return quad(static_cast<uint8_t>(k >> 16), static_cast<uint8_t>(k >> 8), static_cast<uint8_t>(k));
   }
 };
 
@@ -120,7 +104,7 @@ int32_t scan(CountJob& job, const Reader& reader) {
       if (cell & m) continue;
       cell |= m;
       ++job.found;
-      if (job.colours && job.found <= job.capacity) job.colours[job.found - 1] = reader.colour(job.row, x, k);
+      if (job.colours && job.found <= job.capacity) job.colours[job.found - 1] = reader.colour(k);
       if (job.found >= job.bound) {
         done = true;
         break;
@@ -141,20 +125,6 @@ GrayRange gray_range(const BitmapHandle* b, int32_t max_bits) {
   const BitRange r = bit_range(b->BitsPerPixel, max_bits, b->LowBit, b->HighBit);
   const int64_t bits = r.count < 1 ? 1 : r.count > 24 ? 24 : r.count;
   return GrayRange{static_cast<uint32_t>(bits), low_bits(bits), clamp_shift(r.shift_for(bits))};
-}
-
-template <template <int> class R, class... A>
-int32_t scan_packed(CountJob& job, int32_t bits, A... a) {
-  switch (bits) {
-    case 1: return scan(job, R<1>{a...});
-    case 2: return scan(job, R<2>{a...});
-    case 3: return scan(job, R<3>{a...});
-    case 4: return scan(job, R<4>{a...});
-    case 5: return scan(job, R<5>{a...});
-    case 6: return scan(job, R<6>{a...});
-    case 7: return scan(job, R<7>{a...});
-    default: return scan(job, R<8>{a...});
-  }
 }
 
 int32_t count_colours(BitmapHandle* b, uint32_t* count, RGBQUAD* colours) {
@@ -210,39 +180,25 @@ int32_t count_colours(BitmapHandle* b, uint32_t* count, RGBQUAD* colours) {
   job.row = row.get();
   std::memset(job.row, 0, row.size());
 
-  int32_t r;
-  if (gray) {
-    switch (bits) {
-      case 12: r = scan(job, GrayReader<12>{range.shift, range.mask}); break;
-      case 16: r = scan(job, GrayReader<16>{range.shift, range.mask}); break;
-      default: r = scan_packed<GrayReader>(job, bits, range.shift, range.mask); break;
+  // The layout: 16 bits read as BGR only in that order, 24 and 48 bits also
+  // in the second colour space (same positions), 64 bits always as RGB.
+  const int32_t order = b->Order;
+  const bool bgr = order == ORDER_BGR || (order == ORDER_BGR_ALT && (bits == 24 || bits == 48));
+  const Channels channels = gray ? kGray : (bgr && bits != 64) ? kBgr : kRgb;
+  const SampleRange sample_range{range.shift, range.mask};
+  const int32_t r = with_layout(bits, channels, [&](auto layout) -> int32_t {
+    using F = decltype(layout);
+    if constexpr (F::kForm == Form::index) {
+      if (gray) return scan(job, GrayReader<F>{sample_range});
+      return scan(job, PaletteReader<F>{fold, pal});
+    } else if constexpr (F::kForm == Form::sample) {
+      return scan(job, GrayReader<F>{sample_range});
+    } else if constexpr (requires { F::word(nullptr, 0); }) {
+      return scan(job, WordReader<F>{});
+    } else {
+      return scan(job, ChannelReader<F>{});
     }
-  } else if (bits <= 8) {
-    const uint8_t* f = fold;
-    const RGBQUAD* p = pal;
-    r = scan_packed<PaletteReader>(job, bits, f, p);
-  } else {
-    const int32_t order = b->Order;
-    switch (bits) {
-      case 16:
-        r = order == ORDER_BGR ? scan(job, Rgb16Reader<true>{}) : scan(job, Rgb16Reader<false>{});
-        break;
-      case 24:
-        r = (order == ORDER_BGR || order == ORDER_BGR_ALT) ? scan(job, DeepReader<3, 1, true>{})
-                                                            : scan(job, DeepReader<3, 1, false>{});
-        break;
-      case 32:
-        r = order == ORDER_BGR ? scan(job, DeepReader<4, 1, true>{}) : scan(job, DeepReader<4, 1, false>{});
-        break;
-      case 48:
-        r = (order == ORDER_BGR || order == ORDER_BGR_ALT) ? scan(job, DeepReader<6, 2, true>{})
-                                                            : scan(job, DeepReader<6, 2, false>{});
-        break;
-      default:  // 64: only the first three samples count; never read as BGR
-        r = scan(job, DeepReader<8, 2, false>{});
-        break;
-    }
-  }
+  });
   if (r != RESULT_OK) return r;
   *count = job.found;
   return RESULT_OK;

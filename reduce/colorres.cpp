@@ -8,6 +8,7 @@
 // puts back the contents of any user match table the dithering engine wrote.
 #include <cstring>
 
+#include "best_palette.h"
 #include "core.h"
 #include "lookup.h"
 #include "op.h"
@@ -154,6 +155,28 @@ bool adopt_table(const Layout& l, uint32_t* table) {
   return true;
 }
 
+// The colours for the free entries of a layout, from the optimiser (with its
+// cell table when asked for) or, with RESOLVE_BEST_PALETTE, from the best
+// palette method, which takes the matchable fixed entries into account and
+// gives no table.  Exactly one of bitmap and list is given.
+int32_t choose_colours(const Layout& l, uint32_t flags, BitmapHandle* bitmap, BitmapList list, RGBQUAD* colours,
+                       uint32_t* produced, int32_t* needs, uint32_t** table) {
+  SuspendStatus quiet;
+  *produced = l.free_count;
+  if (flags & RESOLVE_BEST_PALETTE) {
+    if (table) *table = nullptr;
+    RGBQUAD fixed[256];
+    uint32_t kept = 0;
+    for (uint32_t i = 0; i < l.count; ++i)
+      if (!is_free(l.pal[i])) fixed[kept++] = l.pal[i];
+    return bitmap ? V_CreateBestPalette(bitmap, fixed, kept, colours, produced, needs)
+                  : V_CreateBitmapListBestPal(list, fixed, kept, colours, produced, needs);
+  }
+  const int32_t few = (flags & RESOLVE_FEW_POPULAR) ? 1 : 0;
+  return bitmap ? V_CreateOptimizedPalette(bitmap, colours, produced, table, needs, few)
+                : V_CreateBitmapListOptPal(list, colours, produced, table, needs, few);
+}
+
 // Decisions for a destination of up to 8 bits.
 struct Plan {
   RGBQUAD pal[256];
@@ -194,15 +217,11 @@ int32_t plan_optimised(Plan& p, BitmapHandle* src, int32_t bits, uint32_t flags,
   p.dither = bits < src->BitsPerPixel || src->ColorCount >= l.free_count || !l.contiguous;
   if (l.free_count != 0) {
     RGBQUAD colours[256];
-    uint32_t produced = l.free_count;
+    uint32_t produced = 0;
     int32_t needs = 1;
     uint32_t* table = nullptr;
     const bool want_table = l.contiguous && !(flags & RESOLVE_NO_OPTIMISER_TABLE);
-    {
-      SuspendStatus quiet;
-      VK_TRY(V_CreateOptimizedPalette(src, colours, &produced, want_table ? &table : nullptr, &needs,
-                                      (flags & RESOLVE_FEW_POPULAR) ? 1 : 0));
-    }
+    VK_TRY(choose_colours(l, flags, src, nullptr, colours, &produced, &needs, want_table ? &table : nullptr));
     if (table && !adopt_table(l, table)) {
       V_Free(table);
       table = nullptr;
@@ -267,19 +286,11 @@ int32_t run_rows(RowJob& j) {
   BitmapLock src_lock(&src);
   BitmapLock dst_lock(j.store ? &dst : nullptr);
 
-  RGBQUAD src_pal[256];
-  std::memset(src_pal, 0, sizeof src_pal);
-  const RGBQUAD* convert_from = nullptr;
+  best::RowColours convert_from;
   uint32_t convert_flags = 0;
   if (!plan.dither) {
-    if (src.Order == ORDER_GRAY) {
-      if (src.GrayLut && (src.Flags & BITMAP_GRAY_FLAG)) convert_from = reinterpret_cast<const RGBQUAD*>(src.GrayLut);
-      convert_flags |= CONVERT_SRC_GRAY | CONVERT_SRC_BITRANGE;
-    } else if (src.BitsPerPixel <= 8) {
-      if (src.ColorCount != 0)
-        V_GetBitmapPaletteEntries(&src, 0, static_cast<int32_t>(src.ColorCount < 256 ? src.ColorCount : 256), src_pal);
-      convert_from = src_pal;
-    }
+    best::row_colours(src, convert_from);
+    convert_flags = convert_from.flags;
     if (j.flags & RESOLVE_GRAY) convert_flags |= CONVERT_DST_GRAY;
   }
   V_CopyPlaybackParms(&dst, &src);
@@ -295,8 +306,9 @@ int32_t run_rows(RowJob& j) {
       const int32_t got = V_GetBitmapRow(&src, output.get(), row, static_cast<int32_t>(src.BytesPerLine));
       if (got < 0) return got;
       if (src.Width > 0)
-        VK_TRY(V_ConvertBufferExt(output.get(), src.Width, src.BitsPerPixel, bits, src.Order, dst.Order, convert_from,
-                                  bits <= 8 ? plan.pal : nullptr, convert_flags, src.LowBit, src.HighBit));
+        VK_TRY(V_ConvertBufferExt(output.get(), src.Width, src.BitsPerPixel, bits, src.Order, dst.Order,
+                                  convert_from.palette, bits <= 8 ? plan.pal : nullptr, convert_flags, src.LowBit,
+                                  src.HighBit));
     }
     if (j.callback) VK_TRY(j.callback(&dst, output.get(), 1, j.user_data));
     if (!j.store) return int32_t{RESULT_OK};
@@ -450,13 +462,9 @@ int32_t resolve_list(BitmapList list, int32_t bits, uint32_t flags, RGBQUAD* pal
     uint32_t* table = nullptr;
     if (l.free_count != 0) {
       RGBQUAD colours[256];
-      uint32_t produced = l.free_count;
+      uint32_t produced = 0;
       int32_t needs = 1;
-      {
-        SuspendStatus quiet;
-        VK_TRY(V_CreateBitmapListOptPal(list, colours, &produced, l.contiguous ? &table : nullptr, &needs,
-                                        (flags & RESOLVE_FEW_POPULAR) ? 1 : 0));
-      }
+      VK_TRY(choose_colours(l, flags, nullptr, list, colours, &produced, &needs, l.contiguous ? &table : nullptr));
       // Filling the free entries from the last one backwards with the
       // optimiser's colours taken from its last one backwards gives this same
       // layout whenever every free entry is filled.  When exact colours leave

@@ -47,53 +47,39 @@ void Histogram::halve() {
 namespace {
 
 
-// Pixel readers: each turns pixel x of a row into its histogram cell, reading
-// colour exactly as the dithering engine does for the same source.
-template <int B>
+// Pixel readers: each turns pixel x of a row into its histogram cell through
+// the bitmap's pixel layout F, reading colour exactly as the dithering
+// engine does for the same source.
+template <class F>
 struct PaletteCells {
   const uint16_t* cell_of_index;  // 256 entries
-  uint32_t operator()(const uint8_t* row, uint32_t x) const { return cell_of_index[packed_pixel<B>(row, x)]; }
+  uint32_t operator()(const uint8_t* row, uint32_t x) const { return cell_of_index[F::pixel(row, x)]; }
 };
 
-template <bool RedHigh>
-struct Rgb16Cells {
+// Colour layouts as 8-bit channels (5-bit fields widened as (f << 3) | (f >> 2)
+// fall back into cell f).
+template <class F>
+struct ColourCells {
   uint32_t operator()(const uint8_t* row, uint32_t x) const {
-    const uint32_t v = le16(row + 2 * x);
-    // 5-bit fields widened as (f << 3) | (f >> 2) fall back into cell f.
-    const uint32_t lo = v & 31, g = (v >> 5) & 31, hi = (v >> 10) & 31;
-    return RedHigh ? (hi << 10) | (g << 5) | lo : (lo << 10) | (g << 5) | hi;
-  }
-};
-
-template <uint32_t Stride, uint32_t Step, bool Bgr>
-struct DeepCells {
-  uint32_t operator()(const uint8_t* row, uint32_t x) const {
-    const uint8_t* p = row + x * Stride + (Step - 1);
-    const uint32_t c0 = p[0], c1 = p[Step], c2 = p[2 * Step];
-    return Bgr ? cell_of(c2, c1, c0) : cell_of(c0, c1, c2);
+    const Rgb8 c = F::pixel(row, x);
+    return cell_of(c.r, c.g, c.b);
   }
 };
 
 // 12- and 16-bit gray: v = (sample >> shift) & mask; through the GrayLut
 // (blue, green, red bytes) when it is in force, else widened to 0-255.
-template <int B, bool Lut>
+template <class F, bool Lut>
 struct GrayCells {
-  uint32_t shift, mask;
+  SampleRange range;
   const uint32_t* lut;
   uint32_t lut_length;
   uint32_t operator()(const uint8_t* row, uint32_t x) const {
-    uint32_t s;
-    if constexpr (B == 16) {
-      s = le16(row + 2 * x);
-    } else {
-      const uint32_t o = (x >> 1) * 3;
-      s = (x & 1) == 0 ? le16(row + o) & 0xFFF : le16(row + o + 1) >> 4;
-    }
-    uint32_t v = (s >> shift) & mask;
+    uint32_t v = range(F::pixel(row, x));
     if constexpr (Lut) {
       const uint32_t q = v < lut_length ? lut[v] : 0;
       return cell_of((q >> 16) & 255, (q >> 8) & 255, q & 255);
     } else {
+      const uint32_t mask = range.mask;
       if (mask < 255) v = v * 255 / mask;
       if (v > 255) v = 255;
       return cell_of(v, v, v);
@@ -123,20 +109,6 @@ int32_t fill(Histogram& h, const RowSource& src, const Reader& reader) {
     for (uint32_t x = 0; x < width; ++x) h.add(reader(src.row, x));
   }
   return RESULT_OK;
-}
-
-template <template <int> class R, class... A>
-int32_t fill_packed(Histogram& h, const RowSource& src, int32_t bits, A... a) {
-  switch (bits) {
-    case 1: return fill(h, src, R<1>{a...});
-    case 2: return fill(h, src, R<2>{a...});
-    case 3: return fill(h, src, R<3>{a...});
-    case 4: return fill(h, src, R<4>{a...});
-    case 5: return fill(h, src, R<5>{a...});
-    case 6: return fill(h, src, R<6>{a...});
-    case 7: return fill(h, src, R<7>{a...});
-    default: return fill(h, src, R<8>{a...});
-  }
 }
 
 // ---- boxes -----------------------------------------------------------------------------
@@ -249,47 +221,46 @@ int32_t add_bitmap(Histogram& h, BitmapHandle* b) {
   if (!row) return RESULT_FAIL;
   RowSource src{b, row.get(), false};
 
+  if (bits == 12 && order != ORDER_GRAY) return RESULT_BAD_PARAMETER;  // 12-bit rows are always gray
+  // Indices go through the bitmap's palette; entries it lacks read as black.
+  uint16_t cell_of_index[256];
   if (bits <= 8) {
-    // Indices go through the bitmap's palette; entries it lacks read as black.
     RGBQUAD pal[256];
     std::memset(pal, 0, sizeof pal);
     const uint32_t n = b->ColorCount < 256 ? b->ColorCount : 256;
     if (n != 0) V_GetBitmapPaletteEntries(b, 0, static_cast<int32_t>(n), pal);
-    uint16_t cell_of_index[256];
     for (uint32_t i = 0; i < 256; ++i)
       cell_of_index[i] = static_cast<uint16_t>(cell_of(pal[i].rgbRed, pal[i].rgbGreen, pal[i].rgbBlue));
-    const uint16_t* table = cell_of_index;
-    return fill_packed<PaletteCells>(h, src, bits, table);
   }
-  if ((bits == 12 || bits == 16) && order == ORDER_GRAY) {
-    const bool lut = b->GrayLut && (b->Flags & BITMAP_GRAY_FLAG);
+  // Gray samples: their bit range, and the gray lookup table when in force.
+  const bool gray = (bits == 12 || bits == 16) && order == ORDER_GRAY;
+  const bool lut = gray && b->GrayLut && (b->Flags & BITMAP_GRAY_FLAG);
+  SampleRange range{0, 0};
+  if (gray) {
     const BitRange r = bit_range(bits, lut ? bits : 8, b->LowBit, b->HighBit);
     const int64_t count = r.count < 1 ? 1 : r.count;
-    const uint32_t mask = low_bits(count), sh = clamp_shift(r.shift_for(count));
-    if (bits == 16)
-      return lut ? fill(h, src, GrayCells<16, true>{sh, mask, b->GrayLut, b->GrayLutLength})
-                 : fill(h, src, GrayCells<16, false>{sh, mask, nullptr, 0});
-    return lut ? fill(h, src, GrayCells<12, true>{sh, mask, b->GrayLut, b->GrayLutLength})
-               : fill(h, src, GrayCells<12, false>{sh, mask, nullptr, 0});
+    range = SampleRange{clamp_shift(r.shift_for(count)), low_bits(count)};
   }
-  switch (bits) {
-    case 12:  // 12-bit rows are always gray
-      return RESULT_BAD_PARAMETER;
-    case 16:
-      return order == ORDER_BGR ? fill(h, src, Rgb16Cells<true>{}) : fill(h, src, Rgb16Cells<false>{});
-    case 24:
-    case 48:
-      if (order == ORDER_RGB)
-        return bits == 24 ? fill(h, src, DeepCells<3, 1, false>{}) : fill(h, src, DeepCells<6, 2, false>{});
-      if (order == ORDER_BGR)
-        return bits == 24 ? fill(h, src, DeepCells<3, 1, true>{}) : fill(h, src, DeepCells<6, 2, true>{});
-      src.convert_bgr_alt = true;
-      return fill(h, src, DeepCells<3, 1, true>{});
-    case 32:
-      return order == ORDER_BGR ? fill(h, src, DeepCells<4, 1, true>{}) : fill(h, src, DeepCells<4, 1, false>{});
-    default:  // 64
-      return order == ORDER_BGR ? fill(h, src, DeepCells<8, 2, true>{}) : fill(h, src, DeepCells<8, 2, false>{});
+  // Colour: BGR only in that order; 24 and 48 bits in another order are
+  // converted to 24-bit BGR row by row first.
+  int32_t layout_bits = bits;
+  Channels channels = gray ? kGray : order == ORDER_BGR ? kBgr : kRgb;
+  if ((bits == 24 || bits == 48) && order != ORDER_RGB && order != ORDER_BGR) {
+    src.convert_bgr_alt = true;
+    layout_bits = 24;
+    channels = kBgr;
   }
+  return with_layout(layout_bits, channels, [&](auto layout) -> int32_t {
+    using F = decltype(layout);
+    if constexpr (F::kForm == Form::index) {
+      return fill(h, src, PaletteCells<F>{cell_of_index});
+    } else if constexpr (F::kForm == Form::sample) {
+      return lut ? fill(h, src, GrayCells<F, true>{range, b->GrayLut, b->GrayLutLength})
+                 : fill(h, src, GrayCells<F, false>{range, nullptr, 0});
+    } else {
+      return fill(h, src, ColourCells<F>{});
+    }
+  });
 }
 
 void sort_palette(RGBQUAD* p, uint32_t n, uint32_t* perm) {

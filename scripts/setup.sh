@@ -5,7 +5,7 @@
 set -euo pipefail
 
 need=()
-for pkg in cmake g++ g++-multilib libgtest-dev googletest libbenchmark-dev libpng-dev pkg-config qemu-user clang libclang-rt-14-dev; do
+for pkg in cmake g++ g++-multilib libgtest-dev googletest libbenchmark-dev libpng-dev libjpeg-dev libtiff-dev libjpeg-turbo-progs pkg-config qemu-user clang libclang-rt-14-dev; do
   dpkg -s "$pkg" >/dev/null 2>&1 || need+=("$pkg")
 done
 if [ ${#need[@]} -gt 0 ]; then

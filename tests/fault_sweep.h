@@ -3,12 +3,16 @@
 //
 // fault_sweep(prepare, op, check): for n = 1, 2, ... `prepare` runs disarmed
 // and makes what the operation works on; `op` runs with the n-th allocation
-// point failing and returns the operation's result; `check` runs disarmed
-// with that result and whether a point failed, and releases whatever
-// prepare or op made.  After every run the live count (heap, blocks,
-// sections, files) must be back at its value before the first prepare.  The
-// sweep ends with the first run in which no point failed, so every
-// allocation of the operation has failed once.
+// point failing (with Arm::from_then_on, every point from the n-th on) and
+// returns the operation's result; `check` runs disarmed with that result and
+// whether a point failed, and releases whatever prepare or op made.  After
+// every run the live count (heap, blocks, sections, files) must be back at
+// its value before the first prepare.  The sweep ends with the first run in
+// which no point failed, so every allocation of the operation has failed
+// once.
+//
+// Most checks are expect_kept(run, snapshot): a run that failed returned
+// the failure code and left the caller's bitmap as the snapshot holds it.
 //
 // Each sweep names the exports it covers with VKT_SWEEPS(...) at namespace
 // scope; tests/sweep_coverage.py holds those marks against the exports that
@@ -32,13 +36,18 @@ struct SweepRun {
   bool fired;      // whether that point was reached (and so failed)
 };
 
+// once: only the n-th point fails; from_then_on: it and every later one
+// (for callers that fall back on a failure and would otherwise recover).
+enum class Arm { once, from_then_on };
+
 inline void fault_sweep(const std::function<void()>& prepare, const std::function<int32_t()>& op,
-                        const std::function<void(const SweepRun&)>& check, long limit = 100000) {
+                        const std::function<void(const SweepRun&)>& check, Arm mode = Arm::once) {
   const long base = vk::fault::live_total();
+  const long limit = 100000;
   for (long n = 1; n < limit; ++n) {
     SCOPED_TRACE("allocation point " + std::to_string(n));
     prepare();
-    vk::fault::arm(n);
+    vk::fault::arm(n, mode == Arm::from_then_on);
     const int32_t r = op();
     const bool fired = vk::fault::fired();
     vk::fault::disarm();
@@ -49,18 +58,30 @@ inline void fault_sweep(const std::function<void()>& prepare, const std::functio
   ADD_FAILURE() << "the sweep did not end within " << limit << " points";
 }
 
-// A bitmap record and its pixels, read through row access, compared byte for
-// byte later.
+// A bitmap record, its palette's entries and its pixels (read through row
+// access), compared byte for byte later.
 class Snapshot {
  public:
-  explicit Snapshot(BitmapHandle* b) : b_(b) {
+  Snapshot() = default;
+  // The record is taken after the reads, which move its row cache.
+  explicit Snapshot(BitmapHandle* b) : b_(b), palette_(palette(b)), pixels_(pixels(b)) {
     std::memcpy(&record_, b, sizeof record_);
-    pixels_ = pixels(b);
   }
   ::testing::AssertionResult unchanged() const {
     if (std::memcmp(&record_, b_, sizeof record_) != 0) return ::testing::AssertionFailure() << "record changed";
+    if (palette(b_) != palette_) return ::testing::AssertionFailure() << "palette changed";
     if (pixels(b_) != pixels_) return ::testing::AssertionFailure() << "pixels changed";
     return ::testing::AssertionSuccess();
+  }
+  // The palette's entries as bytes (none without a palette).
+  static std::vector<uint8_t> palette(BitmapHandle* b) {
+    std::vector<uint8_t> out;
+    if (!b || !b->Palette || b->ColorCount == 0 || b->ColorCount > 65536) return out;
+    out.resize(size_t{b->ColorCount} * sizeof(RGBQUAD));
+    const int32_t got = V_GetBitmapPaletteEntries(b, 0, static_cast<int32_t>(b->ColorCount),
+                                                  reinterpret_cast<RGBQUAD*>(out.data()));
+    out.resize(static_cast<size_t>(got > 0 ? got : 0) * sizeof(RGBQUAD));
+    return out;
   }
   // The pixels row by row, without the padding after the last pixel (storage
   // kinds need not keep those bits).
@@ -79,10 +100,18 @@ class Snapshot {
   }
 
  private:
-  BitmapHandle* b_;
-  BitmapHandle record_;
-  std::vector<uint8_t> pixels_;
+  BitmapHandle* b_ = nullptr;
+  std::vector<uint8_t> palette_, pixels_;
+  BitmapHandle record_{};
 };
+
+// The usual check: a run that failed returned `code` and left the bitmap as
+// the snapshot holds it.
+inline void expect_kept(const SweepRun& run, const Snapshot& before, int32_t code = RESULT_FAIL) {
+  if (run.result == RESULT_OK) return;
+  EXPECT_EQ(run.result, code);
+  EXPECT_TRUE(before.unchanged());
+}
 
 // Names the exports a sweep covers; the coverage check reads these marks
 // from the test sources.

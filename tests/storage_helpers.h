@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "core.h"
+#include "fault_sweep.h"
 #include "platform.h"
 #include "posix_internal.h"
 
@@ -151,28 +152,14 @@ class StorageTest : public ::testing::Test {
               RESULT_OK);
   }
 
-  // The fault sweep: fails the n-th allocation point for n = 1, 2, ... until
-  // a run passes without a failure.  `prepare` runs disarmed (it makes what
-  // the operation works on), `op` runs armed and returns its result, `check`
-  // runs disarmed with that result and whether a fault fired, and must
-  // release everything; then the live count must be back at the baseline
-  // and the temp directory empty.
+  // The fault sweep, which also finds the temp directory empty after
+  // every run.
   void sweep(const std::function<void()>& prepare, const std::function<int32_t()>& op,
-             const std::function<void(int32_t result, bool fired)>& check) {
-    const long base = vk::fault::live_total();
-    for (long n = 1; n < 100000; ++n) {
-      SCOPED_TRACE("fault at point " + std::to_string(n));
-      prepare();
-      vk::fault::arm(n);
-      const int32_t r = op();
-      const bool fired = vk::fault::fired();
-      vk::fault::disarm();
-      check(r, fired);
-      EXPECT_EQ(vk::fault::live_total(), base);
+             const std::function<void(const SweepRun&)>& check) {
+    fault_sweep(prepare, op, [&](const SweepRun& run) {
+      check(run);
       EXPECT_EQ(files_in(dir_), 0u);
-      if (!fired || ::testing::Test::HasFailure()) return;
-    }
-    ADD_FAILURE() << "sweep did not end";
+    });
   }
 
   std::string dir_;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core.h"
+#include "fault_sweep.h"
 #include "platform.h"
 
 namespace {
@@ -30,17 +31,21 @@ TEST(Alloc, OsBlocksKeepTheirHandleAndGrowZeroed) {
 }
 
 TEST(Alloc, FailedOsReallocKeepsTheOldBlock) {
-  auto* p = static_cast<uint8_t*>(V_OsAlloc(16));
-  ASSERT_NE(p, nullptr);
-  p[0] = 7;
-  vk::fault::arm(1);
-  EXPECT_EQ(V_OsReAlloc(p, 1 << 20), nullptr);
-  vk::fault::disarm();
-  EXPECT_EQ(p[0], 7);
-  EXPECT_EQ(vk::plat::global_lock_count(vk::plat::global_handle(p)), 1u);
-  V_OsFree(p);
+  uint8_t* p = nullptr;
+  void* grown = nullptr;
+  vkt::fault_sweep([&] { p = static_cast<uint8_t*>(V_OsAlloc(16)), p[0] = 7; },
+                   [&] { return (grown = V_OsReAlloc(p, 1 << 20)) ? RESULT_OK : RESULT_FAIL; },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result != RESULT_OK) {
+                       EXPECT_EQ(p[0], 7);
+                       EXPECT_EQ(vk::plat::global_lock_count(vk::plat::global_handle(p)), 1u);
+                     }
+                     V_OsFree(run.result == RESULT_OK ? grown : p);
+                   });
 }
 
+// The switch the sweeps are built on: only the n-th point fails, or with
+// persistence every point from it on.
 TEST(Alloc, FaultSwitchFailsExactlyTheNthPoint) {
   vk::fault::arm(2);
   void* a = V_Malloc(8);
@@ -84,19 +89,6 @@ TEST(Settings, ThreadsKeepIndependentRecordsReleasedAtExit) {
   EXPECT_NE(mine, theirs);
   EXPECT_EQ(mine->DefaultXResolution, 150);
   EXPECT_EQ(vk::fault::live_total(), base);  // the thread's record went with it
-}
-
-TEST(Settings, FallsBackToTheProcessRecordWhenNoneCanBeMade) {
-  ThreadSettings* fallback = nullptr;
-  std::thread t([&] {
-    vk::fault::arm(1, true);
-    fallback = &vk::settings();
-    vk::fault::disarm();
-    EXPECT_EQ(fallback->DefaultYResolution, 150);
-  });
-  t.join();
-  ASSERT_NE(fallback, nullptr);
-  EXPECT_NE(fallback, &vk::settings());
 }
 
 int32_t VK_CALL record_percent(int32_t percent, intptr_t data) {

@@ -133,17 +133,12 @@ TEST(ColorCount, ProgressRefusalAndAllocationFailures) {
     EXPECT_EQ(n, 1234u);
   }
   EXPECT_EQ(vk::fault::live_total(), base);
-  for (long k = 1;; ++k) {
-    n = 99;
-    vk::fault::arm(k);
-    const int32_t r = V_GetBitmapColorCountExt(b.get(), &n, nullptr);
-    const bool fired = vk::fault::fired();
-    vk::fault::disarm();
-    EXPECT_EQ(vk::fault::live_total(), base);
-    if (!fired) break;
-    EXPECT_EQ(r, RESULT_FAIL);
-    EXPECT_EQ(n, 99u);
-  }
+  vkt::fault_sweep([&] { n = 99; }, [&] { return V_GetBitmapColorCountExt(b.get(), &n, nullptr); },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result == RESULT_OK) return;
+                     EXPECT_EQ(run.result, RESULT_FAIL);
+                     EXPECT_EQ(n, 99u);
+                   });
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <optional>
 #include <tuple>
 #include <vector>
 
@@ -170,56 +171,56 @@ TEST(ColorRes, FailuresLeaveSourceAndUserTableUnchanged) {
                         {RESOLVE_FIXED, 8, false},
                         {RESOLVE_BGR, 24, true}};
   for (const Mode& m : modes) {
-    // One run, on a fresh source each time (a run that recovers from a
-    // failure and succeeds converts it).  Returns the result and whether a
-    // fault fired; checks the all-or-nothing rule on failure.
-    auto run = [&](const char* what, long n, int32_t expect, int32_t stop_row, vkt::StatusRecorder* rec) {
-      vkt::Bitmap b(33, 17, m.bits == 24 ? 8 : 24);
+    SCOPED_TRACE(testing::Message() << "flags " << m.flags);
+    // A fresh source every run (a run that recovers from a failure and
+    // succeeds converts it).
+    std::optional<vkt::Bitmap> b;
+    vkt::Snapshot before;
+    BitmapHandle other, untouched;
+    std::memset(&untouched, 0xCD, sizeof untouched);
+    Rows rows;
+    auto prepare = [&] {
+      b.emplace(33, 17, m.bits == 24 ? 8 : 24);
       if (m.bits == 24) {
         std::vector<RGBQUAD> pal(256);
         for (int i = 0; i < 256; ++i) pal[i] = RGBQUAD{uint8_t(i), uint8_t(i / 2), uint8_t(255 - i), 0};
-        b.set_palette(pal);
-        b.fill_index([](int x, int y) { return uint32_t(x * 7 + y); });
+        b->set_palette(pal);
+        b->fill_index([](int x, int y) { return uint32_t(x * 7 + y); });
       } else {
-        b.fill(photo);
+        b->fill(photo);
       }
-      BitmapHandle before, other, untouched;
-      std::memcpy(&before, b.get(), sizeof before);
-      std::memset(&other, 0xCD, sizeof other);
-      std::memset(&untouched, 0xCD, sizeof untouched);
-      const std::vector<uint8_t> pixels = b.pixels();
-      const long base = vk::fault::live_total();
-      Rows rows;
-      rows.stop_at = stop_row;
-      if (!rec) V_SetStatusCallBack(nullptr, 0);
-      if (n) vk::fault::arm(n);
-      const int32_t r = V_ColorResBitmap(b.get(), m.in_place ? b.get() : &other, m.bits, m.flags,
-                                         (m.flags & RESOLVE_USER_PALETTE) ? user.data() : nullptr, nullptr, 0,
-                                         &Rows::single, reinterpret_cast<intptr_t>(&rows));
-      const bool fired = vk::fault::fired();
-      vk::fault::disarm();
-      if (r == RESULT_OK) {
-        if (!m.in_place) V_FreeBitmap(&other);
-        return fired;
-      }
-      EXPECT_EQ(r, expect) << what << " flags " << m.flags << " n " << n;
-      EXPECT_EQ(std::memcmp(&before, b.get(), sizeof before), 0) << what << " " << n;
-      EXPECT_EQ(std::memcmp(&other, &untouched, sizeof other), 0) << what << " " << n;
-      EXPECT_EQ(b.pixels(), pixels) << what << " " << n;
-      EXPECT_EQ(vk::fault::live_total(), base) << what << " " << n;
-      EXPECT_EQ(std::memcmp(table, table_before.data(), 32768 * 4), 0) << what << " " << n;
-      EXPECT_EQ(V_SetUserMatchTable(table), table);
-      return true;
+      before = vkt::Snapshot(b->get());
+      other = untouched;
+      rows = Rows{};
     };
-    run("row callback", 0, 5, 9, nullptr);  // the row callback stops at row 9
+    auto op = [&] {
+      return V_ColorResBitmap(b->get(), m.in_place ? b->get() : &other, m.bits, m.flags,
+                              (m.flags & RESOLVE_USER_PALETTE) ? user.data() : nullptr, nullptr, 0, &Rows::single,
+                              reinterpret_cast<intptr_t>(&rows));
+    };
+    auto check = [&](const vkt::SweepRun& run, int32_t code) {
+      if (!run.n) EXPECT_EQ(run.result, code);  // a cancelled run
+      if (run.result == RESULT_OK && !m.in_place) V_FreeBitmap(&other);
+      if (run.result != RESULT_OK) {
+        vkt::expect_kept(run, before, code);
+        EXPECT_EQ(std::memcmp(&other, &untouched, sizeof other), 0);
+        EXPECT_EQ(std::memcmp(table, table_before.data(), 32768 * 4), 0);
+        EXPECT_EQ(V_SetUserMatchTable(table), table);
+      }
+      b.reset();
+    };
+    prepare();
+    rows.stop_at = 9;  // the row callback stops at row 9
+    check({0, op(), false}, 5);
     {
       vkt::StatusRecorder rec;
-      rec.refuse_at = 52;
-      run("status", 0, 77, -1, &rec);  // the status callback refuses at 52%
+      rec.refuse_at = 52;  // the status callback refuses at 52%
+      prepare();
+      check({0, op(), false}, 77);
     }
-    long n = 1;
-    while (run("fault", n, RESULT_FAIL, -1, nullptr)) ++n;
-    EXPECT_GT(n, 4) << m.flags;
+    long points = 0;
+    vkt::fault_sweep(prepare, op, [&](const vkt::SweepRun& run) { check(run, RESULT_FAIL), points = run.n; });
+    EXPECT_GT(points, 4);
   }
   V_SetUserMatchTable(previous);
   V_FreeUserMatchTable(table);

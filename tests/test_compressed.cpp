@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <random>
 #include <vector>
 
 #include "compressed.h"
 #include "core.h"
+#include "fault_sweep.h"
 
 namespace {
 
@@ -674,65 +676,72 @@ TEST(RowHeap, HeightChangesFreeAndAddRows) {
 // ---- failures ------------------------------------------------------------------------
 
 TEST(CompressedFaults, AllocationFailuresLeaveNothingBehind) {
-  const long base = vk::fault::live_total();
   for (int32_t width : {100, 70000}) {
-    for (long n = 1;; ++n) {
-      BitmapHandle b{};
-      b.Width = width;
-      b.Height = 3;
-      b.BitsPerPixel = 1;
-      b.BytesPerLine = stride_of(width);
-      const BitmapHandle before = b;
-      vk::fault::arm(n);
-      const int32_t r = vk::cmp::allocate(&b);
-      const bool fired = vk::fault::fired();
-      vk::fault::disarm();
-      if (r == RESULT_OK) {
-        vk::cmp::free_storage(&b);
-      } else {
-        EXPECT_EQ(r, RESULT_FAIL);
-        EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
-      }
-      EXPECT_EQ(vk::fault::live_total(), base);
-      if (!fired) break;
-    }
+    BitmapHandle b{}, before{};
+    vkt::fault_sweep(
+        [&] {
+          b = BitmapHandle{};
+          b.Width = width;
+          b.Height = 3;
+          b.BitsPerPixel = 1;
+          b.BytesPerLine = stride_of(width);
+          before = b;
+        },
+        [&] { return vk::cmp::allocate(&b); },
+        [&](const vkt::SweepRun& run) {
+          if (run.result == RESULT_OK) {
+            vk::cmp::free_storage(&b);
+          } else {
+            EXPECT_EQ(run.result, RESULT_FAIL);
+            EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
+          }
+        });
   }
 }
 
+// An image is written row by row, alternately as whole records and as
+// pixels, and the n-th allocation (a heap growth) fails: that write leaves
+// the record and its row as they were, the rows before it stand, and it
+// works once memory is there.
 TEST(CompressedFaults, FailedRowWritesKeepTheRowAndTheRecord) {
   std::mt19937 g(13);
   const int32_t width = 2000, height = 300;
-  Compressed c(width, height);
-  std::vector<Bytes> image(height, Bytes(c.b.BytesPerLine, 0));
-  // Fill until a write needs a heap growth, which is then made to fail.
-  int failures = 0;
+  std::vector<Bytes> rows, records;
   for (int r = 0; r < height; ++r) {
-    Bytes row = random_row(g, width, false);
-    clear_tail(row, width);
-    const BitmapHandle before = c.b;
-    vk::fault::arm(1);
-    const int32_t res = c.put(r, row);
-    const bool fired = vk::fault::fired();
-    vk::fault::disarm();
-    if (fired) {
-      ++failures;
-      EXPECT_EQ(res, RESULT_FAIL);
-      EXPECT_EQ(std::memcmp(&c.b, &before, sizeof before), 0);
-      EXPECT_EQ(c.row(r), image[r]);
-      const Bytes rec = make_record(compress(row, 0, width));
-      vk::fault::arm(1);
-      EXPECT_EQ(vk::cmp::write_record(&c.b, r, rec.data()), RESULT_FAIL);
-      vk::fault::disarm();
-      EXPECT_EQ(c.row(r), image[r]);
-      ASSERT_GT(c.put(r, row), 0);  // and it works once memory is there
-    } else {
-      ASSERT_GT(res, 0);
-    }
-    image[r] = row;
-    ASSERT_NO_FATAL_FAILURE(check_heap(c.b));
+    rows.push_back(random_row(g, width, false));
+    clear_tail(rows.back(), width);
+    records.push_back(make_record(compress(rows.back(), 0, width)));
   }
-  EXPECT_GT(failures, 0);
-  for (int r = 0; r < height; ++r) ASSERT_EQ(c.row(r), image[r]);
+  std::optional<Compressed> c;
+  BitmapHandle before{};
+  int row = 0, failures[2] = {0, 0};
+  auto write = [&] {
+    return row % 2 ? vk::cmp::write_record(&c->b, row, records[row].data()) : c->put(row, rows[row]);
+  };
+  vkt::fault_sweep([&] { c.emplace(width, height); },
+                   [&] {
+                     for (row = 0; row < height; ++row) {
+                       before = c->b;
+                       const int32_t r = write();
+                       if (r <= 0) return r;
+                     }
+                     return int32_t{RESULT_OK};
+                   },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result != RESULT_OK) {
+                       ++failures[row % 2];
+                       EXPECT_EQ(run.result, RESULT_FAIL);
+                       EXPECT_EQ(std::memcmp(&c->b, &before, sizeof before), 0);
+                       EXPECT_EQ(c->row(row), Bytes(c->b.BytesPerLine, 0));
+                       EXPECT_GT(write(), 0);
+                       ++row;
+                     }
+                     EXPECT_NO_FATAL_FAILURE(check_heap(c->b));
+                     for (int r = 0; r < row; ++r) ASSERT_EQ(c->row(r), rows[r]) << r;
+                     c.reset();
+                   });
+  EXPECT_GT(failures[0], 0);
+  EXPECT_GT(failures[1], 0);
 }
 
 }  // namespace

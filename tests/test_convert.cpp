@@ -643,24 +643,16 @@ TEST(GrayParams, InitAndCopy) {
 
   // The table copy is the one allocation: when it fails the destination is
   // untouched and nothing is left allocated.
-  const long baseline = vk::fault::live_total();
-  for (long n = 1;; ++n) {
-    BitmapHandle c{};
-    c.LowBit = 5;
-    const BitmapHandle before = c;
-    vk::fault::arm(n);
-    const int32_t r = V_CopyGrayParams(&c, &a);
-    const bool fired = vk::fault::fired();
-    vk::fault::disarm();
-    if (!fired) {
-      ASSERT_EQ(r, RESULT_OK);
-      V_OsFree(c.GrayLut);
-      break;
-    }
-    ASSERT_EQ(r, RESULT_FAIL);
-    ASSERT_EQ(std::memcmp(&c, &before, sizeof c), 0);
-    ASSERT_EQ(vk::fault::live_total(), baseline);
-  }
+  BitmapHandle c{}, before{};
+  vkt::fault_sweep([&] { c = BitmapHandle{}, c.LowBit = 5, before = c; }, [&] { return V_CopyGrayParams(&c, &a); },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result == RESULT_OK) {
+                       V_OsFree(c.GrayLut);
+                     } else {
+                       EXPECT_EQ(run.result, RESULT_FAIL);
+                       EXPECT_EQ(std::memcmp(&c, &before, sizeof c), 0);
+                     }
+                   });
   V_OsFree(lut);
 }
 

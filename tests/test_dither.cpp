@@ -11,13 +11,12 @@
 #include <vector>
 
 #include "dither.h"
-#include "fault.h"
+#include "fault_sweep.h"
 #include "palette_tables.h"
 #include "vkkrn.h"
-#include "fault_sweep.h"
 
 // Fault sweeps in this file.
-VKT_SWEEPS(V_StartDitheringExt);
+VKT_SWEEPS(V_StartDithering, V_StartDitheringExt);
 
 namespace {
 
@@ -697,34 +696,35 @@ TEST(Dither, ArgumentChecksAndLifecycle) {
   }
 }
 
+// Every allocation of a start failing in turn: the record is as it was
+// (its old state pointer too) and nothing is left behind.
 TEST(Dither, StartFailuresFreeEverythingAndLeaveStateUnchanged) {
   std::vector<RGBQUAD> spal(256);
   for (int i = 0; i < 256; ++i) spal[size_t(i)] = q(i, 255 - i, i / 2);
   std::vector<RGBQUAD> dpal = {q(0, 0, 0), q(248, 248, 248), q(200, 40, 16)};
+  void* const marker = reinterpret_cast<void*>(uintptr_t(0x1234));
   for (int method : {DITHER_NONE, DITHER_STEVENSON_ARCE}) {
-    const long base = vk::fault::live_total();
-    for (long n = 1;; ++n) {
-      BitmapHandle b = source(64, 8, ORDER_RGB, method);
-      b.Flags = PALETTE_IS_TABLE;
-      b.Palette = spal.data();
-      b.ColorCount = 256;
-      void* const marker = reinterpret_cast<void*>(uintptr_t(0x1234));
-      b.DitherState = marker;
-      BitmapHandle before = b;
-      vk::fault::arm(n);
-      const int32_t r = V_StartDitheringExt(&b, dpal.data(), 3, 2, nullptr);
-      const bool fired = vk::fault::fired();
-      vk::fault::disarm();
-      if (r != RESULT_OK) {
-        EXPECT_EQ(r, RESULT_FAIL);
-        EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
-        EXPECT_EQ(vk::fault::live_total(), base);
-      } else {
-        EXPECT_NE(b.DitherState, marker);
-        EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
-        EXPECT_EQ(vk::fault::live_total(), base);
-      }
-      if (!fired) break;
+    for (const bool ext : {false, true}) {
+      BitmapHandle b, before;
+      vkt::fault_sweep(
+          [&] {
+            b = source(64, 8, ORDER_RGB, method);
+            b.Flags = PALETTE_IS_TABLE;
+            b.Palette = spal.data();
+            b.ColorCount = 256;
+            b.DitherState = marker;
+            before = b;
+          },
+          [&] { return ext ? V_StartDitheringExt(&b, dpal.data(), 3, 2, nullptr) : V_StartDithering(&b, dpal.data(), 3); },
+          [&](const vkt::SweepRun& run) {
+            if (run.result == RESULT_OK) {
+              EXPECT_NE(b.DitherState, marker);
+              EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
+            } else {
+              EXPECT_EQ(run.result, RESULT_FAIL);
+              EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
+            }
+          });
     }
   }
 }

@@ -66,67 +66,6 @@ TEST(FaultSweep, PaletteHandlesAreAllOrNothing) {
   VKP_DeletePalette(model);
 }
 
-VKT_SWEEPS(V_DupBitmapPalette, V_CopyBitmapPalette, V_SetBitmapPalette, V_CreateBitmapFixedPalette);
-TEST(FaultSweep, BitmapPalettesKeepTheOldPaletteOnFailure) {
-  for (const bool table : {false, true}) {
-    SCOPED_TRACE(table ? "table" : "handle");
-    BitmapHandle b = make(8), other = make(4);
-    if (table) ASSERT_EQ(V_SetPaletteType(&b, 1), RESULT_OK);
-    const std::vector<RGBQUAD> pal = {{9, 9, 9, 0}, {200, 100, 50, 0}};
-    const struct {
-      const char* name;
-      int32_t (*run)(BitmapHandle* b, BitmapHandle* other, const std::vector<RGBQUAD>& pal);
-    } ops[] = {
-        {"dup", [](BitmapHandle* x, BitmapHandle*, const std::vector<RGBQUAD>&) {
-           const VK_HPALETTE p = V_DupBitmapPalette(x);
-           if (!p) return int32_t{RESULT_FAIL};
-           VKP_DeletePalette(p);
-           return int32_t{RESULT_OK};
-         }},
-        {"copy", [](BitmapHandle* x, BitmapHandle*, const std::vector<RGBQUAD>&) {
-           BitmapHandle blank{};  // a record of its own, so a success can be released
-           const int32_t r = V_CopyBitmapPalette(&blank, x);
-           V_FreeBitmap(&blank);
-           return r;
-         }},
-        {"set", [](BitmapHandle* x, BitmapHandle*, const std::vector<RGBQUAD>& p) {
-           const VK_HPALETTE h = V_CreatePalette(p.data(), 2);
-           if (!h) return int32_t{RESULT_FAIL};
-           const int32_t r = V_SetBitmapPalette(x, h);  // takes a copy: h stays the caller's
-           VKP_DeletePalette(h);
-           return r;
-         }},
-        {"fixed", [](BitmapHandle* x, BitmapHandle*, const std::vector<RGBQUAD>&) {
-           // It does not release a palette held before: work on a copy of the
-           // record that holds none and no storage, then release what it got.
-           BitmapHandle r = *x;
-           r.Palette = nullptr;
-           r.Flags &= ~uint32_t{BITMAP_ALLOCATED};
-           const int32_t res = V_CreateBitmapFixedPalette(&r);
-           V_FreeBitmap(&r);
-           return res;
-         }},
-    };
-    for (const auto& op : ops) {
-      SCOPED_TRACE(op.name);
-      std::vector<uint8_t> record(sizeof b);
-      fault_sweep([&] { std::memcpy(record.data(), &b, sizeof b); },
-                  [&] { return op.run(&b, &other, pal); },
-                  [&](const SweepRun& run) {
-                    if (run.result != RESULT_OK) {
-                      EXPECT_LE(run.result, 0);  // the palette copy reports failure as 0
-                      EXPECT_EQ(std::memcmp(record.data(), &b, sizeof b), 0);
-                    }
-                    // Setting a palette whose copy cannot be made still counts
-                    // as done and leaves the bitmap without one: give it back.
-                    if (!b.Palette) EXPECT_EQ(V_CreateBitmapFixedPalette(&b), RESULT_OK);
-                  });
-    }
-    V_FreeBitmap(&b);
-    V_FreeBitmap(&other);
-  }
-}
-
 VKT_SWEEPS(V_CreateBitmapPalette);
 TEST(FaultSweep, ANewBitmapPaletteIsAllOrNothing) {
   const std::vector<RGBQUAD> pal = {{1, 2, 3, 0}, {4, 5, 6, 0}, {7, 8, 9, 0}, {10, 11, 12, 0}};
@@ -178,63 +117,6 @@ TEST(FaultSweep, DuplicationWithStorageMakesAllOrNothing) {
                 EXPECT_TRUE(before.unchanged());
               });
   V_FreeBitmap(&src);
-}
-
-VKT_SWEEPS(V_ToggleBitmapCompression, V_GrowBitmapHeap, V_TrimBitmapHeap);
-TEST(FaultSweep, CompressedStorageChangesKeepThePixels) {
-  const struct {
-    const char* name;
-    int32_t type;
-    int32_t (*run)(BitmapHandle*);
-  } ops[] = {
-      {"toggle to compressed", TYPE_CONVENTIONAL, [](BitmapHandle* b) { return V_ToggleBitmapCompression(b); }},
-      {"toggle to packed", TYPE_COMPRESSED, [](BitmapHandle* b) { return V_ToggleBitmapCompression(b); }},
-      {"grow", TYPE_COMPRESSED, [](BitmapHandle* b) { return V_GrowBitmapHeap(b, 1 << 20); }},
-      {"trim", TYPE_COMPRESSED, [](BitmapHandle* b) { return V_TrimBitmapHeap(b); }},
-  };
-  for (const auto& op : ops) {
-    SCOPED_TRACE(op.name);
-    BitmapHandle b;
-    std::vector<uint8_t> pixels;
-    fault_sweep([&] {
-                  b = make(1, 100, 20, op.type);
-                  pixels = Snapshot::pixels(&b);
-                },
-                [&] { return op.run(&b); },
-                [&](const SweepRun& run) {
-                  if (run.result != RESULT_OK) EXPECT_LE(run.result, 0);  // the heap calls report 0
-                  EXPECT_EQ(Snapshot::pixels(&b), pixels);
-                  V_FreeBitmap(&b);
-                });
-  }
-}
-
-VKT_SWEEPS(V_StartDithering);
-TEST(FaultSweep, DitheringStartLeavesTheRecordAlone) {
-  BitmapHandle b = make(24);
-  const std::vector<RGBQUAD> pal = {{0, 0, 0, 0}, {255, 255, 255, 0}, {0, 0, 255, 0}};
-  fault_sweep([] {}, [&] { return V_StartDithering(&b, pal.data(), 3); },
-              [&](const SweepRun& run) {
-                if (run.result == RESULT_OK) {
-                  EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
-                } else {
-                  EXPECT_EQ(run.result, RESULT_FAIL);
-                  EXPECT_EQ(b.DitherState, nullptr);
-                }
-              });
-  V_FreeBitmap(&b);
-}
-
-VKT_SWEEPS(V_OsOpen);
-TEST(FaultSweep, OpeningAFileFailsCleanly) {
-  char name[VK_MAX_PATH];
-  ASSERT_EQ(V_OsGetTempName(name), 0);
-  fault_sweep([] {}, [&] { return int32_t(V_OsOpen(name, VK_O_RDWR, 0, 0)); },
-              [&](const SweepRun& run) {
-                if (run.result != -1) V_OsClose(run.result, 0);
-                else EXPECT_TRUE(run.fired);
-              });
-  EXPECT_EQ(V_OsDelete(name), 0);
 }
 
 // Lists: the items' storage belongs to the list; a failed call must leave

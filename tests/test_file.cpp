@@ -10,11 +10,11 @@
 #include <thread>
 
 #include "core.h"
-#include "platform.h"
 #include "fault_sweep.h"
+#include "platform.h"
 
 // Fault sweeps in this file.
-VKT_SWEEPS(V_OsCreat, V_OsGetTempName, V_StartRedirectToBuffer, V_StopRedirectToBuffer);
+VKT_SWEEPS(V_OsCreat, V_OsOpen, V_OsGetTempName, V_StartRedirectToBuffer, V_StopRedirectToBuffer);
 
 namespace {
 
@@ -157,21 +157,29 @@ TEST(File, ReadOnlyCreatedFileRefusesWritesAndDeletion) {
   EXPECT_EQ(vk::plat::file_attributes(name.c_str()), -1);
 }
 
+// Every allocation failing in turn: a temp name that cannot be made comes
+// back empty (the call still reports 0), a file that cannot be opened or
+// made is -1, and nothing is left open.
 TEST(File, InjectedFailuresOfFilesAndTempNames) {
-  const long base = vk::fault::live_total();
   char name[VK_MAX_PATH];
-  std::strcpy(name, "stale");
-  vk::fault::arm(1);
-  EXPECT_EQ(V_OsGetTempName(name), 0);  // the platform failure is not reported
-  vk::fault::disarm();
-  EXPECT_STREQ(name, "");
-  EXPECT_EQ(V_OsCreat(name, 0), -1);
-
+  vkt::fault_sweep([&] { std::strcpy(name, "stale"); },
+                   [&] { return V_OsGetTempName(name) == 0 && name[0] ? RESULT_OK : RESULT_FAIL; },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result == RESULT_OK) {
+                       EXPECT_EQ(V_OsDelete(name), 0);
+                     } else {
+                       EXPECT_STREQ(name, "");
+                       EXPECT_EQ(V_OsCreat(name, 0), -1);
+                     }
+                   });
   const std::string n = temp_name();
-  vk::fault::arm(1);
-  EXPECT_EQ(V_OsCreat(n.c_str(), VK_CREAT_DELETE_ON_CLOSE), -1);
-  vk::fault::disarm();
-  EXPECT_EQ(vk::fault::live_total(), base);
+  for (const bool create : {false, true}) {
+    vkt::fault_sweep([] {}, [&] { return create ? V_OsCreat(n.c_str(), 0) : V_OsOpen(n.c_str(), VK_O_RDWR, 0, 0); },
+                     [&](const vkt::SweepRun& run) {
+                       if (run.result != -1) EXPECT_EQ(V_OsClose(run.result, 0), 0);
+                       else EXPECT_TRUE(run.fired);
+                     });
+  }
   EXPECT_EQ(V_OsDelete(n.c_str()), 0);
 }
 
@@ -469,39 +477,36 @@ TEST(BufferRedirect, ARedirectionStaysOnItsThread) {
 // the table is intact and nothing leaks.
 TEST(BufferRedirect, FaultSweep) {
   DefaultTable restore;
-  const long base = vk::fault::live_total();
   std::string big(70000, 'q');
-  for (long n = 1;; ++n) {
-    vk::fault::arm(n);
-    BufferRedirect* ctx = nullptr;
-    const int32_t r = V_StartRedirectToBuffer(&ctx, nullptr, REDIRECT_GROW | REDIRECT_SHRINK, nullptr, 0);
-    int32_t w1 = -2, w2 = -2;
-    if (r == RESULT_OK) {
-      w1 = V_RedirectedWrite(REDIRECT_HANDLE, "hello", 5);
-      w2 = V_RedirectedWrite(REDIRECT_HANDLE, big.data(), 70000);
-      V_RedirectedClose(REDIRECT_HANDLE);
-    }
-    vk::fault::disarm();
-    const bool fired = vk::fault::fired();
-    if (r != RESULT_OK) {
-      EXPECT_EQ(r, RESULT_FAIL);
-      VK_WRITEPROC w = nullptr;
-      V_FilterIO(nullptr, nullptr, &w, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-      EXPECT_EQ(w, V_OsWrite) << n;  // nothing installed
-    } else {
-      EXPECT_TRUE(w1 == 5 || w1 == -1) << n;
-      // A failed growth keeps the old buffer, which takes what fits.
-      EXPECT_TRUE(w2 == 70000 || w2 == -1 || (w2 >= 0 && static_cast<uint32_t>(w2) == 32768u - 5)) << n << " " << w2;
-      void* buffer = nullptr;
-      uint32_t length = 0;
-      EXPECT_EQ(V_StopRedirectToBuffer(ctx, &buffer, &length), RESULT_OK);
-      if (buffer) EXPECT_GE(vk::plat::global_size(vk::plat::global_handle(buffer)), length);
-      V_OsFree(buffer);
-    }
-    EXPECT_EQ(vk::fault::live_total(), base) << n;
-    if (!fired) break;
-    ASSERT_LT(n, 50);
-  }
+  BufferRedirect* ctx = nullptr;
+  int32_t w1 = -2, w2 = -2;
+  vkt::fault_sweep([&] { ctx = nullptr, w1 = w2 = -2; },
+                   [&] {
+                     const int32_t r = V_StartRedirectToBuffer(&ctx, nullptr, REDIRECT_GROW | REDIRECT_SHRINK, nullptr, 0);
+                     if (r == RESULT_OK) {
+                       w1 = V_RedirectedWrite(REDIRECT_HANDLE, "hello", 5);
+                       w2 = V_RedirectedWrite(REDIRECT_HANDLE, big.data(), 70000);
+                       V_RedirectedClose(REDIRECT_HANDLE);
+                     }
+                     return r;
+                   },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result != RESULT_OK) {
+                       EXPECT_EQ(run.result, RESULT_FAIL);
+                       VK_WRITEPROC w = nullptr;
+                       V_FilterIO(nullptr, nullptr, &w, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+                       EXPECT_EQ(w, V_OsWrite);  // nothing installed
+                       return;
+                     }
+                     EXPECT_TRUE(w1 == 5 || w1 == -1);
+                     // A failed growth keeps the old buffer, which takes what fits.
+                     EXPECT_TRUE(w2 == 70000 || w2 == -1 || (w2 >= 0 && static_cast<uint32_t>(w2) == 32768u - 5)) << w2;
+                     void* buffer = nullptr;
+                     uint32_t length = 0;
+                     EXPECT_EQ(V_StopRedirectToBuffer(ctx, &buffer, &length), RESULT_OK);
+                     if (buffer) EXPECT_GE(vk::plat::global_size(vk::plat::global_handle(buffer)), length);
+                     V_OsFree(buffer);
+                   });
 }
 
 }  // namespace

@@ -3,11 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "core.h"
-#include "platform.h"
 #include "fault_sweep.h"
+#include "platform.h"
 
 // Fault sweeps in this file.
 VKT_SWEEPS(V_CopyBitmapListItems, V_MoveBitmapListItems, V_InsertBitmapListItem, V_RemoveBitmapListItem);
@@ -120,16 +121,6 @@ TEST(BitmapList, RemoveHandsOwnershipOut) {
   V_FreeBitmap(&out);
   EXPECT_EQ(vk::fault::live_total(), header_only);  // the item array went too
   EXPECT_EQ(V_DestroyBitmapList(l), RESULT_OK);
-
-  // A shrink that cannot be had keeps the larger array; the removal stands.
-  l = make_list(3);
-  vk::fault::arm(1, true);
-  const int32_t r = V_RemoveBitmapListItem(l, 1, &out);
-  vk::fault::disarm();
-  EXPECT_EQ(r, RESULT_OK);
-  EXPECT_EQ(tags(l), (std::vector<int>{1, 3}));
-  V_FreeBitmap(&out);
-  EXPECT_EQ(V_DestroyBitmapList(l), RESULT_OK);
 }
 
 TEST(BitmapList, SetOverwritesWithoutFreeing) {
@@ -169,52 +160,53 @@ TEST(BitmapList, DeleteAndMoveClipTheRun) {
   EXPECT_EQ(vk::fault::live_total(), base);
 }
 
-// Copies are deep.  With every allocation failing in turn, copy, move and
-// insert leave the source list as it was, make no new list and leak nothing.
-TEST(BitmapList, CopyMoveInsertUnderAllocationFailures) {
-  enum Op { copy, move, insert };
-  for (Op op : {copy, move, insert}) {
-    BitmapList l = make_list(3);
-    const long base = vk::fault::live_total();
-    for (long n = 1;; ++n) {
-      const BitmapList sentinel = reinterpret_cast<BitmapList>(uintptr_t{0x1234});
-      BitmapList out = sentinel;
+// Copies are deep.  With every allocation failing in turn (and every one
+// after it, so nothing recovers), copy, move and insert either succeed or
+// leave the source list as it was and make no new list; a removal always
+// stands (a shrink that cannot be had keeps the larger array).
+TEST(BitmapList, CopyMoveInsertRemoveUnderAllocationFailures) {
+  const struct {
+    const char* name;
+    int32_t (*run)(BitmapList l, BitmapList* out, BitmapHandle* b);
+    std::vector<int> left, made;  // the tags after a success (a zero record reads 0)
+  } ops[] = {
+      {"copy", [](BitmapList l, BitmapList* out, BitmapHandle*) { return V_CopyBitmapListItems(out, l, 1, 2); },
+       {1, 2, 3}, {2, 3}},
+      {"move", [](BitmapList l, BitmapList* out, BitmapHandle*) { return V_MoveBitmapListItems(out, l, 1, 1); },
+       {1, 3}, {2}},
+      {"insert", [](BitmapList l, BitmapList*, BitmapHandle* b) { return V_InsertBitmapListItem(l, 1, b); },
+       {1, 0, 2, 3}, {}},
+      {"remove", [](BitmapList l, BitmapList*, BitmapHandle* b) { return V_RemoveBitmapListItem(l, 1, b); },
+       {1, 3}, {}},
+  };
+  const BitmapList sentinel = reinterpret_cast<BitmapList>(uintptr_t{0x1234});
+  for (const auto& op : ops) {
+    for (const vkt::Arm mode : {vkt::Arm::once, vkt::Arm::from_then_on}) {
+      SCOPED_TRACE(std::string(op.name) + (mode == vkt::Arm::once ? "" : ", and every later point"));
+      BitmapList l = nullptr, out = sentinel;
       BitmapHandle b{};
-      vk::fault::arm(n);
-      int32_t r = RESULT_FAIL;
-      if (op == copy) r = V_CopyBitmapListItems(&out, l, 1, 2);
-      if (op == move) r = V_MoveBitmapListItems(&out, l, 1, 1);
-      if (op == insert) r = V_InsertBitmapListItem(l, 1, &b);
-      const bool fired = vk::fault::fired();
-      vk::fault::disarm();
-      if (r == RESULT_OK) {
-        if (op == copy) {
-          EXPECT_EQ(tags(out), (std::vector<int>{2, 3}));
-          BitmapHandle a, c;
-          V_GetBitmapListItem(l, 1, &a);
-          V_GetBitmapListItem(out, 0, &c);
-          EXPECT_NE(a.Data, c.Data);
-        }
-        // Failures the call recovers from (a shrink of the source, a storage
-        // fallback inside the copy) still make it succeed as a whole.
-        if (op == insert) {
-          ASSERT_EQ(V_RemoveBitmapListItem(l, 1, &b), RESULT_OK);
-        } else {
-          EXPECT_EQ(V_DestroyBitmapList(out), RESULT_OK);
-        }
-        if (op == move) {
-          V_DestroyBitmapList(l);
-          l = make_list(3);
-        }
-        if (!fired) break;
-        continue;
-      }
-      EXPECT_EQ(r, RESULT_FAIL) << "op " << op << " n " << n;
-      EXPECT_EQ(out, sentinel);
-      EXPECT_EQ(tags(l), (std::vector<int>{1, 2, 3}));
-      EXPECT_EQ(vk::fault::live_total(), base);
+      vkt::fault_sweep([&] { l = make_list(3), out = sentinel, b = BitmapHandle{}; }, [&] { return op.run(l, &out, &b); },
+                       [&](const vkt::SweepRun& run) {
+                         if (run.result == RESULT_OK) {
+                           EXPECT_EQ(tags(l), op.left);
+                           if (out != sentinel) {
+                             EXPECT_EQ(tags(out), op.made);
+                             BitmapHandle a, c;
+                             V_GetBitmapListItem(l, 1, &a);
+                             V_GetBitmapListItem(out, 0, &c);
+                             if (std::string(op.name) == "copy") EXPECT_NE(a.Data, c.Data);  // its own pixels
+                             EXPECT_EQ(V_DestroyBitmapList(out), RESULT_OK);
+                           }
+                         } else {
+                           EXPECT_EQ(run.result, RESULT_FAIL);
+                           EXPECT_EQ(out, sentinel);
+                           EXPECT_EQ(tags(l), (std::vector<int>{1, 2, 3}));
+                         }
+                         V_FreeBitmap(&b);  // what was removed
+                         EXPECT_EQ(V_DestroyBitmapList(l), RESULT_OK);
+                       },
+                       mode);
     }
-    EXPECT_EQ(V_DestroyBitmapList(l), RESULT_OK);
   }
 }
 

@@ -222,14 +222,13 @@ TEST(Lookup, ForcedGenericSwitchIsHonoured) {
 }
 
 TEST(Lookup, UserMatchTableAllocationFailure) {
-  const long baseline = vk::fault::live_total();
-  vk::fault::arm(1);
-  uint32_t* t = V_CreateUserMatchTable(V_IntGetFixedPalette(4), 16);
-  const bool fired = vk::fault::fired();
-  vk::fault::disarm();
-  ASSERT_TRUE(fired);
-  EXPECT_EQ(t, nullptr);
-  EXPECT_EQ(vk::fault::live_total(), baseline);
+  uint32_t* t = nullptr;
+  vkt::fault_sweep([] {},
+                   [&] { return (t = V_CreateUserMatchTable(V_IntGetFixedPalette(4), 16)) ? RESULT_OK : RESULT_FAIL; },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result == RESULT_OK) V_FreeUserMatchTable(t);
+                     else EXPECT_TRUE(run.fired);
+                   });
 }
 
 }  // namespace

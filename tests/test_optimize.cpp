@@ -188,37 +188,32 @@ TEST(OptimizedPalette, FewDistinctColoursComeBackSorted) {
 TEST(OptimizedPalette, QuantisesWithATableAndSurvivesFailures) {
   vkt::Bitmap b(64, 64, 24);
   b.fill([](int x, int y) { return vkt::Rgb{uint8_t(x * 4), uint8_t(y * 4), uint8_t((x ^ y) * 4)}; });
-  const long base = vk::fault::live_total();
-  for (long k = 1;; ++k) {
-    RGBQUAD pal[256] = {};
-    uint32_t n = 256;
-    int32_t needs = 0;
-    uint32_t* table = nullptr;
-    vk::fault::arm(k);
-    const int32_t r = V_CreateOptimizedPalette(b.get(), pal, &n, &table, &needs, 0);
-    const bool fired = vk::fault::fired();
-    vk::fault::disarm();
-    if (r != RESULT_OK) {
-      EXPECT_EQ(r, RESULT_FAIL);
-      EXPECT_EQ(table, nullptr);
-      EXPECT_EQ(vk::fault::live_total(), base) << k;
-      continue;
-    }
-    EXPECT_EQ(needs, 1);
-    EXPECT_EQ(n, 256u);
-    ASSERT_NE(table, nullptr);
-    for (int y = 0; y < 64; y += 7)
-      for (int x = 0; x < 64; x += 5) {
-        const int c[3] = {x * 4, y * 4, (x ^ y) * 4};
-        const uint32_t e = table[((c[0] >> 3) << 10) | ((c[1] >> 3) << 5) | (c[2] >> 3)];
-        ASSERT_GE(e, 1u);
-        const RGBQUAD& p = pal[e - 1];
-        EXPECT_LE(std::abs(p.rgbRed - c[0]) + std::abs(p.rgbGreen - c[1]) + std::abs(p.rgbBlue - c[2]), 120);
-      }
-    V_Free(table);
-    EXPECT_EQ(vk::fault::live_total(), base);
-    if (!fired) break;
-  }
+  RGBQUAD pal[256];
+  uint32_t n = 0;
+  int32_t needs = 0;
+  uint32_t* table = nullptr;
+  vkt::fault_sweep([&] { std::memset(pal, 0, sizeof pal), n = 256, needs = 0, table = nullptr; },
+                   [&] { return V_CreateOptimizedPalette(b.get(), pal, &n, &table, &needs, 0); },
+                   [&](const vkt::SweepRun& run) {
+                     if (run.result != RESULT_OK) {
+                       EXPECT_EQ(run.result, RESULT_FAIL);
+                       EXPECT_EQ(table, nullptr);
+                       return;
+                     }
+                     EXPECT_EQ(needs, 1);
+                     EXPECT_EQ(n, 256u);
+                     ASSERT_NE(table, nullptr);
+                     for (int y = 0; y < 64; y += 7)
+                       for (int x = 0; x < 64; x += 5) {
+                         const int c[3] = {x * 4, y * 4, (x ^ y) * 4};
+                         const uint32_t e = table[((c[0] >> 3) << 10) | ((c[1] >> 3) << 5) | (c[2] >> 3)];
+                         ASSERT_GE(e, 1u);
+                         const RGBQUAD& p = pal[e - 1];
+                         EXPECT_LE(std::abs(p.rgbRed - c[0]) + std::abs(p.rgbGreen - c[1]) + std::abs(p.rgbBlue - c[2]),
+                                   120);
+                       }
+                     V_Free(table);
+                   });
 }
 
 TEST(OptimizedPalette, ListSharesOneHistogram) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core.h"
+#include "fault_sweep.h"
 #include "platform.h"
 #include "vkkrn_platform.h"
 
@@ -71,33 +72,28 @@ TEST(Runtime, ThreadsKeepIndependentDefaultsTablesAndCallbacks) {
 // in turn, and every one after it) still gets working defaults from the
 // process-wide record, and nothing is left behind when it exits.
 TEST(Runtime, ThreadRecordFaultSweep) {
-  const long base = vk::fault::live_total();
-  for (long n = 1;; ++n) {
-    bool fired = false;
-    std::thread t([&] {
-      vk::fault::arm(n, /*persistent=*/true);
-      const int32_t before = V_SetDefaultXResolution(500);
-      const int32_t now = V_GetDefaultXResolution();
-      const uint32_t slot = V_TlsAlloc();
-      const int32_t set = V_TlsSetValue(slot, 42);
-      const uintptr_t got = V_TlsGetValue(slot);
-      // Put back what was changed on the same record (the process-wide one
-      // when it served), before disarming lets a thread record be made.
-      V_TlsSetValue(slot, 0);
-      V_SetDefaultXResolution(150);
-      vk::fault::disarm();
-      fired = vk::fault::fired();
-      EXPECT_EQ(before, 150) << n;
-      EXPECT_EQ(now, 500) << n;
-      EXPECT_EQ(set, 1) << n;
-      EXPECT_EQ(got, 42u) << n;
-      V_TlsFree(slot);
-    });
-    t.join();
-    EXPECT_EQ(vk::fault::live_total(), base) << n;
-    if (!fired) break;
-    ASSERT_LT(n, 20);
-  }
+  vkt::fault_sweep([] {},
+                   [] {
+                     std::thread t([] {
+                       const int32_t before = V_SetDefaultXResolution(500);
+                       const int32_t now = V_GetDefaultXResolution();
+                       const uint32_t slot = V_TlsAlloc();
+                       const int32_t set = V_TlsSetValue(slot, 42);
+                       const uintptr_t got = V_TlsGetValue(slot);
+                       // Put back what was changed on the same record (the
+                       // process-wide one when it served).
+                       V_TlsSetValue(slot, 0);
+                       V_SetDefaultXResolution(150);
+                       V_TlsFree(slot);
+                       EXPECT_EQ(before, 150);
+                       EXPECT_EQ(now, 500);
+                       EXPECT_EQ(set, 1);
+                       EXPECT_EQ(got, 42u);
+                     });
+                     t.join();
+                     return int32_t{RESULT_OK};
+                   },
+                   [](const vkt::SweepRun&) {}, vkt::Arm::from_then_on);
 }
 
 TEST(Runtime, StatusCallbackSetReturnsThePreviousOne) {
@@ -280,11 +276,6 @@ TEST(Platform, PaletteObjectsReadWriteAndMatch) {
   EXPECT_EQ(vk::plat::palette_set(p, 3, 5, &blue), 1u);
   EXPECT_EQ(vk::plat::palette_nearest(p, VK_RGB(0, 0, 200)), 3u);
   EXPECT_TRUE(vk::plat::palette_delete(p));
-  EXPECT_EQ(vk::fault::live_total(), base);
-
-  vk::fault::arm(1);
-  EXPECT_EQ(vk::plat::palette_create(e, 4), nullptr);
-  vk::fault::disarm();
   EXPECT_EQ(vk::fault::live_total(), base);
 }
 

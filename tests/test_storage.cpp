@@ -637,15 +637,15 @@ TEST_F(Storage, FailedAllocationsLeaveNothingBehind) {
     if (c.tiles) tiny_tiles(40, 3, c.memory_limit, c.mapped_limit);
     BitmapHandle b{}, before{};
     sweep([&] { b = before = init(10, 10, 32); }, [&] { return V_AllocateBitmap(&b, c.type); },
-          [&](int32_t r, bool) {
-            if (r == RESULT_OK) {
+          [&](const SweepRun& run) {
+            if (run.result == RESULT_OK) {
               if (c.type != TYPE_USER) {
                 fill(&b, 2);
                 EXPECT_TRUE(holds_pattern(&b, 2));
               }
               V_FreeBitmap(&b);
             } else {
-              EXPECT_TRUE(r == RESULT_FAIL || r == RESULT_WRITE_FAILED) << r;
+              EXPECT_TRUE(run.result == RESULT_FAIL || run.result == RESULT_WRITE_FAILED) << run.result;
               EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
             }
           });
@@ -666,7 +666,8 @@ TEST_F(Storage, FailedHeightChangesLeaveUsableBitmaps) {
             before = b;
           },
           [&] { return V_ChangeBitmapHeight(&b, h); },
-          [&](int32_t r, bool) {
+          [&](const SweepRun& run) {
+            const int32_t r = run.result;
             if (k == Kind::global) V_LockBitmap(&b);
             if (r == RESULT_OK) {
               EXPECT_EQ(b.Height, h);
@@ -716,10 +717,8 @@ TEST_F(Storage, FailedMemoryInfoChangesLeaveTheBitmapWhole) {
           before = b;
         },
         [&] { return V_SetBitmapMemoryInfo(&b, c.type, c.tile_size, 0, c.memory, 0, 0, c.which); },
-        [&](int32_t r, bool) {
-          if (r != RESULT_OK) {
-            EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
-          }
+        [&](const SweepRun& run) {
+          if (run.result != RESULT_OK) EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
           EXPECT_TRUE(holds_pattern(&b, 6));
           V_FreeBitmap(&b);
         });
@@ -805,24 +804,24 @@ using namespace vkt;
 TEST_F(Storage, FailedTileAttemptIsRetriedWithHalvedTiles) {
   ASSERT_EQ(V_SetMemoryThresholds(0, 0, 4000, 0, 1, 31 & ~THRESHOLD_MEMORY_RESERVE), RESULT_OK);
   bool halved = false;
-  for (long n = 1; n < 40 && !halved; ++n) {
-    BitmapHandle b = init(10, 1000, 32);  // 40000 bytes, tiles of 100 rows
-    vk::fault::arm(n);
-    const int32_t r = V_AllocateBitmap(&b, TYPE_NO_DISK);
-    vk::fault::disarm();
-    if (r == RESULT_OK) {
-      const TileInfo i = tile_info(&b);
-      EXPECT_TRUE(i.tile_size == 4000 || i.tile_size == 2000) << i.tile_size;
-      if (i.tile_size == 2000) {
-        halved = true;
-        EXPECT_EQ(i.total, 20u);
-        fill(&b);
-        EXPECT_TRUE(holds_pattern(&b));
-      }
-      V_FreeBitmap(&b);
-    }
-    EXPECT_EQ(files_in(dir_), 0u);
-  }
+  BitmapHandle b{}, before{};
+  sweep([&] { b = before = init(10, 1000, 32); },  // 40000 bytes, tiles of 100 rows
+        [&] { return V_AllocateBitmap(&b, TYPE_NO_DISK); },
+        [&](const SweepRun& run) {
+          if (run.result != RESULT_OK) {
+            EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
+            return;
+          }
+          const TileInfo i = tile_info(&b);
+          EXPECT_TRUE(i.tile_size == 4000 || i.tile_size == 2000) << i.tile_size;
+          if (i.tile_size == 2000) {
+            halved = true;
+            EXPECT_EQ(i.total, 20u);
+            fill(&b);
+            EXPECT_TRUE(holds_pattern(&b));
+          }
+          V_FreeBitmap(&b);
+        });
   EXPECT_TRUE(halved);
 }
 

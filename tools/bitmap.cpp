@@ -3,9 +3,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
+#include "ops.h"
 #include "result_names.h"
+#include "streams.h"
 
 namespace vkimg {
 
@@ -34,7 +37,13 @@ int32_t storage_row(const BitmapHandle& bm, int32_t y) {
   return bm.ViewPerspective == 2 ? bm.Height - 1 - y : y;
 }
 
-Bitmap to_bitmap(const Image& img, int memory_type) {
+namespace {
+
+// Rows moved per block: big enough that the per-call costs vanish, small
+// enough to stay in cache and keep Ctrl-C prompt.
+constexpr size_t kBlockBytes = size_t(2) << 20;
+
+Bitmap create_bitmap(const ImageInfo& img, int memory_type) {
   if (img.bits == 3 || img.bits == 5 || img.bits == 6 || img.bits == 7 || img.bits == 12)
     throw LibraryError("unexpected picture depth", RESULT_BAD_BITS_PER_PIXEL);
   if (static_cast<uint64_t>(img.stride()) * static_cast<uint64_t>(img.height) > 0xFFFFFFFFull)
@@ -49,29 +58,63 @@ Bitmap to_bitmap(const Image& img, int memory_type) {
   const int32_t r = V_CreateBitmap(bm.get(), memory_type, img.width, img.height, img.bits,
                                    img.bits <= 8 ? 0 : img.order, pal.empty() ? nullptr : pal.data(),
                                    /*viewPerspective=*/0, nullptr, 0);
-  if (r != RESULT_OK) {
-    if (bm.allocated()) bm.adopt();
+  if (bm.allocated()) bm.adopt();
+  if (r != RESULT_OK)
     throw LibraryError("cannot create a " + std::to_string(img.width) + "x" + std::to_string(img.height) + "x" +
                            std::to_string(img.bits) + " bitmap: " + describe_result(r),
                        r);
-  }
-  bm.adopt();
   if (img.xdpi > 0) bm->XResolution = img.xdpi;
   if (img.ydpi > 0) bm->YResolution = img.ydpi;
-  const auto line = static_cast<int32_t>(bm->BytesPerLine);
-  for (int y = 0; y < img.height; ++y) {
-    const int32_t w = V_PutBitmapRow(bm.get(), img.row(y), static_cast<uint32_t>(y), line);
-    if (w < 0) throw LibraryError("cannot write row " + std::to_string(y) + ": " + describe_result(w), w);
-  }
   return bm;
 }
 
-namespace {
+// The storage of a bitmap when it is one block of memory (plain memory
+// storage, locked while the view lives); else direct() is false and rows
+// go through V_GetBitmapRow / V_PutBitmapRow.
+class StorageView {
+ public:
+  explicit StorageView(BitmapHandle& bm) : bm_(bm) {
+    const uint32_t f = bm.Flags;
+    if (!(f & BITMAP_IN_MEMORY) ||
+        (f & (BITMAP_TILED | BITMAP_COMPRESSED | BITMAP_SUPER_COMPRESSED | BITMAP_ON_DISK)))
+      return;
+    keep_ = V_LockBitmap(&bm);
+    locked_ = true;
+    if (bm.Data && static_cast<uint64_t>(bm.BytesPerLine) * static_cast<uint64_t>(bm.Height) <= bm.Size)
+      base_ = static_cast<uint8_t*>(bm.Data);
+  }
+  ~StorageView() {
+    if (locked_) V_UnlockBitmap(&bm_, keep_);
+  }
+  bool direct() const { return base_ != nullptr; }
+  uint8_t* row(int32_t storage_row) const { return base_ + static_cast<size_t>(storage_row) * bm_.BytesPerLine; }
+
+ private:
+  BitmapHandle& bm_;
+  uint8_t* base_ = nullptr;
+  int32_t keep_ = 0;
+  bool locked_ = false;
+};
+
+// Storage row of file row k is first + step * k: the file may run bottom
+// up, the bitmap's view perspective may too.
+struct RowMap {
+  int32_t first, step;
+  int32_t operator()(int32_t k) const { return first + step * k; }
+};
+RowMap row_map(const BitmapHandle& bm, bool file_bottom_up) {
+  const int32_t seen0 = file_bottom_up ? bm.Height - 1 : 0;
+  const int32_t first = storage_row(bm, seen0);
+  const bool down = (file_bottom_up ? -1 : 1) * (bm.ViewPerspective == 2 ? -1 : 1) > 0;
+  return RowMap{first, down ? 1 : -1};
+}
+
+int32_t block_rows(size_t line) { return static_cast<int32_t>(std::max<size_t>(1, kBlockBytes / std::max<size_t>(line, 1))); }
 
 // 12-bit gray (two pixels in three bytes) to 16-bit gray, bit-replicated so
 // that 4095 becomes 65535.
 void widen12(const uint8_t* src, uint8_t* dst, int width) {
-  for (int x = 0; x < width; ++x) {
+  for (int x = width - 1; x >= 0; --x) {  // backwards: dst may be src
     const uint8_t* p = src + (x / 2) * 3;
     const unsigned v = (x & 1) ? ((p[1] >> 4) | (p[2] << 4)) : (p[0] | ((p[1] & 0x0F) << 8));
     const unsigned w = (v << 4) | (v >> 8);
@@ -80,9 +123,8 @@ void widen12(const uint8_t* src, uint8_t* dst, int width) {
   }
 }
 
-}  // namespace
-
-Image to_image(BitmapHandle& bm) {
+// What the file gets: the bitmap's layout, or the nearest one the codecs have.
+ImageInfo saved_info(BitmapHandle& bm) {
   if (!(bm.Flags & BITMAP_ALLOCATED)) throw LibraryError("the bitmap has no storage", RESULT_NO_BITMAP);
   if (bm.ViewPerspective != 0 && bm.ViewPerspective != 2) {
     // Other orientations are saved as seen: a copy stored top row first.
@@ -97,15 +139,15 @@ Image to_image(BitmapHandle& bm) {
     return to_image(seen);
   }
   const int bits = bm.BitsPerPixel;
-  const bool order5 = bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
-
-  Image img;
-  int out_bits = bits, out_order = bm.Order;
-  if (bits == 12) out_bits = 16, out_order = ORDER_GRAY;
-  if (order5) out_order = ORDER_BGR;
-  if (bits == 16 && bm.Order != ORDER_GRAY && bm.Order != ORDER_RGB) out_order = ORDER_BGR;
-  if (bits <= 8) out_order = ORDER_RGB;
-  img.allocate(bm.Width, bm.Height, out_bits, out_order);
+  ImageInfo img;
+  img.width = bm.Width;
+  img.height = bm.Height;
+  img.bits = bits == 12 ? 16 : bits;
+  img.order = bm.Order;
+  if (bits == 12) img.order = ORDER_GRAY;
+  if (bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48)) img.order = ORDER_BGR;
+  if (bits == 16 && bm.Order != ORDER_GRAY && bm.Order != ORDER_RGB) img.order = ORDER_BGR;
+  if (bits <= 8) img.order = ORDER_RGB;
   img.xdpi = bm.XResolution;
   img.ydpi = bm.YResolution;
   if (bits <= 8) {
@@ -117,23 +159,191 @@ Image to_image(BitmapHandle& bm) {
       img.palette[i] = Colour{pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, 0};
     if (img.palette.empty()) throw LibraryError("the bitmap's palette cannot be read", RESULT_FAIL);
   }
-  const size_t line = bm.BytesPerLine;
-  std::vector<uint8_t> buf(std::max(line, img.stride()) + 8);
-  for (int y = 0; y < bm.Height; ++y) {
-    const int32_t r = V_GetBitmapRow(&bm, buf.data(), static_cast<uint32_t>(storage_row(bm, y)),
-                                     static_cast<int32_t>(line));
-    if (r < 0) throw LibraryError("cannot read row " + std::to_string(y) + ": " + describe_result(r), r);
-    if (bits == 12) {
-      widen12(buf.data(), img.row(y), bm.Width);
-      continue;
-    }
-    if (order5) {
-      const int32_t c = V_ConvertBuffer(buf.data(), bm.Width, bits, bits, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
-      if (c != RESULT_OK) throw LibraryError("cannot convert colour order 5: " + describe_result(c), c);
-    }
-    std::memcpy(img.row(y), buf.data(), img.stride());
-  }
   return img;
+}
+
+// Rows of a bitmap in blocks, as the file needs them: straight from the
+// storage when nothing needs converting, else copied and converted.
+class RowSource {
+ public:
+  RowSource(BitmapHandle& bm, const ImageInfo& out, bool bottom_up)
+      : bm_(bm), view_(bm), map_(row_map(bm, bottom_up)), out_stride_(out.stride()) {
+    const int bits = bm.BitsPerPixel;
+    widen12_ = bits == 12;
+    order5_ = bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
+    rows_ = block_rows(std::max<size_t>(bm.BytesPerLine, out_stride_));
+    if (!view_.direct() || widen12_ || order5_ || out_stride_ != bm.BytesPerLine)
+      buffer_.resize(static_cast<size_t>(rows_) * std::max<size_t>(bm.BytesPerLine, out_stride_) + 16);
+  }
+  int32_t block() const { return rows_; }
+
+  // File rows [k, k + n): where they start and their stride.
+  const uint8_t* rows(int32_t k, int32_t n, ptrdiff_t* stride) {
+    if (buffer_.empty()) {
+      *stride = map_.step * static_cast<ptrdiff_t>(bm_.BytesPerLine);
+      return view_.row(map_(k));
+    }
+    const size_t s = std::max<size_t>(bm_.BytesPerLine, out_stride_);
+    for (int32_t i = 0; i < n; ++i) {
+      uint8_t* p = buffer_.data() + static_cast<size_t>(i) * s;
+      const int32_t r = V_GetBitmapRow(&bm_, p, static_cast<uint32_t>(map_(k + i)), static_cast<int32_t>(bm_.BytesPerLine));
+      if (r < 0) throw LibraryError("cannot read row " + std::to_string(map_(k + i)) + ": " + describe_result(r), r);
+      if (widen12_) widen12(p, p, bm_.Width);
+      if (order5_) {
+        const int32_t c = V_ConvertBuffer(p, bm_.Width, bm_.BitsPerPixel, bm_.BitsPerPixel, ORDER_BGR_ALT, ORDER_BGR,
+                                          nullptr, nullptr);
+        if (c != RESULT_OK) throw LibraryError("cannot convert colour order 5: " + describe_result(c), c);
+      }
+    }
+    *stride = static_cast<ptrdiff_t>(s);
+    return buffer_.data();
+  }
+
+ private:
+  BitmapHandle& bm_;
+  StorageView view_;
+  RowMap map_;
+  size_t out_stride_;
+  int32_t rows_ = 1;
+  bool widen12_ = false, order5_ = false;
+  std::vector<uint8_t> buffer_;
+};
+
+// A 32- or 64-bit bitmap whose fourth channel is zero everywhere carries no
+// alpha (conversions write that channel as 0): saved without it.
+bool alpha_used(BitmapHandle& bm, const ImageInfo& info) {
+  if (info.bits != 32 && info.bits != 64) return false;
+  RowSource src(bm, info, false);
+  const size_t n = static_cast<size_t>(info.bits / 8);
+  for (int32_t k = 0; k < bm.Height; k += src.block()) {
+    const int32_t count = std::min(src.block(), bm.Height - k);
+    ptrdiff_t stride = 0;
+    const uint8_t* rows = src.rows(k, count, &stride);
+    for (int32_t i = 0; i < count; ++i) {
+      const uint8_t* p = rows + i * stride;
+      for (int x = 0; x < bm.Width; ++x, p += n)
+        if (n == 4 ? p[3] != 0 : (p[6] | p[7]) != 0) return true;
+    }
+  }
+  return false;
+}
+
+std::string file_label(const std::string& path) {
+  return path == "-" ? std::string("standard input") : std::filesystem::path(path).filename().string();
+}
+
+}  // namespace
+
+Bitmap to_bitmap(const Image& img, int memory_type) {
+  Bitmap bm = create_bitmap(img, memory_type);
+  const auto line = static_cast<int32_t>(bm->BytesPerLine);
+  for (int y = 0; y < img.height; ++y) {
+    const int32_t w = V_PutBitmapRow(bm.get(), img.row(y), static_cast<uint32_t>(y), line);
+    if (w < 0) throw LibraryError("cannot write row " + std::to_string(y) + ": " + describe_result(w), w);
+  }
+  return bm;
+}
+
+namespace {
+
+// The decoder's current page into a new bitmap.
+Bitmap read_page(Decoder& dec, int memory_type) {
+  const ImageInfo& info = dec.info();
+  Bitmap bm = create_bitmap(info, memory_type);
+  BitmapHandle& h = *bm.get();
+  const RowMap map = row_map(h, dec.bottom_up());
+  const size_t line = h.BytesPerLine;
+  StorageView view(h);
+  if (view.direct() && line == info.stride()) {
+    // Straight into the storage; an interlaced file takes it all at once.
+    const int32_t block = dec.whole_image() ? h.Height : block_rows(line);
+    for (int32_t k = 0; k < h.Height; k += block) {
+      const int32_t n = std::min(block, h.Height - k);
+      dec.read_rows(view.row(map(k)), map.step * static_cast<ptrdiff_t>(line), n);
+      progress_step(k + n, h.Height);
+    }
+    return bm;
+  }
+  const size_t stride = info.stride();
+  const int32_t block = dec.whole_image() ? h.Height : block_rows(stride);
+  std::vector<uint8_t> buffer(static_cast<size_t>(block) * stride);
+  for (int32_t k = 0; k < h.Height; k += block) {
+    const int32_t n = std::min(block, h.Height - k);
+    dec.read_rows(buffer.data(), static_cast<ptrdiff_t>(stride), n);
+    for (int32_t i = 0; i < n; ++i) {
+      const int32_t r = V_PutBitmapRow(&h, buffer.data() + static_cast<size_t>(i) * stride,
+                                       static_cast<uint32_t>(map(k + i)), static_cast<int32_t>(line));
+      if (r < 0) throw LibraryError("cannot write row " + std::to_string(map(k + i)) + ": " + describe_result(r), r);
+    }
+    progress_step(k + n, h.Height);
+  }
+  return bm;
+}
+
+void write_page(Encoder& enc, BitmapHandle& bm, const ImageInfo& info) {
+  RowSource src(bm, info, enc.bottom_up());
+  for (int32_t k = 0; k < bm.Height; k += src.block()) {
+    const int32_t n = std::min(src.block(), bm.Height - k);
+    ptrdiff_t stride = 0;
+    const uint8_t* rows = src.rows(k, n, &stride);
+    enc.write_rows(rows, stride, n);
+    progress_step(k + n, bm.Height);
+  }
+}
+
+ImageInfo page_info(BitmapHandle& bm) {
+  ImageInfo info = saved_info(bm);
+  info.alpha = alpha_used(bm, info);
+  return info;
+}
+
+}  // namespace
+
+Bitmap load_bitmap(const std::string& path, int memory_type) {
+  InStream in(path);
+  auto dec = open_decoder(in);
+  progress_begin("loading " + file_label(path));
+  Bitmap bm = read_page(*dec, memory_type);
+  dec->finish();
+  progress_end();
+  return bm;
+}
+
+std::vector<Bitmap> load_pages(const std::string& path, int memory_type) {
+  InStream in(path);
+  auto dec = open_decoder(in);
+  std::vector<Bitmap> pages;
+  do {
+    progress_begin("loading " + file_label(path) + (pages.empty() ? "" : " page " + std::to_string(pages.size() + 1)));
+    pages.push_back(read_page(*dec, memory_type));
+    dec->finish();
+  } while (dec->next_page());
+  progress_end();
+  return pages;
+}
+
+void save_bitmaps(const std::vector<BitmapHandle*>& pages, const std::string& path, Format format,
+                  const EncodeOptions& options, std::vector<std::string>* notes) {
+  if (pages.empty()) throw IoError(path + ": nothing to save");
+  ImageInfo info = page_info(*pages[0]);
+  progress_begin("saving " + file_label(path));
+  OutStream out(path);
+  auto enc = open_encoder(out, format, info, notes, options);
+  for (size_t k = 0; k < pages.size(); ++k) {
+    if (k > 0) {
+      info = page_info(*pages[k]);
+      enc->add_page(info);
+    }
+    write_page(*enc, *pages[k], info);
+  }
+  enc->finish();
+  out.commit();
+  progress_end();
+}
+
+void save_bitmap(BitmapHandle& bm, const std::string& path, Format format, const EncodeOptions& options,
+                 std::vector<std::string>* notes) {
+  save_bitmaps({&bm}, path, format, options, notes);
 }
 
 }  // namespace vkimg

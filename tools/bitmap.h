@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "image_io.h"
 #include "vkkrn.h"
@@ -43,10 +44,23 @@ struct LibraryError : std::runtime_error {
 // rows top first).  1-8-bit pictures get their palette padded to 2^bits.
 Bitmap to_bitmap(const Image& img, int memory_type);
 
-// The bitmap's pixels as a picture the codec can save: depths the codec has
-// no layout for (12-bit gray, order 5) are converted, rows are put top first
-// by the view perspective.
-Image to_image(BitmapHandle& bm);
+// Reads an image file ("-": standard input) straight into a new bitmap, a
+// block of rows at a time: into the storage itself when it is one block of
+// memory, else through one block buffer.  Shows progress; throws IoError,
+// LibraryError or Cancelled.
+Bitmap load_bitmap(const std::string& path, int memory_type);
+
+// Writes the bitmap's rows to a file ("-": standard output) the same way.
+// The file appears only when complete (see OutStream).  Depths the codecs
+// have no layout for (12-bit gray, order 5) are converted row by row.
+void save_bitmap(BitmapHandle& bm, const std::string& path, Format format, const EncodeOptions& options,
+                 std::vector<std::string>* notes);
+
+// Every page of a file (TIFF may hold several; other formats one).
+std::vector<Bitmap> load_pages(const std::string& path, int memory_type);
+// Several bitmaps as the pages of one file (TIFF; other formats take one).
+void save_bitmaps(const std::vector<BitmapHandle*>& pages, const std::string& path, Format format,
+                  const EncodeOptions& options, std::vector<std::string>* notes);
 
 // Storage row of the seen row y (view perspectives 0 and 2 only).
 int32_t storage_row(const BitmapHandle& bm, int32_t y);

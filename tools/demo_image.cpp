@@ -140,4 +140,35 @@ Image make_demo_image(int width, int height) {
   return img;
 }
 
+Image make_demo_page(int width, int height) {
+  Image page;
+  page.allocate(width, height, 1, kOrderRgb);
+  page.palette = {Colour{255, 255, 255, 0}, Colour{0, 0, 0, 0}};  // index 1 is ink
+  auto fill = [&](int x0, int y0, int x1, int y1) {
+    for (int y = std::max(0, y0); y < std::min(height, y1); ++y)
+      for (int x = std::max(0, x0); x < std::min(width, x1); ++x) page.set_index(x, y, 1);
+  };
+  const int margin = std::max(2, width / 16);
+  const int glyph = std::max(2, height / 90), pitch = glyph * 2;  // text height, line pitch
+  fill(margin, margin, width - margin, margin + 2 * glyph);       // title bar
+  // Two columns of words: runs of ink of hashed lengths, a blank after each.
+  const int gutter = margin / 2, column = (width - 2 * margin - gutter) / 2;
+  for (int c = 0; c < 2; ++c) {
+    const int x0 = margin + c * (column + gutter);
+    for (int y = margin + 4 * glyph, line = 0; y + glyph < height * 2 / 3; y += pitch, ++line) {
+      if (hash01(c, line, 7) < 0.1) continue;  // paragraph break
+      for (int x = x0, word = 0; x < x0 + column;) {
+        const int len = glyph * (1 + static_cast<int>(hash01(word++, line * 2 + c, 11) * 6));
+        fill(x, y, std::min(x + len, x0 + column), y + glyph);
+        x += len + glyph;
+      }
+    }
+  }
+  // A ruled table below the text.
+  const int top = height * 2 / 3 + pitch, bottom = height - margin, rule = std::max(1, glyph / 4);
+  for (int r = 0; r <= 6 && top < bottom; ++r) fill(margin, top + r * (bottom - top) / 6, width - margin, top + r * (bottom - top) / 6 + rule);
+  for (int c = 0; c <= 5 && top < bottom; ++c) fill(margin + c * (width - 2 * margin) / 5, top, margin + c * (width - 2 * margin) / 5 + rule, bottom + rule);
+  return page;
+}
+
 }  // namespace vkimg

@@ -14,4 +14,9 @@ inline constexpr int kDemoHeight = 1536;
 // The same size always gives the same pixels.
 Image make_demo_image(int width = kDemoWidth, int height = kDemoHeight);
 
+// A deterministic 1-bit document-like page of the same kind: a title bar,
+// two columns of text lines and a ruled table on white, what run-length
+// storage is made for.
+Image make_demo_page(int width = kDemoWidth, int height = kDemoHeight);
+
 }  // namespace vkimg

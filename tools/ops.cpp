@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "result_names.h"
+#include "streams.h"
 
 namespace vkimg {
 
@@ -27,11 +28,21 @@ struct ProgressState {
   std::string label;
   int shown = -1;        // percent last drawn, -1: nothing on the line
   int interrupt_at = -1;  // test hook: raise SIGINT once at this percent
+  std::string interrupt_in;  // ... of the step whose label starts so ("" = any)
   bool raised = false;
 };
 ProgressState g_progress;
 
-extern "C" void on_sigint(int) { g_interrupted = 1; }
+// The first Ctrl-C asks the running loop to stop at its next block, which
+// then unwinds and removes its temporary output.  A second one ends the
+// program at once, removing that file itself.
+extern "C" void on_sigint(int) {
+  if (g_interrupted) {
+    remove_pending_output();
+    _exit(kExitCancelled);
+  }
+  g_interrupted = 1;
+}
 
 void draw(int percent) {
   if (!g_progress.enabled || percent == g_progress.shown) return;
@@ -46,7 +57,8 @@ void draw(int percent) {
 }
 
 void maybe_test_interrupt(int percent) {
-  if (g_progress.interrupt_at >= 0 && !g_progress.raised && percent >= g_progress.interrupt_at) {
+  if (g_progress.interrupt_at >= 0 && !g_progress.raised && percent >= g_progress.interrupt_at &&
+      g_progress.label.rfind(g_progress.interrupt_in, 0) == 0) {
     g_progress.raised = true;
     std::raise(SIGINT);
   }
@@ -65,10 +77,15 @@ void install_interrupt_handling(bool show_progress) {
   struct sigaction sa {};
   sa.sa_handler = on_sigint;
   sigemptyset(&sa.sa_mask);
-  sa.sa_flags = SA_RESETHAND;  // a second Ctrl-C ends the program the usual way
   sigaction(SIGINT, &sa, nullptr);
   g_progress.enabled = show_progress;
-  if (const char* at = std::getenv("VKIMG_TEST_INTERRUPT_AT")) g_progress.interrupt_at = std::atoi(at);
+  // VKIMG_TEST_INTERRUPT_AT=[LABEL:]PERCENT, e.g. "saving:50".
+  if (const char* at = std::getenv("VKIMG_TEST_INTERRUPT_AT")) {
+    const std::string hook = at;
+    const size_t colon = hook.rfind(':');
+    if (colon != std::string::npos) g_progress.interrupt_in = hook.substr(0, colon);
+    g_progress.interrupt_at = std::atoi(hook.c_str() + (colon == std::string::npos ? 0 : colon + 1));
+  }
   V_SetStatusCallBack(status_callback, 0);
 }
 
@@ -201,7 +218,7 @@ void op_convert(Context& ctx, const std::string& arg) {
   if (bits != 0 && !valid_bits(bits)) throw UsageError("--convert: unsupported bits per pixel " + std::to_string(bits));
   int order = bits == 0 || bits == 12 ? ORDER_GRAY : (bits > 8 ? ORDER_BGR : ORDER_RGB);
   if (colon != std::string::npos) {
-    const std::string o = arg.substr(colon + 1);
+    const std::string o = canonical_spelling(arg.substr(colon + 1));
     if (o == "rgb" || o == "0") order = ORDER_RGB;
     else if (o == "bgr" || o == "1") order = ORDER_BGR;
     else if (o == "gray" || o == "2") order = ORDER_GRAY;
@@ -280,7 +297,8 @@ uint32_t parse_colour(const std::string& text) {
     return VK_RGB(rgb >> 16, rgb >> 8, rgb);
   }
   if (text.rfind("index:", 0) == 0) return COLOR_PALETTE_INDEX | number(text.substr(6), 255);
-  if (text.rfind("gray16:", 0) == 0) return COLOR_GRAY16 | number(text.substr(7), 65535);
+  if (text.rfind("gray16:", 0) == 0 || text.rfind("grey16:", 0) == 0)
+    return COLOR_GRAY16 | number(text.substr(7), 65535);
   const size_t c1 = text.find(','), c2 = text.rfind(',');
   if (c1 != std::string::npos && c2 != c1)
     return VK_RGB(number(text.substr(0, c1), 255), number(text.substr(c1 + 1, c2 - c1 - 1), 255),
@@ -304,18 +322,10 @@ void op_put_pixel(Context& ctx, const std::string& arg) {
 
 void op_reduce(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--reduce");
-  const size_t colon = arg.find(':');
-  const long bits = parse_long(arg.substr(0, colon), "--reduce", 1, 64);
-  if (!valid_bits(bits)) throw UsageError("--reduce: unsupported bits per pixel " + std::to_string(bits));
-  const bool gray = colon != std::string::npos && arg.substr(colon + 1) == "gray";
-  if (colon != std::string::npos && !gray) throw UsageError("--reduce takes BITS or BITS:gray");
-  const uint32_t flags = resolve_flags(ctx.settings, static_cast<int>(bits), gray);
+  ReduceRequest req = parse_reduce(arg, ctx.settings);
   if (ctx.settings.dither >= 0) bm.DitheringMethod = ctx.settings.dither;
-  const Settings& s = ctx.settings;
-  const bool user = bits <= 8 && s.palette == PaletteMode::user;
-  const int32_t colors = user ? static_cast<int32_t>(s.palette_entries.size()) : s.colors;
-  check_result(V_ColorResBitmap(&bm, &bm, static_cast<int32_t>(bits), flags, user ? s.palette_entries.data() : nullptr,
-                                nullptr, colors, nullptr, 0),
+  check_result(V_ColorResBitmap(&bm, &bm, req.bits, req.flags, req.palette.empty() ? nullptr : req.palette.data(),
+                                nullptr, req.colors, nullptr, 0),
                "--reduce " + arg);
 }
 
@@ -355,6 +365,7 @@ void op_optimised_palette(Context& ctx, const std::string& arg) {
 void op_storage(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--storage");
   const long type = parse_long(arg, "--storage", 1, 2048);
+  check_memory_type(type, "--storage " + arg);
   check_result(V_SetBitmapMemoryInfo(&bm, static_cast<int32_t>(type), 0, 0, 0, 0, 0, MEMINFO_TYPE),
                "--storage " + arg);
 }
@@ -421,21 +432,56 @@ void op_view_perspective(Context& ctx, const std::string& arg) {
 
 }  // namespace
 
-uint32_t resolve_flags(const Settings& s, int bits, bool gray) {
-  if (bits > 8) return gray || bits == 12 ? RESOLVE_GRAY : RESOLVE_BGR;
-  switch (s.palette) {
-    case PaletteMode::fixed: return RESOLVE_FIXED;
+ReduceRequest parse_reduce(const std::string& arg, const Settings& s) {
+  const size_t colon = arg.find(':');
+  ReduceRequest req;
+  const long bits = parse_long(arg.substr(0, colon), "--reduce", 1, 64);
+  if (!valid_bits(bits)) throw UsageError("--reduce: unsupported bits per pixel " + std::to_string(bits));
+  req.bits = static_cast<int>(bits);
+  const bool gray = colon != std::string::npos && canonical_spelling(arg.substr(colon + 1)) == "gray";
+  if (colon != std::string::npos && !gray) throw UsageError("--reduce takes BITS or BITS:gray");
+  req.colors = s.colors;
+  if (bits > 8) {
+    req.flags = gray || bits == 12 ? RESOLVE_GRAY : RESOLVE_BGR;
+    return req;
+  }
+  if (gray) {
+    // Gray levels evenly spaced from black to white, dithered like any palette.
+    if (s.palette_given) throw UsageError("--reduce " + arg + " makes its own gray palette; drop --palette");
+    req.flags = RESOLVE_USER_PALETTE;
+    req.palette = gray_palette(req.bits);
+    req.colors = static_cast<int32_t>(req.palette.size());
+    return req;
+  }
+  // Two arbitrary colours are rarely what one bit is wanted for: black and
+  // white unless a palette was asked for.
+  const PaletteMode mode = bits == 1 && !s.palette_given ? PaletteMode::fixed : s.palette;
+  switch (mode) {
+    case PaletteMode::fixed: req.flags = RESOLVE_FIXED; break;
     case PaletteMode::cube:
       if (bits != 8) throw UsageError("--palette cube needs --reduce 8");
-      return RESOLVE_CUBE;
+      req.flags = RESOLVE_CUBE;
+      break;
     case PaletteMode::user:
       if (s.palette_entries.size() > (size_t(1) << bits))
         throw UsageError("--palette " + s.palette_file + " has " + std::to_string(s.palette_entries.size()) +
                          " colours, more than " + std::to_string(1 << bits) + " bits hold");
-      return RESOLVE_USER_PALETTE;
-    case PaletteMode::optimised: break;
+      req.flags = RESOLVE_USER_PALETTE;
+      req.palette = s.palette_entries;
+      req.colors = static_cast<int32_t>(req.palette.size());
+      break;
+    case PaletteMode::best: req.flags = RESOLVE_OPTIMISED | RESOLVE_BEST_PALETTE; break;
+    case PaletteMode::optimised: req.flags = RESOLVE_OPTIMISED; break;
   }
-  return RESOLVE_OPTIMISED;
+  return req;
+}
+
+void check_memory_type(long type, const std::string& what) {
+  // The library knows the super-compressed type but keeps no such storage:
+  // say so rather than pass on its "could not be obtained".
+  if (type & TYPE_SUPER_COMPRESSED)
+    throw UsageError(what + ": super-compressed storage (" + std::to_string(TYPE_SUPER_COMPRESSED) +
+                     ") is not supported; for 1-bit images use --compress");
 }
 
 const std::vector<OpInfo>& operations() {
@@ -446,7 +492,7 @@ const std::vector<OpInfo>& operations() {
       {"--gray", "8|12|16", "turn the image into gray of 8, 12 or 16 bits", op_gray},
       {"--get-pixel", "X,Y", "print the colour of the pixel at X,Y (0,0 = top left)", op_get_pixel},
       {"--put-pixel", "X,Y=COLOUR", "set a pixel: #RRGGBB, R,G,B, index:N, gray16:N or 0xVALUE", op_put_pixel},
-      {"--reduce", "BITS[:gray]", "colour-resolve to BITS per pixel (see --dither, --palette, --colors)", op_reduce},
+      {"--reduce", "BITS[:gray]", "colour-resolve to BITS per pixel, Floyd-Steinberg dithered (see --dither, --palette)", op_reduce},
       {"--count-colors", nullptr, "print the number of distinct colours", op_count_colors},
       {"--optimised-palette", "N", "print the palette of up to N colours the optimiser picks", op_optimised_palette},
       {"--compress", nullptr, "keep a 1-bit image in compressed (run-length) storage", op_compress},
@@ -464,9 +510,26 @@ const std::vector<OpInfo>& operations() {
   return kOps;
 }
 
+std::string canonical_spelling(const std::string& word) {
+  // British and American spellings are both taken; the tables hold one.
+  static constexpr struct {
+    const char* other;
+    const char* canonical;
+  } kSpellings[] = {{"--grey", "--gray"},
+                    {"grey", "gray"},
+                    {"--colours", "--colors"},
+                    {"--count-colours", "--count-colors"},
+                    {"--optimized-palette", "--optimised-palette"},
+                    {"optimized", "optimised"}};
+  for (const auto& s : kSpellings)
+    if (word == s.other) return s.canonical;
+  return word;
+}
+
 const OpInfo* find_operation(const std::string& option) {
+  const std::string name = canonical_spelling(option);
   for (const OpInfo& op : operations())
-    if (option == op.option) return &op;
+    if (name == op.option) return &op;
   return nullptr;
 }
 

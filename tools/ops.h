@@ -31,7 +31,7 @@ struct Cancelled : std::runtime_error {
 // Installs the SIGINT handler and the library status callback.  The handler
 // only sets a flag; the callback then answers 0, which stops the running
 // operation, and the program reports the cancellation.  A second Ctrl-C
-// ends the program at once (the handler is reset after the first).
+// ends the program at once, removing a half-written output.
 void install_interrupt_handling(bool show_progress);
 bool interrupted();
 // Names the operation the progress bar describes; an empty label ends it.
@@ -43,15 +43,20 @@ void progress_step(int64_t done, int64_t total);
 
 // ---- settings of one run ----
 
-enum class PaletteMode { optimised, fixed, cube, user };
+enum class PaletteMode { best, optimised, fixed, cube, user };
 
 struct Settings {
   int memory_type = TYPE_CONVENTIONAL;
-  int dither = -1;  // -1: the library's default for new bitmaps
-  PaletteMode palette = PaletteMode::optimised;
+  // Error diffusion by default: ordered dithering leaves a visible grid on
+  // photographs, which is what people mostly reduce.
+  int dither = DITHER_FLOYD_STEINBERG;
+  PaletteMode palette = PaletteMode::best;
+  bool palette_given = false;  // --palette named: --reduce 1 then keeps it
   std::string palette_file;
   std::vector<RGBQUAD> palette_entries;  // loaded from palette_file
   int colors = 0;                        // 0: 2^bits
+  std::string format;                    // --format: output type, else by extension
+  EncodeOptions encode;                  // --quality, --compression
 };
 
 // One operation of a pipeline: the option as typed and its argument.
@@ -79,7 +84,22 @@ struct OpInfo {
 };
 
 const std::vector<OpInfo>& operations();
+// Accepts the other spelling too (--grey, --colours, --optimized-palette).
 const OpInfo* find_operation(const std::string& option);
+// The spelling the tables use for an option or word ("grey" -> "gray").
+std::string canonical_spelling(const std::string& word);
+
+// What --reduce BITS[:gray] asks of the library, from its argument and the settings.
+struct ReduceRequest {
+  int bits = 0;
+  uint32_t flags = 0;
+  std::vector<RGBQUAD> palette;  // empty: the library picks
+  int32_t colors = 0;
+};
+ReduceRequest parse_reduce(const std::string& arg, const Settings& s);
+
+// Refuses memory types the library cannot give, with the reason.
+void check_memory_type(long type, const std::string& what);
 
 // Runs one step; throws UsageError, LibraryError, IoError or Cancelled.
 void run_step(Context& ctx, const Step& step);
@@ -94,6 +114,5 @@ const char* dither_name(int method);
 void load_palette_file(Settings& s);
 // Raises LibraryError (or Cancelled after Ctrl-C) unless r is RESULT_OK.
 void check_result(int32_t r, const std::string& what);
-uint32_t resolve_flags(const Settings& s, int bits, bool gray);
 
 }  // namespace vkimg

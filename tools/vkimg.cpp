@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <sstream>
 
@@ -51,12 +52,18 @@ struct OptionInfo {
 };
 constexpr OptionInfo kSettings[] = {
     {"-o", "OUTPUT", "output file (or directory for --demo and --list)"},
-    {"--dither", "METHOD", "none, fs, stucki, burkes, sierra, stevenson-arce, jarvis, ordered, clustered (or 0-8)"},
-    {"--palette", "P", "palette of --reduce: optimised (default), fixed, cube, or a palette image FILE"},
-    {"--colors", "N", "number of palette colours --reduce may use (default 2^BITS)"},
+    {"--dither", "METHOD", "dithering of --reduce: fs (Floyd-Steinberg, the default), none, stucki, burkes, sierra,\n"
+     "stevenson-arce, jarvis, ordered, clustered (or 0-8)"},
+    {"--palette", "P", "palette of --reduce: best (default: lowest colour error; --reduce 1: black and white),\n"
+     "optimised (the exact optimiser), fixed, cube, or a palette image FILE"},
+    {"--colors", "N", "(or --colours) number of palette colours --reduce may use (default 2^BITS)"},
     {"--memory-type", "N", "memory type of new bitmaps: 1 memory, 4 tiled, 8 no tiles, 128 disk, 256 no disk"},
     {"--thresholds", "R,T,S,M,P", "memory reserve, tiled threshold, tile size, memory tiles, mapped tiles (blank = keep)"},
     {"--temp-dir", "DIR", "where disk storage puts its temp files"},
+    {"--format", "TYPE", "type of the output (png, jpg, tif, bmp, pbm, pgm, ppm, pnm); needed for - (standard output)"},
+    {"--quality", "N", "JPEG quality, 1-100 (default 90)"},
+    {"--compression", "C", "TIFF compression: none, packbits, lzw, deflate, g3, g4\n"
+     "(default: g4 for black and white, else lzw)"},
     {"--demo", "[DIR]", "run every operation on the built-in picture, outputs into DIR (default out/)"},
     {"--demo-size", "WxH", "size of the built-in picture (default 2048x1536)"},
     {"--list", nullptr, "treat every input as one list: --reduce them with one shared palette into -o DIR"},
@@ -80,24 +87,47 @@ bool setting_takes_arg(const std::string& o) {
   return false;
 }
 
+// One table row per option: the columns are as wide as the widest option
+// and argument, and a help text's further lines start under its first.
+struct HelpRow {
+  std::string option, arg, help;
+};
+
+void print_rows(std::ostream& out, const std::vector<HelpRow>& rows, size_t opt_width, size_t arg_width) {
+  for (const HelpRow& r : rows) {
+    std::string line = "  " + r.option + std::string(opt_width - r.option.size() + 1, ' ') + r.arg +
+                       std::string(arg_width - r.arg.size() + 1, ' ');
+    const std::string indent(line.size(), ' ');
+    size_t start = 0;
+    for (;;) {
+      const size_t nl = r.help.find('\n', start);
+      out << (start ? indent : line) << r.help.substr(start, nl - start) << "\n";
+      if (nl == std::string::npos) break;
+      start = nl + 1;
+    }
+  }
+}
+
 void print_help(std::ostream& out) {
   out << "usage: vkimg [SETTINGS] INPUT [OPERATIONS...] [-o] OUTPUT\n"
          "       vkimg [--demo] [DIR]\n"
          "       vkimg info FILE...\n"
          "       vkimg storage WIDTHxHEIGHTxBPP [--type N] [--thresholds ...]\n"
-         "       vkimg --list A B ... --reduce BITS [-o DIR]\n"
-         "\nFiles: .png, .bmp, .pbm, .pgm, .ppm, .pnm (binary), chosen by extension.\n"
-         "\nOperations (run in the order given):\n";
-  char line[256];
-  for (const OpInfo& op : operations()) {
-    std::snprintf(line, sizeof line, "  %-14s %-13s %s\n", op.option, op.arg ? op.arg : "", op.help);
-    out << line;
-  }
+         "       vkimg --list A B ... --reduce BITS [-o DIR | -o FILE.tif]\n"
+         "\nFiles: .png, .jpg, .tif, .bmp, .pbm, .pgm, .ppm, .pnm (binary): read by their content,\n"
+         "written by the output's extension (or --format).  - is standard input or output.\n"
+         "A multi-page TIFF is read as a --list; --list -o FILE.tif writes one page per image.\n"
+         "Both spellings are taken: gray/grey, colors/colours, optimised/optimized.\n";
+  std::vector<HelpRow> ops, settings;
+  for (const OpInfo& op : operations()) ops.push_back({op.option, op.arg ? op.arg : "", op.help});
+  for (const auto& st : kSettings) settings.push_back({st.option, st.arg ? st.arg : "", st.help});
+  size_t opt_width = 0, arg_width = 0;
+  for (const auto* rows : {&ops, &settings})
+    for (const HelpRow& r : *rows) opt_width = std::max(opt_width, r.option.size()), arg_width = std::max(arg_width, r.arg.size());
+  out << "\nOperations (run in the order given):\n";
+  print_rows(out, ops, opt_width, arg_width);
   out << "\nSettings:\n";
-  for (const auto& s : kSettings) {
-    std::snprintf(line, sizeof line, "  %-14s %-13s %s\n", s.option, s.arg ? s.arg : "", s.help);
-    out << line;
-  }
+  print_rows(out, settings, opt_width, arg_width);
   out << "\nExit status: 0 success, 1 failure, 2 usage error, 130 cancelled (Ctrl-C).\n";
 }
 
@@ -133,6 +163,7 @@ Command parse(int argc, char** argv, bool& help, bool& version) {
         opt = opt.substr(0, eq);
         has_value = true;
       }
+      opt = canonical_spelling(opt);
     } else if (opt.size() < 2 || opt[0] != '-') {
       cmd.positional.push_back(opt);
       continue;
@@ -154,14 +185,29 @@ Command parse(int argc, char** argv, bool& help, bool& version) {
     if (opt == "-o") cmd.output = value;
     else if (opt == "--dither") s.dither = parse_dither(value);
     else if (opt == "--palette") {
-      if (value == "optimised" || value == "optimized") s.palette = PaletteMode::optimised;
+      s.palette_given = true;
+      if (value == "best") s.palette = PaletteMode::best;
+      else if (canonical_spelling(value) == "optimised") s.palette = PaletteMode::optimised;
       else if (value == "fixed") s.palette = PaletteMode::fixed;
       else if (value == "cube") s.palette = PaletteMode::cube;
       else s.palette = PaletteMode::user, s.palette_file = value;
     } else if (opt == "--colors") s.colors = static_cast<int>(parse_long(value, opt, 1, 256));
-    else if (opt == "--memory-type") s.memory_type = static_cast<int>(parse_long(value, opt, 1, 2048));
-    else if (opt == "--type") cmd.storage_type = static_cast<int>(parse_long(value, opt, 1, 2048));
+    else if (opt == "--memory-type" || opt == "--type") {
+      const long type = parse_long(value, opt, 1, 2048);
+      check_memory_type(type, opt + " " + value);
+      (opt == "--type" ? cmd.storage_type : s.memory_type) = static_cast<int>(type);
+    }
     else if (opt == "--thresholds") cmd.thresholds = value;
+    else if (opt == "--format") {
+      format_for_path("." + value);  // a type it does not know is refused now
+      s.format = value;
+    } else if (opt == "--quality") s.encode.quality = static_cast<int>(parse_long(value, opt, 1, 100));
+    else if (opt == "--compression") {
+      static constexpr const char* kNames[] = {"auto", "none", "packbits", "lzw", "deflate", "g3", "g4"};
+      const auto* at = std::find_if(std::begin(kNames), std::end(kNames), [&](const char* n) { return value == n; });
+      if (at == std::end(kNames)) throw UsageError("--compression: none, packbits, lzw, deflate, g3 or g4");
+      s.encode.tiff = static_cast<TiffCompression>(at - std::begin(kNames));
+    }
     else if (opt == "--temp-dir") cmd.temp_dir = value;
     else if (opt == "--demo") {
       cmd.demo_flag = true;
@@ -195,6 +241,11 @@ void apply_global_settings(Command& cmd) {
     check_result(V_SetMemoryThresholds(v[0], v[1], v[2], v[3], v[4], which), "--thresholds " + cmd.thresholds);
   }
   if (!cmd.temp_dir.empty()) {
+    // The library only says the path is refused; the folder is what is wrong.
+    std::error_code ec;
+    if (!fs::is_directory(cmd.temp_dir, ec))
+      throw IoError(cmd.temp_dir + ": " + (fs::exists(cmd.temp_dir, ec) ? "not a directory" : "no such directory") +
+                    " (--temp-dir)");
     check_result(V_SetTempDirectory(cmd.temp_dir.c_str()), "--temp-dir " + cmd.temp_dir);
   }
   if (cmd.settings.palette == PaletteMode::user) load_palette_file(cmd.settings);
@@ -205,12 +256,16 @@ void print_notes(const std::vector<std::string>& notes, bool quiet) {
   for (const std::string& n : notes) std::cerr << "vkimg: note: " << n << "\n";
 }
 
-void save(BitmapHandle& bm, const std::string& path, bool quiet) {
-  format_for_path(path);  // refuse an unknown extension before any work
-  progress_begin("saving " + fs::path(path).filename().string());
+// The format of an output: --format, else the name's extension.
+Format output_format(const Settings& s, const std::string& path) {
+  if (!s.format.empty()) return format_for_path("." + s.format);
+  if (path == "-") throw UsageError("standard output needs --format (png, jpg, tif, bmp, ppm, ...)");
+  return format_for_path(path);
+}
+
+void save(BitmapHandle& bm, const std::string& path, const Settings& s, bool quiet) {
   std::vector<std::string> notes;
-  write_image(path, to_image(bm), &notes);
-  progress_end();
+  save_bitmap(bm, path, output_format(s, path), s.encode, &notes);
   print_notes(notes, quiet);
 }
 
@@ -237,12 +292,11 @@ int run_pipeline(Command& cmd) {
         throw UsageError(s.option + " changes the image, but no output file is named");
     if (cmd.steps.empty()) cmd.steps.push_back(Step{"--info", ""});
   } else {
-    format_for_path(cmd.output);
+    output_format(cmd.settings, cmd.output);  // refuse an unknown type before any work
   }
   Context ctx{Bitmap{}, input, cmd.settings, &std::cout};
-  const Image img = read_image(input);
   try {
-    ctx.bitmap = to_bitmap(img, cmd.settings.memory_type);
+    ctx.bitmap = load_bitmap(input, cmd.settings.memory_type);
     for (const Step& s : cmd.steps) run_step(ctx, s);
   } catch (const LibraryError& e) {
     throw LibraryError(input + ": " + e.what(), e.code);
@@ -252,7 +306,7 @@ int run_pipeline(Command& cmd) {
     rethrow_for(input, e);
   }
   if (interrupted()) throw Cancelled(input + ": cancelled");
-  if (!cmd.output.empty()) save(*ctx.bitmap.get(), cmd.output, cmd.quiet);
+  if (!cmd.output.empty()) save(*ctx.bitmap.get(), cmd.output, cmd.settings, cmd.quiet);
   return kExitOk;
 }
 
@@ -262,7 +316,7 @@ int run_info_files(Command& cmd) {
   for (const std::string& f : cmd.positional) {
     try {
       Context ctx{Bitmap{}, f, cmd.settings, &std::cout};
-      ctx.bitmap = to_bitmap(read_image(f), cmd.settings.memory_type);
+      ctx.bitmap = load_bitmap(f, cmd.settings.memory_type);
       run_step(ctx, Step{"--info", ""});
     } catch (const IoError& e) {
       std::cerr << "vkimg: " << e.what() << "\n";
@@ -310,52 +364,99 @@ struct ListGuard {
 };
 
 // Resolves every input with one shared palette; writes DIR/<input name>.
-void reduce_list(const std::vector<std::pair<std::string, Image>>& inputs, int bits, const Settings& settings,
+// Resolves every bitmap with one shared palette, then writes each to its
+// output, or all as the pages of one file when one output is named.
+void reduce_list(std::vector<Bitmap> items, const std::string& reduce_arg, const Settings& settings,
                  const std::vector<std::string>& outputs, bool quiet) {
+  const ReduceRequest req = parse_reduce(reduce_arg, settings);
   ListGuard guard;
   check_result(V_CreateBitmapList(&guard.list), "creating the bitmap list");
-  for (const auto& [name, img] : inputs) {
-    Bitmap bm;
-    try {
-      bm = to_bitmap(img, settings.memory_type);
-    } catch (const LibraryError& e) {
-      throw LibraryError(name + ": " + e.what(), e.code);
-    }
+  for (Bitmap& bm : items) {
     if (settings.dither >= 0) bm->DitheringMethod = settings.dither;
-    check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), name + ": adding to the list");
+    check_result(V_InsertBitmapListItem(guard.list, UINT32_MAX, bm.get()), "adding to the list");
     bm.release();  // the list owns the storage now
   }
-  const uint32_t flags = resolve_flags(settings, bits, false);
-  const bool user = bits <= 8 && settings.palette == PaletteMode::user;
-  std::vector<RGBQUAD> pal = settings.palette_entries;
-  progress_begin("--list --reduce " + std::to_string(bits));
-  check_result(V_ColorResBitmapList(guard.list, bits, flags, user ? pal.data() : nullptr, nullptr,
-                                    user ? static_cast<int32_t>(pal.size()) : settings.colors),
-               "--list --reduce " + std::to_string(bits));
+  std::vector<RGBQUAD> pal = req.palette;  // the list call may fill free entries
+  progress_begin("--list --reduce " + reduce_arg);
+  check_result(V_ColorResBitmapList(guard.list, req.bits, req.flags, pal.empty() ? nullptr : pal.data(), nullptr,
+                                    req.colors),
+               "--list --reduce " + reduce_arg);
   progress_end();
-  for (uint32_t k = 0; k < inputs.size(); ++k) {
-    BitmapHandle item{};
-    check_result(V_GetBitmapListItem(guard.list, k, &item), "reading list item " + std::to_string(k));
+  std::vector<BitmapHandle> done(items.size());
+  for (uint32_t k = 0; k < items.size(); ++k)
+    check_result(V_GetBitmapListItem(guard.list, k, &done[k]), "reading list item " + std::to_string(k));
+  if (outputs.size() == 1 && done.size() > 1) {
+    std::vector<BitmapHandle*> pages;
+    for (BitmapHandle& h : done) pages.push_back(&h);
     std::vector<std::string> notes;
-    write_image(outputs[k], to_image(item), &notes);
+    save_bitmaps(pages, outputs[0], output_format(settings, outputs[0]), settings.encode, &notes);
     print_notes(notes, quiet);
+    return;
   }
+  for (size_t k = 0; k < done.size(); ++k) save(done[k], outputs[k], settings, quiet);
 }
 
+// DIR/<name> for each name.  Same names (inputs from different folders)
+// are numbered, a.png, a-2.png, ...; an output that would replace one of
+// the inputs is refused.
+std::vector<std::string> list_outputs(const std::vector<std::string>& names, const fs::path& dir,
+                                      const std::vector<std::string>& inputs) {
+  std::vector<std::string> outputs;
+  std::vector<fs::path> taken;
+  for (const std::string& f : names) {
+    const fs::path name = fs::path(f).filename();
+    fs::path out = dir / name;
+    for (int k = 2; std::find(taken.begin(), taken.end(), out) != taken.end(); ++k)
+      out = dir / (name.stem().string() + "-" + std::to_string(k) + name.extension().string());
+    taken.push_back(out);
+    outputs.push_back(out.string());
+  }
+  std::error_code ec;
+  for (const std::string& o : outputs)
+    for (const std::string& in : inputs)
+      if (fs::weakly_canonical(o, ec) == fs::weakly_canonical(in, ec))
+        throw UsageError("--list: " + o + " would overwrite the input " + in + "; name another -o");
+  return outputs;
+}
+
+bool is_tiff_name(const fs::path& p) {
+  std::string ext = p.extension().string();
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext == ".tif" || ext == ".tiff";
+}
+
+// The pages of every input (a TIFF may hold several) become the list's
+// items; -o names a folder for one file per item, or one .tif for all.
 int run_list(Command& cmd) {
   if (cmd.positional.empty()) throw UsageError("--list needs input files");
   if (cmd.steps.size() != 1 || cmd.steps[0].option != "--reduce")
     throw UsageError("--list takes exactly one operation, --reduce BITS");
-  const int bits = static_cast<int>(parse_long(cmd.steps[0].arg, "--reduce", 1, 64));
-  const fs::path dir = cmd.output.empty() ? fs::path("out") : fs::path(cmd.output);
-  fs::create_directories(dir);
-  std::vector<std::pair<std::string, Image>> inputs;
-  std::vector<std::string> outputs;
+  parse_reduce(cmd.steps[0].arg, cmd.settings);  // a bad argument is refused before any file is touched
+  const fs::path target = cmd.output.empty() ? fs::path("out") : fs::path(cmd.output);
+  const bool one_file = is_tiff_name(target) && !fs::is_directory(target);
+  // Refused before anything is read: an output over an input.
+  list_outputs(one_file ? std::vector<std::string>{target.filename().string()} : cmd.positional,
+               one_file ? target.parent_path() : target, cmd.positional);
+  std::vector<Bitmap> items;
+  std::vector<std::string> names;
   for (const std::string& f : cmd.positional) {
-    inputs.emplace_back(f, read_image(f));
-    outputs.push_back((dir / fs::path(f).filename()).string());
+    std::vector<Bitmap> pages;
+    try {
+      pages = load_pages(f, cmd.settings.memory_type);
+    } catch (const LibraryError& e) {
+      throw LibraryError(f + ": " + e.what(), e.code);
+    }
+    const fs::path name = fs::path(f).filename();
+    for (size_t k = 0; k < pages.size(); ++k) {
+      items.push_back(std::move(pages[k]));
+      names.push_back(k == 0 ? name.string()
+                             : name.stem().string() + "-page" + std::to_string(k + 1) + name.extension().string());
+    }
   }
-  reduce_list(inputs, bits, cmd.settings, outputs, cmd.quiet);
+  const std::vector<std::string> outputs =
+      one_file ? std::vector<std::string>{target.string()} : list_outputs(names, target, cmd.positional);
+  if (!one_file) fs::create_directories(target);
+  reduce_list(std::move(items), cmd.steps[0].arg, cmd.settings, outputs, cmd.quiet);
   for (const std::string& o : outputs) std::cout << o << "\n";
   return kExitOk;
 }
@@ -365,8 +466,9 @@ int run_list(Command& cmd) {
 struct DemoStep {
   std::string file;
   std::vector<Step> steps;
-  int dither = -1;
-  PaletteMode palette = PaletteMode::optimised;
+  int dither = DITHER_FLOYD_STEINBERG;
+  PaletteMode palette = PaletteMode::best;
+  bool page = false;  // works on the document page instead of the picture
 };
 
 std::vector<DemoStep> demo_steps() {
@@ -378,17 +480,18 @@ std::vector<DemoStep> demo_steps() {
   d.push_back({"convert-4-fixed.bmp", {{"--convert", "4"}}});
   d.push_back({"convert-16-555.bmp", {{"--convert", "16"}}});
   d.push_back({"convert-48.png", {{"--convert", "48"}}});
-  d.push_back({"reduce-8-optimised.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-8-best.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-8-optimised.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG, PaletteMode::optimised});
   d.push_back({"reduce-8-fixed.png", {{"--reduce", "8"}}, DITHER_FLOYD_STEINBERG, PaletteMode::fixed});
   d.push_back({"reduce-8-cube.png", {{"--reduce", "8"}}, DITHER_ORDERED, PaletteMode::cube});
-  d.push_back({"reduce-4-optimised.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-4-best.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG});
+  d.push_back({"reduce-4-optimised.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG, PaletteMode::optimised});
   d.push_back({"reduce-4-fixed.png", {{"--reduce", "4"}}, DITHER_FLOYD_STEINBERG, PaletteMode::fixed});
   for (int m = DITHER_NONE; m <= DITHER_CLUSTERED; ++m)
     d.push_back({std::string("reduce-1-") + dither_name(m) + ".png", {{"--reduce", "1"}}, m, PaletteMode::fixed});
-  d.push_back({"compressed-1.pbm",
-               {{"--reduce", "1"}, {"--compress", ""}, {"--info", ""}},
-               DITHER_FLOYD_STEINBERG,
-               PaletteMode::fixed});
+  // Run-length storage pays on pages of text, not on dithered photographs.
+  d.push_back({"compressed-1.pbm", {{"--info", ""}, {"--compress", ""}, {"--info", ""}}, DITHER_FLOYD_STEINBERG,
+               PaletteMode::optimised, true});
   d.push_back({"storage-disk.png", {{"--storage", "128"}, {"--info", ""}, {"--storage", "4"}, {"--info", ""}}});
   d.push_back({"flip.png", {{"--flip", ""}}});
   d.push_back({"mirror.png", {{"--mirror", ""}}});
@@ -438,16 +541,19 @@ int run_demo(Command& cmd) {
     std::cerr << "vkimg: " << what << "\n";
     status = kExitFailure;
   };
-  auto run = [&](const std::string& file, std::vector<Step> steps, Settings s) {
+  const Image page = make_demo_page(cmd.demo_width, cmd.demo_height);
+  write_image((dir / "page.pbm").string(), page);
+  std::cout << (dir / "page.pbm").string() << "\n";
+  auto run = [&](const std::string& file, std::vector<Step> steps, Settings s, const Image& input) {
     const std::string path = (dir / file).string();
     try {
-      Context ctx{to_bitmap(img, cmd.settings.memory_type), file, s, &text};
+      Context ctx{to_bitmap(input, cmd.settings.memory_type), file, s, &text};
       text << "== " << file << ":";
       for (size_t k = 0; k < steps.size() && k < 4; ++k) text << " " << steps[k].text();
       if (steps.size() > 4) text << " ... (" << steps.size() << " operations)";
       for (const Step& st : steps)
         if (st.option == "--reduce") {
-          static constexpr const char* kPalettes[] = {"optimised", "fixed", "cube", "file"};
+          static constexpr const char* kPalettes[] = {"best", "optimised", "fixed", "cube", "file"};
           text << " [palette " << kPalettes[static_cast<int>(s.palette)] << ", dither "
                << (s.dither >= 0 ? dither_name(s.dither) : "default") << "]";
           break;
@@ -455,7 +561,7 @@ int run_demo(Command& cmd) {
       text << "\n";
       for (const Step& st : steps) run_step(ctx, st);
       notes.clear();
-      save(*ctx.bitmap.get(), path, true);
+      save(*ctx.bitmap.get(), path, s, true);
       std::cout << path << "\n";
     } catch (const Cancelled&) {
       throw;
@@ -494,18 +600,19 @@ int run_demo(Command& cmd) {
         d.steps.push_back({"--put-pixel", std::to_string(cx) + "," + std::to_string(cy + k) + "=#ff0000"});
       }
     }
-    run(d.file, d.steps, s);
+    run(d.file, d.steps, s, d.page ? page : img);
   }
 
   // Three tinted frames with one shared palette.
   try {
-    std::vector<std::pair<std::string, Image>> frames = {
-        {"list-0.png", img}, {"list-1.png", tinted(img, 40, 0, -30)}, {"list-2.png", tinted(img, -30, 10, 40)}};
+    const Image frames[] = {img, tinted(img, 40, 0, -30), tinted(img, -30, 10, 40)};
     std::vector<std::string> outs;
-    for (const auto& f : frames) outs.push_back((dir / f.first).string());
+    for (int k = 0; k < 3; ++k) outs.push_back((dir / ("list-" + std::to_string(k) + ".png")).string());
     Settings s = cmd.settings;
     s.dither = DITHER_FLOYD_STEINBERG;
-    reduce_list(frames, 8, s, outs, true);
+    std::vector<Bitmap> items;
+    for (const Image& f : frames) items.push_back(to_bitmap(f, cmd.settings.memory_type));
+    reduce_list(std::move(items), "8", s, outs, true);
     for (const auto& o : outs) std::cout << o << "\n";
   } catch (const Cancelled&) {
     throw;
@@ -580,6 +687,10 @@ int main(int argc, char** argv) {
     return kExitFailure;
   } catch (const IoError& e) {
     progress_end();
+    if (interrupted()) {  // a read or write that Ctrl-C broke off
+      std::cerr << "vkimg: cancelled: " << e.what() << "\n";
+      return kExitCancelled;
+    }
     std::cerr << "vkimg: " << e.what() << "\n";
     return kExitFailure;
   } catch (const fs::filesystem_error& e) {

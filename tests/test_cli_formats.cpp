@@ -1,0 +1,297 @@
+// The command-line program's JPEG and TIFF codecs, standard input and
+// output, and multi-page files.  JPEG is checked against libjpeg-turbo's own
+// command-line tools (cjpeg, djpeg).  Built only with the tools.
+#ifdef VKIMG_HAVE_TOOL
+
+#include <gtest/gtest.h>
+#include <jpeglib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "image_io.h"
+#include "streams.h"
+
+namespace fs = std::filesystem;
+using vkimg::Colour;
+using vkimg::EncodeOptions;
+using vkimg::Format;
+using vkimg::Image;
+using vkimg::IoError;
+using vkimg::TiffCompression;
+
+namespace {
+
+std::string program() {
+  if (const char* p = std::getenv("VKIMG")) return p;
+  return VKIMG_PATH;
+}
+
+// Smooth colours with a little noise: what JPEG is for, and what makes its
+// coder do real work.
+Image photo(int w, int h, int bits, int order, uint32_t seed) {
+  Image img;
+  img.allocate(w, h, bits, order);
+  std::mt19937 rng(seed);
+  const int bytes = bits / 8;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      for (int c = 0; c < bytes; ++c) img.row(y)[bytes * x + c] = uint8_t((x * (c + 1) * 3 + y * 2 + rng() % 9) & 0xFF);
+  return img;
+}
+
+Image palette_image(int bits, std::vector<Colour> pal, int w, int h, uint32_t seed) {
+  Image img;
+  img.allocate(w, h, bits, vkimg::kOrderRgb);
+  img.palette = std::move(pal);
+  std::mt19937 rng(seed);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x) img.set_index(x, y, rng() % img.palette.size());
+  return img;
+}
+
+std::vector<Colour> ramp(int bits, bool inverted = false) {
+  std::vector<Colour> p(size_t(1) << bits);
+  for (size_t i = 0; i < p.size(); ++i) {
+    const auto v = uint8_t(i * 255 / (p.size() - 1));
+    p[inverted ? p.size() - 1 - i : i] = Colour{v, v, v, 0};
+  }
+  return p;
+}
+
+std::vector<Colour> colours(size_t n, uint32_t seed) {
+  std::mt19937 rng(seed);
+  std::vector<Colour> p(n);
+  for (auto& c : p) c = Colour{uint8_t(rng()), uint8_t(rng()), uint8_t(rng()), 0};
+  return p;
+}
+
+// The colour of every pixel, whatever the layout (red, green, blue, alpha; 16 bits each).
+std::vector<uint16_t> colours_of(const Image& img) {
+  std::vector<uint16_t> out;
+  for (int y = 0; y < img.height; ++y)
+    for (int x = 0; x < img.width; ++x) {
+      const uint8_t* p = img.row(y);
+      if (img.bits <= 8) {
+        const Colour c = img.palette.at(img.index_at(x, y));
+        out.insert(out.end(), {uint16_t(c.r * 257), uint16_t(c.g * 257), uint16_t(c.b * 257), 65535});
+      } else if (img.bits == 16) {
+        const uint16_t v = uint16_t(p[2 * x] | p[2 * x + 1] << 8);
+        out.insert(out.end(), {v, v, v, 65535});
+      } else {
+        const int n = img.bits <= 32 ? img.bits / 8 : img.bits / 16;
+        auto ch = [&](int c) {
+          return img.bits <= 32 ? uint16_t(p[n * x + c] * 257) : uint16_t(p[2 * (n * x + c)] | p[2 * (n * x + c) + 1] << 8);
+        };
+        const bool bgr = img.order == vkimg::kOrderBgr;
+        out.insert(out.end(), {ch(bgr ? 2 : 0), ch(1), ch(bgr ? 0 : 2), n == 4 ? ch(3) : uint16_t(65535)});
+      }
+    }
+  return out;
+}
+
+class CliFormats : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    static int counter = 0;
+    dir_ = fs::temp_directory_path() / ("vkimg_fmt_" + std::to_string(getpid()) + "_" + std::to_string(counter++));
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+  std::string path(const std::string& n) const { return (dir_ / n).string(); }
+  // Runs a shell command line; returns its exit status.
+  static int sh(const std::string& cmd) {
+    const int s = std::system(cmd.c_str());
+    return WIFEXITED(s) ? WEXITSTATUS(s) : -1;
+  }
+  std::string vk() const { return "'" + program() + "'"; }
+  static bool have(const char* tool) { return sh(std::string("command -v ") + tool + " >/dev/null 2>&1") == 0; }
+  fs::path dir_;
+};
+
+// Our encoder at quality Q writes what cjpeg -quality Q writes (after the
+// JFIF header, which carries our resolution); our decoder gives exactly
+// djpeg's pixels, colour and gray.
+TEST_F(CliFormats, JpegMatchesLibjpegTurboTools) {
+  if (!have("cjpeg") || !have("djpeg")) GTEST_SKIP() << "libjpeg-turbo-progs not installed";
+  vkimg::write_image(path("a.ppm"), photo(77, 45, 24, vkimg::kOrderRgb, 1));
+  vkimg::write_image(path("g.pgm"), palette_image(8, ramp(8), 50, 31, 2));
+  for (const char* q : {"30", "75", "95"}) {
+    for (const char* in : {"a.ppm", "g.pgm"}) {
+      const std::string what = std::string(in) + " at quality " + q;
+      ASSERT_EQ(0, sh(vk() + " " + path(in) + " --quality " + q + " " + path("ours.jpg"))) << what;
+      ASSERT_EQ(0, sh(std::string("cjpeg -quality ") + q + " " + path(in) + " > " + path("ref.jpg"))) << what;
+      const auto ours = vkimg::read_file(path("ours.jpg")), ref = vkimg::read_file(path("ref.jpg"));
+      ASSERT_GT(ref.size(), 20u);
+      EXPECT_TRUE(ours.size() == ref.size() && std::equal(ref.begin() + 20, ref.end(), ours.begin() + 20)) << what;
+      ASSERT_EQ(0, sh("djpeg -pnm " + path("ref.jpg") + " > " + path("ref.pnm"))) << what;
+      const Image theirs = vkimg::read_image(path("ref.pnm")), mine = vkimg::read_image(path("ref.jpg"));
+      EXPECT_EQ(colours_of(theirs), colours_of(mine)) << what;
+      EXPECT_EQ(std::string(in) == "g.pgm" ? 8 : 24, mine.bits) << what;
+    }
+  }
+}
+
+// A CMYK JPEG as Adobe's programs write it (inverted, with their marker) reads as colour.
+TEST_F(CliFormats, JpegCmykReadsAsColour) {
+  const int w = 16, h = 8;
+  jpeg_compress_struct c{};
+  jpeg_error_mgr err{};
+  c.err = jpeg_std_error(&err);
+  jpeg_create_compress(&c);
+  unsigned char* mem = nullptr;
+  unsigned long size = 0;
+  jpeg_mem_dest(&c, &mem, &size);
+  c.image_width = w;
+  c.image_height = h;
+  c.input_components = 4;
+  c.in_color_space = JCS_CMYK;
+  jpeg_set_defaults(&c);
+  jpeg_set_quality(&c, 100, TRUE);
+  jpeg_start_compress(&c, TRUE);
+  std::vector<uint8_t> row(4 * w);
+  for (int x = 0; x < w; ++x) {  // stored inverted: cyan none, magenta full, yellow half, black none
+    row[4 * x] = 255, row[4 * x + 1] = 0, row[4 * x + 2] = 128, row[4 * x + 3] = 255;
+  }
+  for (int y = 0; y < h; ++y) {
+    JSAMPROW r = row.data();
+    jpeg_write_scanlines(&c, &r, 1);
+  }
+  jpeg_finish_compress(&c);
+  const std::vector<uint8_t> bytes(mem, mem + size);
+  jpeg_destroy_compress(&c);
+  std::free(mem);
+  const Image img = vkimg::decode(bytes, Format::jpeg, "cmyk.jpg");
+  ASSERT_EQ(24, img.bits);
+  const auto px = colours_of(img);
+  EXPECT_NEAR(255, px[0] >> 8, 3);  // red
+  EXPECT_NEAR(0, px[1] >> 8, 3);    // green
+  EXPECT_NEAR(128, px[2] >> 8, 3);  // blue
+}
+
+struct TiffCase {
+  Image img;
+  const char* what;
+};
+
+// Every compression keeps every pixel of each layout TIFF holds; 1-bit
+// black and white also through CCITT G3 and G4.
+TEST_F(CliFormats, TiffRoundTripsEachCompressionAndDepth) {
+  std::vector<TiffCase> cases;
+  cases.push_back({palette_image(1, {{255, 255, 255, 0}, {0, 0, 0, 0}}, 45, 13, 1), "1-bit white-is-zero"});
+  cases.push_back({palette_image(1, {{0, 0, 0, 0}, {255, 255, 255, 0}}, 45, 13, 2), "1-bit black-is-zero"});
+  cases.push_back({palette_image(2, colours(4, 3), 23, 9, 3), "2-bit palette"});
+  cases.push_back({palette_image(4, colours(16, 4), 23, 9, 4), "4-bit palette"});
+  cases.push_back({palette_image(8, ramp(8), 23, 9, 5), "8-bit gray"});
+  cases.push_back({palette_image(8, colours(256, 6), 23, 9, 6), "8-bit palette"});
+  Image g16 = photo(23, 9, 16, vkimg::kOrderGray, 7);
+  cases.push_back({g16, "16-bit gray"});
+  cases.push_back({photo(23, 9, 24, vkimg::kOrderBgr, 8), "24-bit"});
+  cases.push_back({photo(23, 9, 32, vkimg::kOrderRgb, 9), "32-bit with alpha"});
+  cases.push_back({photo(23, 9, 48, vkimg::kOrderBgr, 10), "48-bit"});
+  cases.push_back({photo(23, 9, 64, vkimg::kOrderRgb, 11), "64-bit with alpha"});
+  for (TiffCase& c : cases) {
+    c.img.xdpi = c.img.ydpi = 200;
+    std::vector<TiffCompression> kinds = {TiffCompression::none, TiffCompression::packbits, TiffCompression::lzw,
+                                          TiffCompression::deflate};
+    if (c.img.bits == 1) kinds.insert(kinds.end(), {TiffCompression::g3, TiffCompression::g4});
+    for (TiffCompression k : kinds) {
+      EncodeOptions opt;
+      opt.tiff = k;
+      const std::string what = std::string(c.what) + ", compression " + std::to_string(int(k));
+      const Image back = vkimg::decode(vkimg::encode(c.img, Format::tiff, "x.tif", nullptr, opt), Format::tiff, "x.tif");
+      ASSERT_EQ(c.img.width, back.width) << what;
+      EXPECT_EQ(c.img.bits, back.bits) << what;
+      EXPECT_EQ(colours_of(c.img), colours_of(back)) << what;
+      EXPECT_EQ(200, back.xdpi) << what;
+    }
+  }
+  EncodeOptions g4;
+  g4.tiff = TiffCompression::g4;
+  EXPECT_THROW(vkimg::encode(cases[3].img, Format::tiff, "x.tif", nullptr, g4), IoError) << "G4 is black and white only";
+}
+
+// Several images into one TIFF and back out as a list, through the program.
+TEST_F(CliFormats, MultiPageTiffIsAList) {
+  vkimg::write_image(path("a.png"), photo(30, 20, 24, vkimg::kOrderBgr, 1));
+  vkimg::write_image(path("b.png"), photo(12, 14, 24, vkimg::kOrderBgr, 2));
+  vkimg::write_image(path("c.pbm"), palette_image(1, {{255, 255, 255, 0}, {0, 0, 0, 0}}, 40, 8, 3));
+  ASSERT_EQ(0, sh(vk() + " --list " + path("a.png") + " " + path("b.png") + " " + path("c.pbm") +
+                  " --reduce 8 -o " + path("all.tif") + " >/dev/null"));
+  ASSERT_EQ(0, sh(vk() + " --list " + path("all.tif") + " --reduce 8 -o " + path("out") + " >/dev/null"));
+  const int widths[] = {30, 12, 40};
+  const char* names[] = {"all.tif", "all-page2.tif", "all-page3.tif"};
+  for (int k = 0; k < 3; ++k) {
+    const Image page = vkimg::read_image(path(std::string("out/") + names[k]));
+    EXPECT_EQ(widths[k], page.width) << names[k];
+    EXPECT_EQ(8, page.bits) << names[k];
+  }
+  // One palette for all: the pages of the first file share it.
+  EXPECT_EQ(vkimg::read_image(path("out/all.tif")).palette, vkimg::read_image(path("out/all-page3.tif")).palette);
+}
+
+// "-" reads standard input and writes standard output; the format of the
+// input is found in its bytes, that of the output named by --format.
+TEST_F(CliFormats, StandardInputAndOutput) {
+  const Image a = photo(21, 11, 24, vkimg::kOrderRgb, 4);
+  vkimg::write_image(path("a.ppm"), a);
+  ASSERT_EQ(0, sh("cat " + path("a.ppm") + " | " + vk() + " - --format tif - | " + vk() + " - " + path("b.png")));
+  EXPECT_EQ(colours_of(a), colours_of(vkimg::read_image(path("b.png"))));
+  // A file named for one format holding another is read by its content.
+  fs::copy_file(path("b.png"), path("really-png.bmp"));
+  ASSERT_EQ(0, sh(vk() + " " + path("really-png.bmp") + " " + path("c.ppm")));
+  EXPECT_EQ(colours_of(a), colours_of(vkimg::read_image(path("c.ppm"))));
+  EXPECT_EQ(2, sh(vk() + " " + path("a.ppm") + " - >/dev/null 2>&1")) << "standard output needs --format";
+}
+
+// Truncated and damaged JPEG and TIFF files fail with the file's name and
+// never read outside their buffers (the sanitizer build runs this too).
+TEST_F(CliFormats, CorruptJpegAndTiffFailNamingTheFile) {
+  const Image a = photo(40, 24, 24, vkimg::kOrderBgr, 5);
+  EncodeOptions packbits;
+  packbits.tiff = TiffCompression::packbits;
+  const std::vector<uint8_t> files[] = {vkimg::encode(a, Format::jpeg, "x"), vkimg::encode(a, Format::tiff, "x"),
+                                        vkimg::encode(a, Format::tiff, "x", nullptr, packbits)};
+  std::mt19937 rng(7);
+  for (const auto& bytes : files) {
+    for (size_t len : {size_t(3), size_t(4), size_t(10), bytes.size() / 3, bytes.size() / 2, bytes.size() - 2}) {
+      try {
+        vkimg::decode(std::vector<uint8_t>(bytes.begin(), bytes.begin() + ptrdiff_t(len)), Format::png, "cut.file");
+        ADD_FAILURE() << "truncated to " << len << " of " << bytes.size() << " bytes decoded";
+      } catch (const IoError& e) {
+        EXPECT_EQ(0u, std::string(e.what()).rfind("cut.file: ", 0)) << e.what();
+      }
+    }
+    for (int k = 0; k < 200; ++k) {
+      std::vector<uint8_t> bad = bytes;
+      bad[rng() % (k % 2 ? bad.size() : std::min<size_t>(bad.size(), 200))] = uint8_t(rng());
+      try {
+        vkimg::decode(bad, Format::png, "bad.file");
+      } catch (const IoError& e) {
+        EXPECT_EQ(0u, std::string(e.what()).rfind("bad.file: ", 0)) << e.what();
+      }
+    }
+  }
+  // End to end: exit 1 and the name.
+  const std::vector<uint8_t> jpg = files[0];
+  vkimg::write_file(path("cut.jpg"), std::vector<uint8_t>(jpg.begin(), jpg.begin() + ptrdiff_t(jpg.size() / 2)));
+  const int r = sh(vk() + " " + path("cut.jpg") + " " + path("o.png") + " 2>" + path("err.txt"));
+  EXPECT_EQ(1, r);
+  std::ifstream err(path("err.txt"));
+  std::stringstream text;
+  text << err.rdbuf();
+  EXPECT_NE(std::string::npos, text.str().find(path("cut.jpg"))) << text.str();
+  EXPECT_FALSE(fs::exists(path("o.png")));
+}
+
+}  // namespace
+
+#endif  // VKIMG_HAVE_TOOL
