@@ -83,7 +83,7 @@ void transpose_4(const uint8_t* src, intptr_t ss, uint8_t* dst, intptr_t ds, uin
     const uint8_t* a = src + intptr_t(c) * ss;
     const uint8_t* b = c + 1 < h ? src + intptr_t(c + 1) * ss : nullptr;
     for (uint32_t r = 0; r < w; ++r) {
-      const uint32_t hi = packed_pixel<4>(a, r), lo = b ? packed_pixel<4>(b, r) : 0;
+      const uint32_t hi = Indexed<4>::pixel(a, r), lo = b ? Indexed<4>::pixel(b, r) : 0;
       dst[intptr_t(r) * ds + c / 2] = static_cast<uint8_t>((hi << 4) | lo);
     }
   }

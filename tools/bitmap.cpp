@@ -126,18 +126,6 @@ void widen12(const uint8_t* src, uint8_t* dst, int width) {
 // What the file gets: the bitmap's layout, or the nearest one the codecs have.
 ImageInfo saved_info(BitmapHandle& bm) {
   if (!(bm.Flags & BITMAP_ALLOCATED)) throw LibraryError("the bitmap has no storage", RESULT_NO_BITMAP);
-  if (bm.ViewPerspective != 0 && bm.ViewPerspective != 2) {
-    // Other orientations are saved as seen: a copy stored top row first.
-    BitmapHandle seen;
-    const int32_t r = V_ChangeBitmapViewPerspective(&seen, &bm, 0);
-    if (r != RESULT_OK) throw LibraryError("cannot turn view perspective " + std::to_string(bm.ViewPerspective) +
-                                               " upright: " + describe_result(r), r);
-    struct Release {
-      BitmapHandle* b;
-      ~Release() { V_FreeBitmap(b); }
-    } release{&seen};
-    return to_image(seen);
-  }
   const int bits = bm.BitsPerPixel;
   ImageInfo img;
   img.width = bm.Width;
@@ -322,9 +310,29 @@ std::vector<Bitmap> load_pages(const std::string& path, int memory_type) {
   return pages;
 }
 
-void save_bitmaps(const std::vector<BitmapHandle*>& pages, const std::string& path, Format format,
+void save_bitmaps(const std::vector<BitmapHandle*>& given, const std::string& path, Format format,
                   const EncodeOptions& options, std::vector<std::string>* notes) {
-  if (pages.empty()) throw IoError(path + ": nothing to save");
+  if (given.empty()) throw IoError(path + ": nothing to save");
+  // Pages stored transposed or mirrored are saved as seen: through copies
+  // stored top row first.
+  struct Upright {
+    std::vector<BitmapHandle> copies;
+    ~Upright() {
+      for (BitmapHandle& b : copies) V_FreeBitmap(&b);
+    }
+  } upright;
+  upright.copies.reserve(given.size());
+  std::vector<BitmapHandle*> pages = given;
+  for (BitmapHandle*& page : pages) {
+    if (!(page->Flags & BITMAP_ALLOCATED) || page->ViewPerspective == 0 || page->ViewPerspective == 2) continue;
+    BitmapHandle seen;
+    const int32_t r = V_ChangeBitmapViewPerspective(&seen, page, 0);
+    if (r != RESULT_OK)
+      throw LibraryError("cannot turn view perspective " + std::to_string(page->ViewPerspective) +
+                             " upright: " + describe_result(r), r);
+    upright.copies.push_back(seen);
+    page = &upright.copies.back();
+  }
   ImageInfo info = page_info(*pages[0]);
   progress_begin("saving " + file_label(path));
   OutStream out(path);
