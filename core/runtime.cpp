@@ -18,7 +18,9 @@ namespace {
 constexpr uint32_t kSlotValues = 1024;
 
 uint32_t g_slot = plat::kNoSlot;       // platform slot holding each thread's record
-plat::CriticalSection g_cs;            // guards the caller-slot table (V_TlsAlloc/V_TlsFree)
+// constinit: the library's constructor initialises it, so it must not be
+// initialised again by the ordinary static initialisation that may run later.
+constinit plat::CriticalSection g_cs;  // guards the caller-slot table (V_TlsAlloc/V_TlsFree)
 int g_attach_count = 0;
 ThreadSettings g_process_record;       // fallback when a thread record cannot be made
 uintptr_t g_process_slots[kSlotValues];

@@ -51,8 +51,10 @@ void* tls_get(uint32_t slot);
 bool tls_set(uint32_t slot, void* value);
 void tls_free(uint32_t slot);
 
+// Fully initialised by its constant initialiser, so a global one is set up
+// before any constructor function runs and never reset after cs_init.
 struct CriticalSection {
-  alignas(16) unsigned char storage[64];
+  alignas(16) unsigned char storage[64] = {};
   bool initialised = false;
 };
 void cs_init(CriticalSection& cs);

@@ -8,5 +8,12 @@ if [ -n "$extra" ]; then
   echo "unexpected exports from $lib:"; echo "$extra"; exit 1
 fi
 count=$(nm -D --defined-only "$lib" | awk '{print $3}' | grep -c '^V_' || true)
+# No global of the library may be set up by ordinary static initialisation:
+# the library's constructor runs first and would have its work undone.
+# (Prioritised initialisers, such as a sanitizer's, are not ours.)
+inits=$(nm "$lib" 2>/dev/null | awk '{print $NF}' | grep '^_GLOBAL__sub_I_' | grep -v '^_GLOBAL__sub_I_0' || true)
+if [ -n "$inits" ]; then
+  echo "globals with dynamic initialisation in $lib:"; echo "$inits"; exit 1
+fi
 echo "exports ok: $count V_ functions"
 [ "$count" -gt 0 ]
