@@ -1,7 +1,7 @@
 // compression_change.cpp - converting a whole bitmap between packed and
 // compressed 1-bit storage (V_ChangeBitmapCompression and its toggle).
 //
-// The conversion builds a complete new record (V_DupBitmapNewDim with
+// The conversion builds a complete new record (a duplicate record with
 // storage, then a row-by-row copy) and only then frees the old storage and
 // copies the new record over the caller's, so any failure leaves the
 // caller's bitmap exactly as it was.
@@ -27,11 +27,11 @@ VK_API int32_t VK_CALL V_ChangeBitmapCompression(BitmapHandle* bitmap, int32_t m
     // source carries the target form while it is made.
     bitmap->Flags = (flags & ~kinds) | (mode == 1 ? BITMAP_COMPRESSED : 0u);
     vk::op::Scratch fresh;
+    fresh.shares(true, true);  // the duplicate uses the caller's palette and region
     const int32_t r =
-        V_DupBitmapNewDim(fresh.get(), bitmap, bitmap->Width, bitmap->Height, bitmap->BitsPerPixel, DUP_ALLOCATE);
+        vk::duplicate_record(fresh.get(), bitmap, bitmap->Width, bitmap->Height, bitmap->BitsPerPixel, true);
     bitmap->Flags = flags;
     if (r != RESULT_OK) return r;
-    fresh.shares(true, true);  // the duplicate uses the caller's palette and region
 
     // Reading the rows moves the source's row cache; a failed change puts
     // it back so that the caller's record is exactly as it was.

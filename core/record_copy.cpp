@@ -16,7 +16,48 @@ bool flat_memory(const BitmapHandle* b) {
          !(b->Flags & (BITMAP_COMPRESSED | BITMAP_TILED | BITMAP_SUPER_COMPRESSED));
 }
 
+// Flags that describe the source's storage kind or are carried for the host.
+constexpr uint32_t kCarriedFlags = BITMAP_COMPRESSED | BITMAP_SUPER_COMPRESSED | BITMAP_ON_DISK | 0x200u | 0x10000u;
+constexpr uint32_t kPlaybackFlags = BITMAP_PLAYBACK_FLAG1 | BITMAP_PLAYBACK_FLAG2;
+
 }  // namespace
+
+int32_t duplicate_record(BitmapHandle* n, BitmapHandle* src, int32_t width, int32_t height, int32_t bits,
+                         bool allocate) {
+  if (!src || !(src->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
+  VK_TRY(V_InitBitmap(n, width, height, bits));
+  n->Flags |= src->Flags & kCarriedFlags;
+  n->ViewPerspective = src->ViewPerspective;
+  n->XResolution = src->XResolution;
+  n->YResolution = src->YResolution;
+  n->Order = src->Order;
+  if (allocate) {
+    int32_t type = TYPE_CONVENTIONAL;
+    if (src->Flags & BITMAP_COMPRESSED)
+      type = TYPE_COMPRESSED | TYPE_CONVENTIONAL;
+    else if (src->Flags & BITMAP_SUPER_COMPRESSED)
+      type = TYPE_SUPER_COMPRESSED;
+    else if (src->Flags & BITMAP_ON_DISK)
+      type = TYPE_DISK;
+    VK_TRY(V_AllocateBitmap(n, type));
+  }
+  n->Flags = (n->Flags & ~(PALETTE_IS_TABLE | kPlaybackFlags)) | (src->Flags & (PALETTE_IS_TABLE | kPlaybackFlags));
+  n->Palette = src->Palette;
+  n->Region = src->Region;
+  n->ColorCount = src->ColorCount;
+  n->PlaybackValue1 = src->PlaybackValue1;
+  n->PlaybackValue2 = src->PlaybackValue2;
+  n->PlaybackValue3 = src->PlaybackValue3;
+  n->PlaybackValue6 = src->PlaybackValue6;
+  n->PlaybackColor1 = src->PlaybackColor1;
+  n->PlaybackColor2 = src->PlaybackColor2;
+  if (allocate && src->Order == ORDER_GRAY && src->BitsPerPixel == bits) {
+    n->Order = ORDER_GRAY;
+    VK_TRY(V_CopyGrayParams(n, src));
+  }
+  if (n->PaintLut && src->PaintLut) std::memcpy(n->PaintLut, src->PaintLut, 256);
+  return RESULT_OK;
+}
 
 int32_t copy_bitmap_data(BitmapHandle* dst, BitmapHandle* src) {
   if (!src || !dst || !(src->Flags & BITMAP_ALLOCATED) || !(dst->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;

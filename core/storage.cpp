@@ -451,8 +451,8 @@ int32_t rebuild(BitmapHandle* b, int32_t type, uint32_t tile_size, uint32_t tota
   // The new storage is built in a duplicate that shares palette and region
   // with b: only its storage and its own tables are released on the way out.
   op::Scratch scratch;
-  VK_TRY(V_DupBitmapNewDim(scratch.get(), b, b->Width, b->Height, b->BitsPerPixel, 0));
   scratch.shares(true, true);
+  VK_TRY(duplicate_record(scratch.get(), b, b->Width, b->Height, b->BitsPerPixel, false));
   if (type == TYPE_TILED)
     VK_TRY(allocate_tiles_for(*scratch, b, tile_size, total_tiles, memory_tiles, max_mapped, which));
   else

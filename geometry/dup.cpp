@@ -7,12 +7,10 @@
 #include "dispatch.h"
 #include "op.h"
 #include "platform.h"
+#include "record_copy.h"
 
 namespace vk {
 namespace {
-
-// Flags that describe the source's storage kind or are carried for the host.
-constexpr uint32_t kCarriedFlags = BITMAP_COMPRESSED | BITMAP_SUPER_COMPRESSED | BITMAP_ON_DISK | 0x200u | 0x10000u;
 
 int32_t free_duplicate(BitmapHandle* b, uint32_t flags) {
   if (!b) return RESULT_BAD_PARAMETER;
@@ -42,25 +40,8 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
   // the duplicate is to own copies of them.
   op::Scratch n;
   n.shares(!(flags & DUP_OWN_PALETTE), !(flags & DUP_OWN_REGION));
-  VK_TRY(V_InitBitmap(n.get(), width, height, bits));
-  n->Flags |= src->Flags & kCarriedFlags;
-  n->ViewPerspective = src->ViewPerspective;
-  n->XResolution = src->XResolution;
-  n->YResolution = src->YResolution;
-  n->Order = src->Order;
+  VK_TRY(duplicate_record(n.get(), src, width, height, bits, flags & DUP_ALLOCATE));
 
-  if (flags & DUP_ALLOCATE) {
-    int32_t type = TYPE_CONVENTIONAL;
-    if (src->Flags & BITMAP_COMPRESSED)
-      type = TYPE_COMPRESSED | TYPE_CONVENTIONAL;
-    else if (src->Flags & BITMAP_SUPER_COMPRESSED)
-      type = TYPE_SUPER_COMPRESSED;
-    else if (src->Flags & BITMAP_ON_DISK)
-      type = TYPE_DISK;
-    VK_TRY(V_AllocateBitmap(n.get(), type));
-  }
-
-  n->Flags = (n->Flags & ~PALETTE_IS_TABLE) | (src->Flags & PALETTE_IS_TABLE);
   if (flags & DUP_OWN_PALETTE) {
     n->Palette = nullptr;
     if (src->Palette) {
@@ -68,15 +49,12 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
       const int32_t r = V_CopyBitmapPalette(n.get(), src);
       if (r != RESULT_OK) return r < 0 ? r : RESULT_FAIL;
     }
-  } else {
-    n->Palette = src->Palette;
   }
-  n->ColorCount = src->ColorCount;
+  // With a new depth or palette the playback colours must name the same
+  // colours in the duplicate's terms.
   VK_TRY(V_CopyPlaybackParms(n.get(), src));
 
-  if (!(flags & DUP_OWN_REGION)) {
-    n->Region = src->Region;
-  } else {
+  if (flags & DUP_OWN_REGION) {
     n->Region = nullptr;
     if (auto hook = reinterpret_cast<VK_REGIONHOOK>(reinterpret_cast<void (*)()>(dispatch::entry(2)))) {
       // The hook copies the source's region onto the record it is given as
@@ -92,12 +70,6 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
       }
     }
   }
-
-  if ((flags & DUP_ALLOCATE) && src->Order == ORDER_GRAY && src->BitsPerPixel == bits) {
-    n->Order = ORDER_GRAY;
-    VK_TRY(V_CopyGrayParams(n.get(), src));
-  }
-  if (n->PaintLut && src->PaintLut) std::memcpy(n->PaintLut, src->PaintLut, 256);
 
   op::hand_over(n, dst);
   return RESULT_OK;

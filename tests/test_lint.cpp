@@ -89,13 +89,6 @@ std::string read_file(const fs::path& p) {
   return ss.str();
 }
 
-// Calls that still run upwards, each with the reason it is allowed.
-bool known_exception(const std::string& file, const std::string& name) {
-  // Storage rebuilds and the compression change start from a duplicate of
-  // the record, whose playback colours are translated through the palette.
-  return name == "V_DupBitmapNewDim" && (file == "storage.cpp" || file == "compression_change.cpp");
-}
-
 TEST(Lint, LayersDependOneWay) {
   const std::string root = source_dir();
   if (root.empty()) GTEST_SKIP() << "VK_SOURCE_DIR not set (run through ctest)";
@@ -142,7 +135,7 @@ TEST(Lint, LayersDependOneWay) {
           hits.push_back(at + "includes " + m[1].str() + " from " + up + "/");
       for (std::sregex_iterator c(line.begin(), line.end(), call), end; c != end; ++c)
         if (const char* up = above(function_layer, (*c)[1]))
-          if (!known_exception(file, (*c)[1])) hits.push_back(at + "calls " + (*c)[1].str() + " of " + up + "/");
+          hits.push_back(at + "calls " + (*c)[1].str() + " of " + up + "/");
     }
   }
   std::string report;
