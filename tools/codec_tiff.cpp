@@ -138,7 +138,6 @@ class TiffDecoder final : public Decoder {
     if (!TIFFGetField(tif_.get(), TIFFTAG_PHOTOMETRIC, &photo)) photo = PHOTOMETRIC_MINISWHITE;
     if (TIFFIsTiled(tif_.get())) fail(name_, "tiled TIFF is not supported (only strips)");
     if (planar != PLANARCONFIG_CONTIG && spp > 1) fail(name_, "TIFF with separate colour planes is not supported");
-    check_size(name_, w, h, std::max<int>(bps * spp, 1));
     ImageInfo info;
     info.width = static_cast<int>(w);
     info.height = static_cast<int>(h);
@@ -170,6 +169,8 @@ class TiffDecoder final : public Decoder {
       fail(name_, "unsupported TIFF layout: photometric " + std::to_string(photo) + ", " + std::to_string(spp) +
                       " samples of " + std::to_string(bps) + " bits");
     }
+    // Only after the layout is known: the bits per pixel of an unsupported layout can be anything.
+    check_size(name_, w, h, info.bits);
     float xres = 0, yres = 0;
     uint16_t unit = RESUNIT_INCH;
     TIFFGetFieldDefaulted(tif_.get(), TIFFTAG_RESOLUTIONUNIT, &unit);
