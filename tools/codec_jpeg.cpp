@@ -98,7 +98,7 @@ class JpegDecoder final : public Decoder {
     cinfo_.src = &src_.mgr;
     jpeg_read_header(&cinfo_, TRUE);
     if (cinfo_.image_width > static_cast<unsigned>(kMaxSide) || cinfo_.image_height > static_cast<unsigned>(kMaxSide) ||
-        uint64_t(cinfo_.image_width) * cinfo_.image_height * 3 > kMaxBytes) {
+        uint64_t(cinfo_.image_width) * cinfo_.image_height * 3 > max_image_bytes) {
       std::snprintf(err_.message, sizeof err_.message, "unsupported size %ux%u", cinfo_.image_width, cinfo_.image_height);
       return false;
     }

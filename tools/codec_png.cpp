@@ -130,7 +130,7 @@ class PngDecoder final : public Decoder {
     if (depth == 16) png_set_swap(png);  // the library's 16-bit samples are little-endian
     passes_ = png_set_interlace_handling(png);
     png_read_update_info(png, info);
-    if (static_cast<uint64_t>(ImageInfo::stride_for(static_cast<int>(w), bits)) * h > kMaxBytes)
+    if (static_cast<uint64_t>(ImageInfo::stride_for(static_cast<int>(w), bits)) * h > max_image_bytes)
       png_error(png, "image too large");
     // Deflate packs at most about 1032 bytes into one, so a file too short to
     // hold even the smallest rows its header claims is refused before the

@@ -34,7 +34,7 @@ void check_size(const std::string& name, int64_t width, int64_t height, int bits
   if (width < 1 || height < 1 || width > kMaxSide || height > kMaxSide)
     fail(name, "unsupported size " + std::to_string(width) + "x" + std::to_string(height));
   if (static_cast<uint64_t>(ImageInfo::stride_for(static_cast<int>(width), bits)) * static_cast<uint64_t>(height) >
-      kMaxBytes)
+      max_image_bytes)
     fail(name, "image too large");
 }
 
@@ -163,7 +163,7 @@ bool ImageInfo::palette_is_gray() const {
 
 void Image::allocate(int w, int h, int bpp, int colour_order) {
   if (w < 1 || h < 1 || w > kMaxSide || h > kMaxSide ||
-      static_cast<uint64_t>(stride_for(w, bpp)) * static_cast<uint64_t>(h) > kMaxBytes)
+      static_cast<uint64_t>(stride_for(w, bpp)) * static_cast<uint64_t>(h) > max_image_bytes)
     throw IoError("unsupported picture size " + std::to_string(w) + "x" + std::to_string(h));
   width = w;
   height = h;

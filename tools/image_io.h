@@ -84,9 +84,10 @@ struct IoError : std::runtime_error {
 };
 
 // Largest picture the codec accepts: each side and the pixel bytes.  A
-// corrupt header cannot make it allocate more than this.
+// corrupt header cannot make it allocate more than this.  The byte limit is a
+// variable so that a harness feeding corrupt files can lower it.
 inline constexpr int kMaxSide = 1 << 18;
-inline constexpr uint64_t kMaxBytes = uint64_t(1) << 31;
+inline uint64_t max_image_bytes = uint64_t(1) << 31;
 
 // Format from the file name's extension (case-insensitive); throws IoError
 // for an unknown extension.  Writing goes by the name, reading by content.
