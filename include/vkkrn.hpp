@@ -25,40 +25,56 @@
 
 namespace vk {
 
-/// The value an operation returns when a vk::Progress callback said stop.
+/// The value an operation returns when a vk::ProgressScope callback said stop.
 inline constexpr int32_t kCancelled = 0;
+
+namespace detail {
+struct ResultText {
+  int32_t code;
+  const char* name;
+  const char* meaning;
+};
+inline const ResultText* find_result(int32_t code) noexcept {
+  static constexpr ResultText kResults[] = {
+      {RESULT_OK, "RESULT_OK", "success"},
+      {kCancelled, "cancelled", "stopped by the status callback"},
+      {RESULT_FAIL, "RESULT_FAIL", "memory or storage could not be obtained"},
+      {RESULT_NO_BITMAP, "RESULT_NO_BITMAP", "the bitmap has no storage"},
+      {RESULT_SEEK_FAILED, "RESULT_SEEK_FAILED", "a seek in disk storage failed"},
+      {RESULT_WRITE_FAILED, "RESULT_WRITE_FAILED", "a write to disk storage failed"},
+      {RESULT_READ_FAILED, "RESULT_READ_FAILED", "a read from disk storage failed"},
+      {RESULT_BAD_AREA, "RESULT_BAD_AREA", "the requested area holds no pixels"},
+      {RESULT_BAD_PARAMETER, "RESULT_BAD_PARAMETER", "a null or out-of-range argument"},
+      {RESULT_BAD_FORMAT, "RESULT_BAD_FORMAT", "unsupported layout"},
+      {RESULT_BAD_BITS_PER_PIXEL, "RESULT_BAD_BITS_PER_PIXEL", "unsupported bits per pixel"},
+      {RESULT_NOT_SET, "RESULT_NOT_SET", "no dispatch table was set"},
+      {RESULT_TEMP_FILE_FAILED, "RESULT_TEMP_FILE_FAILED", "a temp file for storage could not be created"},
+      {RESULT_HOTKEY_FAILED, "RESULT_HOTKEY_FAILED", "hot-key failure"},
+      {RESULT_HOTKEY_WINDOW_FAILED, "RESULT_HOTKEY_WINDOW_FAILED", "the hot-key window could not be created"},
+  };
+  for (const ResultText& r : kResults)
+    if (r.code == code) return &r;
+  return nullptr;
+}
+}  // namespace detail
 
 /// The name of a result code ("RESULT_BAD_PARAMETER" for -13); "cancelled"
 /// for kCancelled; null for a code the library does not define.
 inline const char* result_name(int32_t code) noexcept {
-  switch (code) {
-    case RESULT_OK: return "RESULT_OK";
-    case kCancelled: return "cancelled";
-    case RESULT_FAIL: return "RESULT_FAIL";
-    case RESULT_NO_BITMAP: return "RESULT_NO_BITMAP";
-    case RESULT_SEEK_FAILED: return "RESULT_SEEK_FAILED";
-    case RESULT_WRITE_FAILED: return "RESULT_WRITE_FAILED";
-    case RESULT_READ_FAILED: return "RESULT_READ_FAILED";
-    case RESULT_BAD_AREA: return "RESULT_BAD_AREA";
-    case RESULT_BAD_PARAMETER: return "RESULT_BAD_PARAMETER";
-    case RESULT_BAD_FORMAT: return "RESULT_BAD_FORMAT";
-    case RESULT_BAD_BITS_PER_PIXEL: return "RESULT_BAD_BITS_PER_PIXEL";
-    case RESULT_NOT_SET: return "RESULT_NOT_SET";
-    case RESULT_TEMP_FILE_FAILED: return "RESULT_TEMP_FILE_FAILED";
-    case RESULT_HOTKEY_FAILED: return "RESULT_HOTKEY_FAILED";
-    case RESULT_HOTKEY_WINDOW_FAILED: return "RESULT_HOTKEY_WINDOW_FAILED";
-    default: return nullptr;
-  }
+  const detail::ResultText* r = detail::find_result(code);
+  return r ? r->name : nullptr;
 }
 
 /// The error category of the library's result codes: value() is the code,
-/// message() its name and number ("RESULT_BAD_PARAMETER (-13)").
+/// message() its name, number and meaning ("RESULT_BAD_PARAMETER (-13): a
+/// null or out-of-range argument"; "result -99" for an unknown code).
 inline const std::error_category& result_category() noexcept {
   struct Category final : std::error_category {
     const char* name() const noexcept override { return "vkkrn"; }
     std::string message(int code) const override {
-      const char* name = result_name(code);
-      return std::string(name ? name : "result") + " (" + std::to_string(code) + ")";
+      const detail::ResultText* r = detail::find_result(code);
+      if (!r) return "result " + std::to_string(code);
+      return std::string(r->name) + " (" + std::to_string(code) + "): " + r->meaning;
     }
   };
   static const Category category;
@@ -88,8 +104,8 @@ inline void check(int32_t result, const char* call) {
 inline void report(int32_t result, std::error_code& ec) noexcept { ec = make_error_code(result); }
 }  // namespace detail
 
-/// Colour depth and order of a whole-bitmap conversion to `order`
-/// (ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_BGR_ALT) for V_ColorResBitmap.
+/// The V_ColorResBitmap flag that gives pixels deeper than 8 bits the colour
+/// order `order` (ORDER_RGB, ORDER_BGR, ORDER_GRAY, ORDER_BGR_ALT).
 inline uint32_t order_flags(int32_t order) noexcept {
   switch (order) {
     case ORDER_BGR: return RESOLVE_BGR;
@@ -401,20 +417,20 @@ class BitmapList {
 /// from the callable stops the operation with RESULT_FAIL; it never crosses
 /// the library.  Not movable: the library holds its address.
 template <class F>
-class Progress {
+class ProgressScope {
  public:
-  explicit Progress(F callable) : callable_(std::move(callable)) {
+  explicit ProgressScope(F callable) : callable_(std::move(callable)) {
     previous_ = V_GetStatusCallBack(&previous_data_);
-    V_SetStatusCallBack(&Progress::call, reinterpret_cast<intptr_t>(this));
+    V_SetStatusCallBack(&ProgressScope::call, reinterpret_cast<intptr_t>(this));
   }
-  ~Progress() { V_SetStatusCallBack(previous_, previous_data_); }
-  Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
+  ~ProgressScope() { V_SetStatusCallBack(previous_, previous_data_); }
+  ProgressScope(const ProgressScope&) = delete;
+  ProgressScope& operator=(const ProgressScope&) = delete;
 
  private:
   static int32_t VK_CALL call(int32_t percent, intptr_t self) noexcept {
     try {
-      return reinterpret_cast<Progress*>(self)->callable_(percent) ? RESULT_OK : kCancelled;
+      return reinterpret_cast<ProgressScope*>(self)->callable_(percent) ? RESULT_OK : kCancelled;
     } catch (...) {
       return RESULT_FAIL;
     }
