@@ -31,7 +31,7 @@ int main() {
     vk::Bitmap reduced = picture.copy();
     int last = -1;
     {
-      vk::Progress progress([&](int32_t percent) {
+      vk::ProgressScope progress([&](int32_t percent) {
         last = percent;
         return true;  // false would stop the reduction with vk::kCancelled
       });
