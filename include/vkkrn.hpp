@@ -296,10 +296,12 @@ class Bitmap {
   /// Mirrored left to right (V_ReverseBitmap).
   void mirror() { detail::check(V_ReverseBitmap(&record_), "V_ReverseBitmap"); }
   void mirror(std::error_code& ec) noexcept { detail::report(V_ReverseBitmap(&record_), ec); }
-  /// A turn by 9000, 18000 or 27000 hundredths of a degree; the size
-  /// follows the turn (V_RotateBitmap with ROTATE_RESIZE).
-  void rotate(int32_t angle) { detail::check(turn(angle), "V_RotateBitmap"); }
-  void rotate(int32_t angle, std::error_code& ec) noexcept { detail::report(turn(angle), ec); }
+  /// A turn by `angle` hundredths of a degree (V_RotateBitmap with
+  /// ROTATE_RESIZE: the result holds the whole turned picture, corners
+  /// filled with the colour `fill`).  Angles the library does not turn by
+  /// fail with RESULT_FAIL.
+  void rotate(int32_t angle, uint32_t fill = 0) { detail::check(turn(angle, fill), "V_RotateBitmap"); }
+  void rotate(int32_t angle, uint32_t fill, std::error_code& ec) noexcept { detail::report(turn(angle, fill), ec); }
   /// The pixels moved so that the bitmap is stored in view perspective
   /// `view` (V_ChangeBitmapViewPerspective in place).
   void set_view_perspective(int32_t view) {
@@ -340,7 +342,7 @@ class Bitmap {
   int32_t color_res(int32_t bits, uint32_t flags, int32_t colors) noexcept {
     return V_ColorResBitmap(&record_, &record_, bits, flags, nullptr, nullptr, colors, nullptr, 0);
   }
-  int32_t turn(int32_t angle) noexcept { return V_RotateBitmap(&record_, angle, ROTATE_RESIZE, 0); }
+  int32_t turn(int32_t angle, uint32_t fill) noexcept { return V_RotateBitmap(&record_, angle, ROTATE_RESIZE, fill); }
   // The C calls take the source by non-const pointer (row reads move its
   // row cache) but leave what it describes unchanged.
   BitmapHandle* source() const noexcept { return const_cast<BitmapHandle*>(&record_); }
