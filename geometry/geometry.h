@@ -69,6 +69,10 @@ void transpose(const uint8_t* src, intptr_t src_stride, uint8_t* dst, intptr_t d
 // this are turned from their runs directly (smaller ones through row
 // access).  Tests lower it to run that path on small bitmaps.
 extern uint64_t compressed_turn_limit;
+// Quarter turns of storage other than flat memory read the source in bands
+// of columns holding about this many bytes.  Tests lower it to run many
+// bands on small bitmaps.
+extern uint32_t turn_band_bytes;
 
 // The quarter turn of b into `out` (a new record, not yet committed; it
 // shares b's palette and region).  One progress step per destination row.

@@ -317,9 +317,9 @@ class RunColumns {
 int32_t turn_by_bands(BitmapHandle* b, BitmapHandle* d, int32_t direction, TransposeFn fn, Progress& progress,
                       RunColumns* runs) {
   const uint32_t w = uint32_t(b->Width), h = uint32_t(b->Height), bits = uint32_t(b->BitsPerPixel);
-  // About a megabyte of source segments per band, in columns of 8 pixels
-  // (so a segment starts on a byte for every depth).
-  uint64_t k = (uint64_t{8} << 20) / (uint64_t{h} * bits);
+  // About turn_band_bytes of source segments per band, in columns of 8
+  // pixels (so a segment starts on a byte for every depth).
+  uint64_t k = uint64_t{turn_band_bytes} * 8 / (uint64_t{h} * bits);
   k = std::clamp<uint64_t>(k & ~uint64_t{7}, 8, (uint64_t{w} + 7) & ~uint64_t{7});
   const uint32_t band = uint32_t(k);
   const size_t seg = size_t(band) * bits / 8;
@@ -353,6 +353,7 @@ int32_t turn_by_bands(BitmapHandle* b, BitmapHandle* d, int32_t direction, Trans
 }  // namespace
 
 uint64_t compressed_turn_limit = 18000000;
+uint32_t turn_band_bytes = 1u << 20;
 
 void transpose(const uint8_t* src, intptr_t src_stride, uint8_t* dst, intptr_t dst_stride, uint32_t w, uint32_t h,
                int32_t bits) {
