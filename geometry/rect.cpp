@@ -141,7 +141,8 @@ int32_t copy_rect(BitmapHandle* dst, BitmapHandle* src, int32_t left, int32_t to
         std::memset(drow, 0, head);
         std::memset(drow + tail, 0, dbpl - tail);
         if (bytes) {
-          const int32_t got = V_GetBitmapRowCol(src, drow + first_bit / 8, uint32_t(sy), c.l, int32_t(end_bit / 8 - first_bit / 8));
+          const int32_t got =
+              V_GetBitmapRowCol(src, drow + first_bit / 8, uint32_t(sy), c.l, int32_t(end_bit / 8 - first_bit / 8));
           if (got < 0) return got;
         } else {
           const int32_t got = V_GetBitmapRowCol(src, seg.get(), uint32_t(sy), int32_t(sg.first_column), seg_count);

@@ -4,7 +4,7 @@
 // degrees).
 //
 // The transposition writes destination row r from source column r.  Whole-
-// byte pixels go through 32 x 32 blocks so that both sides stay in cache on
+// byte pixels go tile by tile (below) so that both sides stay in cache on
 // large bitmaps; 1-bit pixels go eight source rows at a time through an 8 x 8
 // bit-matrix transpose (eight destination bytes per step); 4-bit pixels two
 // source rows at a time (one destination byte per step); the other packings
@@ -15,11 +15,11 @@
 
 #include "compressed.h"
 #include "dispatch.h"
-#include "runs.h"
 #include "geometry.h"
 #include "op.h"
 #include "pixel_format.h"
 #include "platform.h"
+#include "runs.h"
 
 #if defined(__SSE2__)
 #include <tmmintrin.h>
@@ -28,6 +28,8 @@
 namespace vk {
 namespace {
 
+// Flat bitmaps are turned in bands of this many destination rows, with
+// progress and cancellation between bands.
 constexpr uint32_t kBlock = 128;
 
 // Whole-byte pixels go tile by tile, kTile x kTile pixels: the tile's source
@@ -268,7 +270,7 @@ class RunColumns {
     at_[h] = total;
     if (!records_.allocate(total)) return RESULT_FAIL;
     for (uint32_t y = 0; y < h; ++y) {
-      const int32_t n = cmp::read_record(b, y, records_.get() + at_[y], capacity);
+      const int32_t n = cmp::read_record(b, y, records_.get() + at_[y], at_[y + 1] - at_[y]);
       if (n < 0) return n;
     }
     return RESULT_OK;
