@@ -253,7 +253,7 @@ int32_t turn_flat(BitmapHandle* b, BitmapHandle* d, int32_t direction, Transpose
 // the expanded one) with a cursor that only moves right as the bands do.
 class RunColumns {
  public:
-  int32_t load(BitmapHandle* b) {
+  int32_t read_rows(BitmapHandle* b) {
     const uint32_t h = uint32_t(b->Height);
     const size_t capacity = 2 * size_t(uint32_t(b->Width)) + 8;
     Buffer<uint8_t> record(capacity);
@@ -382,7 +382,7 @@ int32_t turn_quarter(BitmapHandle* b, int32_t direction, op::Scratch& out, Progr
     } else if ((b->Flags & BITMAP_COMPRESSED) && b->BitsPerPixel == 1 &&
                uint64_t{b->BytesPerLine} * uint32_t(b->Height) > compressed_turn_limit) {
       RunColumns runs;
-      r = runs.load(b);
+      r = runs.read_rows(b);
       if (r == RESULT_OK) r = turn_by_bands(b, out.get(), direction, fn, progress, &runs);
     } else {
       r = turn_by_bands(b, out.get(), direction, fn, progress, nullptr);
