@@ -64,11 +64,12 @@ run_install_check() {
   rm -rf "$prefix" "$work"
 }
 
-# The palette matching again with every vector kernel on its plain path.
+# The palette matching, row mirrors and transpositions again with every
+# vector kernel on its plain path.
 run_generic() {
   echo "==== $1 tests, plain kernels (VK_FORCE_GENERIC=1) ===="
   VK_FORCE_GENERIC=1 "build/test-$1/vk_tests" \
-    --gtest_filter='Lookup*:Convert*:Dither*:ColorRes*:Optimize*:Golden*:Palette*:Pixel*'
+    --gtest_filter='Lookup*:Convert*:Dither*:ColorRes*:Optimize*:Golden*:Palette*:Pixel*:MirrorLine*:RotateBuffer*:OrientTest.Flip*'
 }
 
 for v in "${variants[@]}"; do
