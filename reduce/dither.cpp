@@ -16,11 +16,18 @@
 
 #include <climits>
 #include <cstring>
+#include <type_traits>
+
+#if defined(__GNUC__) && defined(__x86_64__)
+#include <immintrin.h>
+#define VK_DITHER_AVX2 1
+#endif
 
 #include "core.h"
 #include "lookup.h"
 #include "pixel_format.h"
 #include "palette_tables.h"
+#include "platform.h"
 
 namespace vk {
 namespace {
@@ -279,6 +286,74 @@ void row_plain(DitherContext& c, uint8_t* out, int32_t width) {
   pk.finish();
 }
 
+// Black and white by threshold, eight pixels to a byte (n a multiple of 8):
+// pixel x is 1 when the matrix value is below its gray level.
+void threshold_gray_bytes(const Rgb8* in, int32_t n, const uint8_t* mrow, uint8_t* out) {
+  for (int32_t x = 0; x < n; x += 8, in += 8) {
+    uint32_t byte = 0;
+    for (int k = 0; k < 8; ++k) {
+      const uint32_t level = (2u * in[k].r + 5u * in[k].g + in[k].b + 4u) >> 3;
+      byte |= uint32_t(mrow[k] < level) << (7 - k);
+    }
+    out[x >> 3] = uint8_t(byte);
+  }
+}
+
+#if VK_DITHER_AVX2
+// The same sixteen pixels at a time; returns how many pixels it did (a
+// multiple of 16).  Lane j of a vector holds pixel 8 (j / 8) + 7 - j % 8, so
+// the byte mask comes out most significant pixel first.
+struct ThresholdShuffles {
+  alignas(16) int8_t pick[3][3][16];  // [channel][source vector][lane]
+  constexpr ThresholdShuffles() : pick{} {
+    for (int ch = 0; ch < 3; ++ch)
+      for (int v = 0; v < 3; ++v)
+        for (int j = 0; j < 16; ++j) {
+          const int at = 3 * (8 * (j / 8) + 7 - j % 8) + ch - 16 * v;
+          pick[ch][v][j] = int8_t(at >= 0 && at < 16 ? at : -128);
+        }
+  }
+};
+constexpr ThresholdShuffles kThresholdShuffles;
+
+__attribute__((target("avx2"))) int32_t threshold_gray_bytes_avx2(const Rgb8* in, int32_t n, const uint8_t* mrow,
+                                                                  uint8_t* out) {
+  const ThresholdShuffles& t = kThresholdShuffles;
+  __m128i pick[3][3];
+  for (int ch = 0; ch < 3; ++ch)
+    for (int v = 0; v < 3; ++v) pick[ch][v] = _mm_load_si128(reinterpret_cast<const __m128i*>(t.pick[ch][v]));
+  alignas(16) uint8_t above[16];  // matrix value + 1 per lane: level >= it means 1
+  for (int j = 0; j < 16; ++j) above[j] = uint8_t(mrow[7 - j % 8] + 1);
+  const __m128i m1 = _mm_load_si128(reinterpret_cast<const __m128i*>(above));
+  const __m128i zero = _mm_setzero_si128(), five = _mm_set1_epi16(5), four = _mm_set1_epi16(4);
+  const uint8_t* p = &in[0].r;
+  int32_t x = 0;
+  for (; x + 16 <= n; x += 16, p += 48) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32));
+    __m128i ch[3];
+    for (int k = 0; k < 3; ++k)
+      ch[k] = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(a, pick[k][0]), _mm_shuffle_epi8(b, pick[k][1])),
+                           _mm_shuffle_epi8(c, pick[k][2]));
+    auto level = [&](__m128i r, __m128i g, __m128i bl) {
+      const __m128i sum = _mm_add_epi16(_mm_add_epi16(_mm_slli_epi16(r, 1), _mm_mullo_epi16(g, five)),
+                                        _mm_add_epi16(bl, four));
+      return _mm_srli_epi16(sum, 3);
+    };
+    const __m128i lo = level(_mm_unpacklo_epi8(ch[0], zero), _mm_unpacklo_epi8(ch[1], zero),
+                             _mm_unpacklo_epi8(ch[2], zero));
+    const __m128i hi = level(_mm_unpackhi_epi8(ch[0], zero), _mm_unpackhi_epi8(ch[1], zero),
+                             _mm_unpackhi_epi8(ch[2], zero));
+    const __m128i gray = _mm_packus_epi16(lo, hi);
+    const uint32_t mask = uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(gray, m1), gray)));
+    out[x >> 3] = uint8_t(mask);
+    out[(x >> 3) + 1] = uint8_t(mask >> 8);
+  }
+  return x;
+}
+#endif
+
 template <class M>
 void row_ordered(DitherContext& c, uint8_t* out, int32_t width) {
   const uint8_t* mrow = c.Matrix + (c.RowCounter & 7u) * 8u;
@@ -286,6 +361,26 @@ void row_ordered(DitherContext& c, uint8_t* out, int32_t width) {
   if (width < 1) return;
   SrcRow src(c);
   const M match(c);
+  if constexpr (std::is_same_v<M, MatchCompare2>) {
+    if (c.OutputBits == 1) {
+      const int32_t whole = width & ~7;
+      int32_t done = 0;
+#if VK_DITHER_AVX2
+      if (plat::simd_level() == plat::Simd::avx2) done = threshold_gray_bytes_avx2(c.RowRgb, whole, mrow, out);
+#endif
+      threshold_gray_bytes(c.RowRgb + done, whole - done, mrow, out + (done >> 3));
+      out += whole >> 3;
+      src.p += whole;
+      Packer pk(out, 1);
+      for (int32_t x = whole; x < width; ++x) {
+        int r, g, b;
+        src.next(r, g, b);
+        pk.put(match.cmp(r, g, b, mrow[x & 7]));
+      }
+      pk.finish();
+      return;
+    }
+  }
   Packer pk(out, c.OutputBits);
   if constexpr (M::compare) {
     for (int32_t x = 0; x < width; ++x) {
