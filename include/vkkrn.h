@@ -726,6 +726,20 @@ VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, 
  * See also: V_CopyBitmapListItems. */
 VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
 
+/* ---- core/: gray parameters of a record ---------------------------------- */
+
+/* Resets LowBit, HighBit, MinValue and MaxValue to the whole sample; the
+ * gray lookup table and BITMAP_GRAY_FLAG stay.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null).
+ * See also: V_GetGrayParams. */
+VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
+/* Copies the bit range, value range, BITMAP_GRAY_FLAG and the lookup table
+ * (a new V_Os block that destination owns); destination's table before is
+ * not freed.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL (no memory;
+ * destination unchanged). */
+VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
+
 /* ===================================================================== */
 /* 3. host/ - dispatch tables of the display and file modules            */
 /* ===================================================================== */
@@ -883,7 +897,7 @@ VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, 
                                       int32_t bitsPerPixel, int32_t order, const RGBQUAD* palette,
                                       int32_t viewPerspective, void* data, uint32_t dataSize);
 
-/* ---- color/: gray parameters ---------------------------------------------------- */
+/* ---- color/: gray bit range ---------------------------------------------------- */
 
 /* The significant bits of a gray sample of bits bits: lowBit .. highBit
  * (lowBit below 0 means 0, highBit below 0 means bits - 1), keeping at
@@ -892,16 +906,6 @@ VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, 
  * down.  Returns: RESULT_OK, RESULT_BAD_PARAMETER (no bits). */
 VK_API int32_t VK_CALL V_GetGrayParams(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit,
                                        int32_t* count, uint32_t* mask, int32_t* shift);
-/* Resets LowBit, HighBit, MinValue and MaxValue to the whole sample; the
- * gray lookup table and BITMAP_GRAY_FLAG stay.
- * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
-VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
-/* Copies the bit range, value range, BITMAP_GRAY_FLAG and the lookup table
- * (a new V_Os block that destination owns); destination's table before is
- * not freed.
- * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL (no memory;
- * destination unchanged). */
-VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
 
 /* ---- color/: row conversion ------------------------------------------------------- */
 
