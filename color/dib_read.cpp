@@ -104,7 +104,7 @@ inline uint8_t clip(int32_t v) { return uint8_t(v < 0 ? 0 : v > 255 ? 255 : v); 
 
 // ---- bit-field rows: one kernel per depth and rule -----------------------------------
 
-inline uint32_t take(uint32_t px, const Field& f) {
+inline uint32_t field_value(uint32_t px, const Field& f) {
   const uint32_t v = (px >> f.shift) & f.mask;
   return f.mask == f.full || f.mask == 0 ? v : v * f.full / f.mask;
 }
@@ -118,13 +118,13 @@ void rewrite_fast565(const Field*, uint8_t* row, uint32_t n) {
 void rewrite_general16(const Field* f, uint8_t* row, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i) {
     const uint32_t v = le16(row + 2 * i);
-    put_le16(row + 2 * i, take(v, f[0]) << 10 | take(v, f[1]) << 5 | take(v, f[2]));
+    put_le16(row + 2 * i, field_value(v, f[0]) << 10 | field_value(v, f[1]) << 5 | field_value(v, f[2]));
   }
 }
 void rewrite_general32(const Field* f, uint8_t* row, uint32_t n) {
   for (uint32_t i = 0; i < n; ++i) {
     const uint32_t v = le32(row + 4 * i);
-    Rgb8Bytes<true, 4>::put(row, i, Rgb8{uint8_t(take(v, f[0])), uint8_t(take(v, f[1])), uint8_t(take(v, f[2]))});
+    Rgb8Bytes<true, 4>::put(row, i, Rgb8{uint8_t(field_value(v, f[0])), uint8_t(field_value(v, f[1])), uint8_t(field_value(v, f[2]))});
   }
 }
 

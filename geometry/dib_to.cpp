@@ -59,7 +59,7 @@ void write_header(uint8_t* p, uint32_t size, const BitmapHandle& b, int32_t bits
 
 // The pixels of `src` at a DIB depth and in view perspective 0 or 2: the
 // source itself, or a temporary bitmap held by `temp`.
-int32_t prepare(BitmapHandle* src, const Target& t, op::Scratch& temp, BitmapHandle** from) {
+int32_t turn_and_resolve(BitmapHandle* src, const Target& t, op::Scratch& temp, BitmapHandle** from) {
   *from = src;
   if (t.resolve) {
     VK_TRY(V_ColorResBitmap(src, temp.get(), t.bits, RESOLVE_BGR, nullptr, nullptr, 0, nullptr, 0));
@@ -88,7 +88,7 @@ VK_HGLOBAL to_dib(BitmapHandle* src, int32_t type) {
   op::CacheGuard restore_cache(src);
   op::Scratch temp;
   BitmapHandle* from = nullptr;
-  if (prepare(src, t, temp, &from) != RESULT_OK) return nullptr;
+  if (turn_and_resolve(src, t, temp, &from) != RESULT_OK) return nullptr;
 
   RGBQUAD palette[kMaxPaletteEntries];
   uint32_t entries = 0;
