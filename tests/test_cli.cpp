@@ -621,7 +621,7 @@ TEST_F(CliProgram, AlphaChannelInAndOut) {
       EXPECT_EQ(want, b.row(y)[4 * x + 3]) << x << "," << y;
       EXPECT_EQ(want, out.palette[out.index_at(x, y)].r) << x << "," << y;
     }
-  r = run({path("a.png"), "--alpha-in", path("missing.png")});
+  r = run({path("a.png"), "--alpha-in", path("missing.png"), path("c.png")});
   EXPECT_NE(0, r.status);
   EXPECT_NE(std::string::npos, r.err.find("missing.png")) << r.err;
 }
