@@ -62,9 +62,8 @@ struct Info {
 };
 
 // Reads the header and what follows it from `available` bytes at `p`
-// (SIZE_MAX when the caller vouches for the memory the header describes).
-// `pixels_available` counts the bytes at the pixel data; SIZE_MAX derives it
-// from `available`.  Result codes: RESULT_BAD_PARAMETER for zero or negative
+// (SIZE_MAX when the caller vouches for the memory the header describes);
+// the pixels must lie in those bytes too.  Result codes: RESULT_BAD_PARAMETER for zero or negative
 // dimensions, RESULT_BAD_FORMAT for a header, palette, mask or pixel count
 // that the bytes cannot hold or the library cannot read.
 int32_t read_info(const uint8_t* p, size_t available, Info* out);
@@ -72,9 +71,6 @@ int32_t read_info(const uint8_t* p, size_t available, Info* out);
 // The checks a DIB must pass to be stored as it is (compression none or bit
 // fields, one plane, a bitmap depth); video layouts never pass.
 int32_t check_storable(const Info& info);
-
-// The bytes the pixel data needs at `info`, and whether `available` holds them.
-bool pixels_fit(const Info& info, uint64_t available);
 
 // Pixels per metre to dots per inch (rounded) and back; 0 pixels per metre
 // takes the screen's resolution on that axis.

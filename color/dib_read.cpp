@@ -189,8 +189,8 @@ int32_t read_info(const uint8_t* p, size_t available, Info* out) {
   }
   // An absurd width or height: rows the 32-bit bitmap size cannot hold.
   if (d.pixel_bytes > UINT32_MAX) return RESULT_BAD_FORMAT;
-  if (available != SIZE_MAX && !pixels_fit(d, available - (d.pixel_offset < available ? d.pixel_offset : available)))
-    return RESULT_BAD_FORMAT;
+  // The offset lies inside the bytes by now; the pixels must follow it there.
+  if (available != SIZE_MAX && d.pixel_bytes > available - d.pixel_offset) return RESULT_BAD_FORMAT;
   return RESULT_OK;
 }
 
@@ -203,8 +203,6 @@ int32_t check_storable(const Info& d) {
     default: return RESULT_BAD_FORMAT;
   }
 }
-
-bool pixels_fit(const Info& d, uint64_t available) { return d.pixel_bytes <= available; }
 
 int32_t dpi_of(int32_t ppm, bool horizontal) {
   int64_t m = ppm;
