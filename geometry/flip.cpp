@@ -20,12 +20,6 @@
 namespace vk {
 namespace {
 
-bool flat_memory(const BitmapHandle* b) {
-  return (b->Flags & BITMAP_IN_MEMORY) && b->Data &&
-         !(b->Flags & (BITMAP_COMPRESSED | BITMAP_TILED | BITMAP_SUPER_COMPRESSED)) &&
-         uint64_t{b->BytesPerLine} * static_cast<uint32_t>(b->Height) <= b->Size;
-}
-
 void swap_rows(uint8_t* a, uint8_t* b, size_t n) {
   uint8_t t[1024];
   for (size_t at = 0; at < n; at += sizeof t) {
@@ -67,11 +61,7 @@ int32_t in_place(BitmapHandle* b, bool flip, MirrorFn mirror, Progress& progress
 
 int32_t into_new_record(BitmapHandle* b, bool flip, MirrorFn mirror, Progress& progress) {
   op::Scratch out;
-  VK_TRY(V_DupBitmapNewDim(out.get(), b, b->Width, b->Height, b->BitsPerPixel, DUP_ALLOCATE));
-  out.shares(true, true);
-  out->DitheringMethod = b->DitheringMethod;
-  out->LowBit = b->LowBit;
-  out->HighBit = b->HighBit;
+  VK_TRY(dup_shared(out, b, b->Width, b->Height));
   op::CacheGuard cache(b);
   BitmapHandle* dst = out.get();
   const int32_t h = b->Height;
