@@ -49,9 +49,19 @@ VK_FILE file_open(const char* name, unsigned access, unsigned share, unsigned di
   if (share & SHARE_WRITE) shared |= FILE_SHARE_WRITE;
   // A file that is deleted on close may be deleted by another opener too.
   if (attributes & ATTR_DELETE_ON_CLOSE) shared |= FILE_SHARE_DELETE;
+  // A read-only file is never written, replaced or truncated, even by a
+  // process the file system would let through (wine run by root).
+  const DWORD existing = GetFileAttributesA(name);
+  if (existing != INVALID_FILE_ATTRIBUTES && (existing & FILE_ATTRIBUTE_READONLY) &&
+      (desired & GENERIC_WRITE || disposition != OPEN_EXISTING))
+    return -1;
   const DWORD flags = attributes & (ATTR_READONLY | ATTR_HIDDEN | ATTR_SYSTEM | ATTR_NORMAL | ATTR_DELETE_ON_CLOSE);
   HANDLE h = CreateFileA(name, desired, shared, nullptr, disposition, flags ? flags : FILE_ATTRIBUTE_NORMAL, nullptr);
   if (h == INVALID_HANDLE_VALUE) return -1;
+  // A replaced file takes the attributes asked for, as a new one does.
+  if (disposition == CREATE_ALWAYS && existing != INVALID_FILE_ATTRIBUTES &&
+      (attributes & (ATTR_READONLY | ATTR_HIDDEN | ATTR_SYSTEM)))
+    SetFileAttributesA(name, attributes & (ATTR_READONLY | ATTR_HIDDEN | ATTR_SYSTEM));
   fault::count_live(Kind::file, +1);
   return file_of(h);
 }
