@@ -13,7 +13,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# The runtime (libgcc, libstdc++, winpthread) is linked in: the library and
-# its test programs need no DLL beyond the system's own.
+# The runtime (libgcc, libstdc++, winpthread) is linked into the programs
+# (the DLL asks for it itself): none needs a DLL beyond the system's own.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")

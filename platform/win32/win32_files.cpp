@@ -75,10 +75,9 @@ int32_t file_read(VK_FILE f, void* buffer, uint32_t count) {
 
 int32_t file_write(VK_FILE f, const void* buffer, uint32_t count) {
   if (!valid(f) || (!buffer && count)) return -1;
-  const int32_t r = transfer(count, [&](uint32_t done, DWORD want, DWORD* n) {
+  return transfer(count, [&](uint32_t done, DWORD want, DWORD* n) {
     return WriteFile(handle_of(f), static_cast<const uint8_t*>(buffer) + done, want, n, nullptr) != 0 && *n != 0;
   });
-  return r;
 }
 
 int64_t file_seek(VK_FILE f, int64_t offset, int origin) {
