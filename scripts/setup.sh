@@ -2,7 +2,7 @@
 # Installs what the build and the tests need on a fresh Debian machine of this
 # kind (qemu-user runs the 32-bit tests where the kernel cannot execute
 # 32-bit binaries itself; mingw-w64 cross-builds the Windows library, whose
-# 64-bit tests run under wine64 with no display).  Installs only what is
+# 64-bit tests run under wine64 with no display; groff checks the manual page).  Installs only what is
 # missing, so it is cheap to run every time.
 set -euo pipefail
 
@@ -23,7 +23,7 @@ install() {
 }
 
 install -- cmake g++ g++-multilib libgtest-dev googletest libbenchmark-dev libpng-dev libjpeg-dev \
-  libtiff-dev libjpeg-turbo-progs pkg-config qemu-user clang libclang-rt-14-dev
+  libtiff-dev libjpeg-turbo-progs pkg-config groff-base qemu-user clang libclang-rt-14-dev
 # The Windows builds: the cross compilers (posix thread model) and a headless
 # wine64; its recommended desktop packages are not needed.
 install --no-install-recommends -- g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix \
