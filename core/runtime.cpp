@@ -87,7 +87,7 @@ ThreadSettings* create_thread_record() {
   return s;
 }
 
-__attribute__((constructor)) void process_attach() {
+void process_attach() {
   if (g_attach_count == 0) {
     dispatch::reset_on_attach();
   }
@@ -96,7 +96,7 @@ __attribute__((constructor)) void process_attach() {
   ++g_attach_count;
 }
 
-__attribute__((destructor)) void process_detach() {
+void process_detach() {
   --g_attach_count;
   if (g_slot != plat::kNoSlot) {
     if (auto* s = static_cast<ThreadSettings*>(plat::tls_get(g_slot))) {
@@ -110,7 +110,16 @@ __attribute__((destructor)) void process_detach() {
   plat::cs_delete(g_cs);
 }
 
+#if !defined(_WIN32)
+// Windows has the library's entry points in the platform layer instead.
+__attribute__((constructor)) void on_load() { process_attach(); }
+__attribute__((destructor)) void on_unload() { process_detach(); }
+#endif
+
 }  // namespace
+
+void plat::on_process_attach() { process_attach(); }
+void plat::on_process_detach() { process_detach(); }
 
 ThreadSettings& settings() {
   if (g_slot != plat::kNoSlot) {

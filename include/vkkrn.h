@@ -42,13 +42,17 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/* 32-bit Windows: the system's standard calling convention (callee pops the
+ * arguments; VKKRN13N.dll exports the undecorated names).  64-bit Windows has
+ * one calling convention.  On Windows the module definition generated from
+ * this header at build time lists the exports, so VK_API marks nothing. */
 #if defined(_WIN32)
-#  define VK_CALL __stdcall
-#  if defined(VKKRN_BUILD)
-#    define VK_API __declspec(dllexport)
+#  if defined(_WIN64)
+#    define VK_CALL
 #  else
-#    define VK_API
+#    define VK_CALL __stdcall
 #  endif
+#  define VK_API
 #else
 #  define VK_CALL
 #  if defined(VKKRN_BUILD)

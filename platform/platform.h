@@ -16,6 +16,17 @@
 
 #include "vkkrn.h"
 
+#if defined(_WIN32)
+// windows.h (through vkkrn.h) defines these as macros; the layer's own
+// constants below have the same values and take their place.
+#  undef GMEM_ZEROINIT
+#  undef GMEM_MOVEABLE
+#  undef GMEM_SHARE
+#  undef CREATE_ALWAYS
+#  undef OPEN_EXISTING
+#  undef TRUNCATE_EXISTING
+#endif
+
 namespace vk::plat {
 
 // ---- paging-file and file-backed sections ---------------------------------
@@ -42,9 +53,16 @@ size_t global_size(VK_HGLOBAL h);
 unsigned global_lock_count(VK_HGLOBAL h);
 VK_HGLOBAL global_handle(const void* locked);                  // null if not a block address
 
+// ---- process life cycle ------------------------------------------------------
+// Defined by the runtime above this layer and called by the system's entry
+// point for the library (DllMain on Windows, a constructor and destructor
+// elsewhere), so the layer needs nothing from above but these two names.
+void on_process_attach();
+void on_process_detach();
+
 // ---- thread-local slot and critical section --------------------------------
 // The slot's destructor runs when a thread that stored a non-null value exits
-// (plays the part of thread detach).
+// (plays the part of thread detach; on Windows the entry point brings it).
 constexpr uint32_t kNoSlot = 0xFFFFFFFFu;
 uint32_t tls_alloc(void (*on_thread_exit)(void*));
 void* tls_get(uint32_t slot);

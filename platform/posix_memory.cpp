@@ -13,9 +13,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "fault.h"
+#include "backend.h"
 #include "platform.h"
 #include "posix_internal.h"
 
@@ -187,10 +187,6 @@ VK_HGLOBAL global_handle(const void* locked) {
 
 // ---- memory status ---------------------------------------------------------------
 namespace {
-std::mutex g_status_mutex;
-bool g_status_overridden = false;
-MemoryStatus g_status_override{};
-
 uint64_t meminfo_kib(const char* key) {
   FILE* f = std::fopen("/proc/meminfo", "r");
   if (!f) return 0;
@@ -208,11 +204,7 @@ uint64_t meminfo_kib(const char* key) {
 }
 }  // namespace
 
-MemoryStatus memory_status() {
-  {
-    std::lock_guard<std::mutex> lock(g_status_mutex);
-    if (g_status_overridden) return g_status_override;
-  }
+MemoryStatus backend::memory_status() {
   MemoryStatus m{};
   struct sysinfo si {};
   if (::sysinfo(&si) == 0) {
@@ -224,12 +216,6 @@ MemoryStatus memory_status() {
   }
   if (const uint64_t avail = meminfo_kib("MemAvailable")) m.avail_phys = avail * 1024;
   return m;
-}
-
-void override_memory_status(const MemoryStatus* status) {
-  std::lock_guard<std::mutex> lock(g_status_mutex);
-  g_status_overridden = status != nullptr;
-  if (status) g_status_override = *status;
 }
 
 }  // namespace vk::plat

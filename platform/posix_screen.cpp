@@ -2,23 +2,11 @@
 // POSIX system has no display device to ask, so it describes a common one:
 // a true-colour (not palette-based) 1920 x 1080 screen of 508 x 286 mm,
 // which is 96 dots per inch.  Tests install their own description.
-#include <atomic>
-#include <mutex>
-
-#include "platform.h"
+#include "backend.h"
 
 namespace vk::plat {
-namespace {
-std::mutex g_screen_mutex;
-bool g_overridden = false;
-ScreenInfo g_override{};
-}  // namespace
 
-ScreenInfo screen_info() {
-  {
-    std::lock_guard<std::mutex> lock(g_screen_mutex);
-    if (g_overridden) return g_override;
-  }
+ScreenInfo backend::screen_info() {
   ScreenInfo s{};
   s.palette_device = false;
   s.palette_size = 0;
@@ -28,12 +16,6 @@ ScreenInfo screen_info() {
   s.horz_size = 508;
   s.vert_size = 286;
   return s;
-}
-
-void override_screen_info(const ScreenInfo* info) {
-  std::lock_guard<std::mutex> lock(g_screen_mutex);
-  g_overridden = info != nullptr;
-  if (info) g_override = *info;
 }
 
 }  // namespace vk::plat

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -18,7 +17,9 @@
 #include "core.h"
 #include "fault_sweep.h"
 #include "platform.h"
+#if !defined(_WIN32)
 #include "posix_internal.h"
+#endif
 
 namespace vkt {
 
@@ -67,15 +68,39 @@ inline size_t files_in(const std::string& dir) {
   return n;
 }
 
+// On POSIX temp files lose their names as soon as they are open; Windows
+// deletes them when they are closed (or the process ends).
+#if defined(_WIN32)
+constexpr size_t kNamedTempFiles = 1;
+#else
+constexpr size_t kNamedTempFiles = 0;
+#endif
+
 // Temp files lose their names as soon as they are open, so what a bitmap
 // holds is seen through its handles: the open-file count and the size of
 // its disk file.
 inline long open_files() { return vk::fault::live(vk::fault::Kind::file); }
 
 inline uintmax_t disk_file_size(const BitmapHandle& b) {
+#if defined(_WIN32)
+  LARGE_INTEGER size;
+  return GetFileSizeEx(b.StorageHandle, &size) ? static_cast<uintmax_t>(size.QuadPart) : 0;
+#else
   struct stat st;
   const int fd = vk::plat::posix::fd_from_file(reinterpret_cast<VK_FILE>(b.StorageHandle));
   return fd >= 0 && fstat(fd, &st) == 0 ? static_cast<uintmax_t>(st.st_size) : 0;
+#endif
+}
+
+// A new empty directory in the system's temp directory.
+inline std::string make_temp_dir() {
+  const fs::path base = fs::temp_directory_path();
+  for (unsigned n = 0;; ++n) {
+    const fs::path dir = base / ("vkstore" + std::to_string(rand()) + "_" + std::to_string(n));
+    std::error_code ec;
+    if (fs::create_directory(dir, ec)) return dir.string();
+    if (ec || n > 1000) return {};
+  }
 }
 
 inline int32_t memory_type(BitmapHandle* b) {
@@ -113,9 +138,8 @@ inline BitmapHandle global_bitmap(int32_t width, int32_t height, int32_t bits, u
 class StorageTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char templ[] = "/tmp/vkstoreXXXXXX";
-    ASSERT_NE(mkdtemp(templ), nullptr);
-    dir_ = templ;
+    dir_ = make_temp_dir();
+    ASSERT_FALSE(dir_.empty());
     ASSERT_EQ(V_GetTempDirectory(saved_dir_, VK_MAX_PATH), RESULT_OK);
     ASSERT_EQ(V_SetTempDirectory(dir_.c_str()), RESULT_OK);
     V_GetMemoryThresholds(&saved_[0], &saved_[1], &saved_[2], &saved_[3], &saved_[4]);

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <functional>
+#include <numbers>
 
 #include "compressed.h"
 #include "geometry.h"
@@ -46,7 +47,7 @@ Pixels quarter(const Pixels& p, int32_t direction) {
 
 TEST(Sine, EveryEntryIsTheRoundedSineAndTheQuadrantsFollowBySymmetry) {
   for (int32_t a = 0; a <= 36000; ++a) {
-    const double s = std::sin(a * M_PI / 18000.0), c = std::cos(a * M_PI / 18000.0);
+    const double s = std::sin(a * std::numbers::pi / 18000.0), c = std::cos(a * std::numbers::pi / 18000.0);
     const int32_t es = int32_t(std::lround(std::fabs(s) * 16384.0)) * (s < 0 ? -1 : 1);
     const int32_t ec = int32_t(std::lround(std::fabs(c) * 16384.0)) * (c < 0 ? -1 : 1);
     ASSERT_EQ(V_SinValue(a), es) << a;

@@ -314,10 +314,18 @@ TEST(Platform, ExportedPaletteAndGlobalMemory) {
 TEST(Platform, ScreenDescriptionAndOverride) {
   vk::plat::ScreenInfo s = vk::plat::screen_info();
   EXPECT_FALSE(s.palette_device);
+#if defined(_WIN32)
+  // The system's screen (wine's has no palette either).
+  EXPECT_GT(s.horz_res, 0);
+  EXPECT_GT(s.vert_res, 0);
+  EXPECT_GT(s.horz_size, 0);
+  EXPECT_GT(s.vert_size, 0);
+#else
   EXPECT_EQ(s.horz_res, 1920);
   EXPECT_EQ(s.vert_res, 1080);
   EXPECT_EQ(s.horz_size, 508);
   EXPECT_EQ(s.vert_size, 286);
+#endif
   vk::plat::ScreenInfo mine{};
   mine.palette_device = true;
   mine.palette_size = 256;

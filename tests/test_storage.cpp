@@ -1,8 +1,10 @@
 // Storage: the choice of memory type, every storage kind holding the same
 // pixels, locking, height changes, storage-parameter changes, thresholds,
 // temp directory, and the fault sweeps that check nothing leaks.
+#if !defined(_WIN32)
 #include <signal.h>
 #include <sys/wait.h>
+#endif
 
 #include "storage_helpers.h"
 #include "storage.h"
@@ -163,8 +165,10 @@ TEST_F(Storage, RecordsWhoseNumbersDisagreeGetNoStorage) {
   V_FreeBitmap(&b);
 }
 
+#if !defined(_WIN32)
 // Temp files have no name while they are open, so a process killed while
 // it holds disk and tile storage leaves nothing in the temp directory.
+// (Windows deletes them when the killed process's handles close.)
 TEST_F(Storage, AKilledProcessLeavesNoTempFiles) {
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -189,6 +193,7 @@ TEST_F(Storage, AKilledProcessLeavesNoTempFiles) {
   EXPECT_TRUE(WIFSIGNALED(status));
   EXPECT_EQ(files_in(dir_), 0u);
 }
+#endif
 
 TEST_F(Storage, FlatMemoryIsAlignedWithIdentityPaintTable) {
   for (int32_t width : {1, 7, 33, 100}) {
@@ -228,7 +233,7 @@ TEST_F(Storage, DiskStorageIsOneTempFileOfSizePlusOne) {
   EXPECT_EQ(memory_type(&b), TYPE_DISK);
   EXPECT_EQ(disk_file_size(b), b.Size + 1u);
   EXPECT_EQ(temp_files(), 1u);
-  EXPECT_EQ(files_in(dir_), 0u);  // nameless from the start: nothing survives a crash
+  EXPECT_EQ(files_in(dir_), kNamedTempFiles);  // POSIX: nameless from the start, nothing survives a crash
   V_FreeBitmap(&b);
   EXPECT_EQ(files_in(dir_), 0u);
 }
