@@ -7,7 +7,7 @@
 #include "fault_sweep.h"
 #include "orient_helpers.h"
 
-VKT_SWEEPS(V_SizeBitmap, V_ResizeBitmapExt, V_ResizeBitmap, V_StartResize, V_StartResizeBitmap);
+VKT_SWEEPS(V_SizeBitmap, V_ResizeBitmapExt, V_ResizeBitmap, V_StartResize, V_StartResizeBitmap, V_GetResizedRowCol);
 
 namespace {
 
@@ -535,6 +535,21 @@ TEST_F(Resize, TheSegmentReaderChecksItsArguments) {
         return res;
       }, [](const SweepRun& run) { if (run.fired) EXPECT_EQ(run.result, RESULT_FAIL); });
   V_FreeBitmap(&src);
+  // Dithered rows read out of order start the dithering again.
+  BitmapHandle pal = make(Store::memory, 23, 17, 4);
+  void* s = nullptr;
+  uint8_t seg[16];
+  fault_sweep(
+      [&] {
+        ASSERT_EQ(V_StartResizeBitmap(&pal, 9, 7, 0, nullptr, 0, RESIZE_READ_AVERAGE, nullptr, 0, &s), RESULT_OK);
+        ASSERT_EQ(V_GetResizedRowCol(s, seg, 5, 0, 9), 5);
+      },
+      [&] { return V_GetResizedRowCol(s, seg, 2, 0, 9); },
+      [&](const SweepRun& run) {
+        EXPECT_EQ(run.result, run.fired ? RESULT_FAIL : 5);
+        EXPECT_EQ(V_StopResizeBitmap(s), RESULT_OK);
+      });
+  V_FreeBitmap(&pal);
 }
 
 }  // namespace
