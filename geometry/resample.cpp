@@ -66,48 +66,62 @@ void plan_boxes(Box* out, int32_t L, int32_t l) {
   }
 }
 
-// Spline positions: left sample i and fraction t of each destination sample.
+// Spline positions: left sample i and fraction t of each destination
+// sample, with the weights that depend on t alone: s = 1 - t,
+// a = (t^2 - 1) t / 6 and b = (s^2 - 1) s / 6.
+constexpr float kSixth = 0.16666667f;
 struct Knot {
   int32_t i;
-  float t;
+  float t, s, a, b;
 };
+Knot knot(int32_t i, float t) {
+  const float s = 1.0f - t;
+  return Knot{i, t, s, (t * t - 1.0f) * t * kSixth, (s * s - 1.0f) * s * kSixth};
+}
 void plan_knots(Knot* out, int32_t L, int32_t l) {
   const float ratio = float(L) / float(l);
   int32_t i = 0, k = 0;
   float t = 0.0f;
-  out[k++] = Knot{0, 0.0f};
-  for (int32_t rep = int32_t(0.5f / ratio); rep > 0 && k < l; --rep) out[k++] = Knot{0, 0.0f};
+  out[k++] = knot(0, 0.0f);
+  for (int32_t rep = int32_t(0.5f / ratio); rep > 0 && k < l; --rep) out[k++] = knot(0, 0.0f);
   while (k < l) {
     t += ratio;
     if (t >= 1.0f) {
       t -= 1.0f;
       if (i < L - 1) ++i;
     }
-    out[k++] = Knot{i, t};
+    out[k++] = knot(i, t);
   }
 }
 
-constexpr float kSixth = 0.16666667f;
-
-// The value between y0 and y1 at t, exactly in this order, clamped.
-inline int32_t spline_value(float y0, float y1, float m0, float m1, float t, int32_t max) {
-  const float s = 1.0f - t;
-  const float a = (t * t - 1.0f) * t * kSixth;
-  const float b = (s * s - 1.0f) * s * kSixth;
-  float v = y1 * t;
-  v = v + y0 * s;
-  v = v + a * m1;
-  v = v + b * m0;
+// The value between y0 and y1, exactly in this order, clamped (a value
+// clamped to 0 .. max and then truncated is the truncated value clamped).
+inline float spline_at(float y0, float y1, float m0, float m1, const Knot& k, float max) {
+  float v = y1 * k.t;
+  v = v + y0 * k.s;
+  v = v + k.a * m1;
+  v = v + k.b * m0;
   v = v + 0.5f;
-  if (!(v > 0.0f)) return 0;
-  if (v >= float(max)) return max;
-  return int32_t(v);
+  return std::min(std::max(v, 0.0f), max);
 }
 
+// The sweep coefficients of an unbroken chain: c[0] = 0, c[k] =
+// -1 / (c[k - 1] + 4); they settle on one float within a few steps, so a
+// chain longer than the table uses its last entry.
+constexpr int kChain = 48;
+struct Chain {
+  float c[kChain];
+  Chain() {
+    c[0] = 0.0f;
+    for (int k = 1; k < kChain; ++k) c[k] = -1.0f / (c[k - 1] + 4.0f);
+  }
+};
+
 // Second derivatives of n samples y[0], y[stride], ... into m (same
-// stride); c is scratch of n floats.  Natural ends (0), unit spacing.
+// stride).  Natural ends (0), unit spacing; a zero second difference sets
+// the coefficient and right side to 0, cutting the chain there.
 template <class S>
-void second_derivatives(const S* y, size_t stride, int32_t n, float* m, float* c) {
+void second_derivatives(const S* y, size_t stride, int32_t n, float* m, float* c, const Chain& chain) {
   m[0] = 0.0f;
   if (n < 3) {
     for (int32_t i = 1; i < n; ++i) m[size_t(i) * stride] = 0.0f;
@@ -115,20 +129,42 @@ void second_derivatives(const S* y, size_t stride, int32_t n, float* m, float* c
   }
   c[0] = 0.0f;
   float r_prev = 0.0f;
+  int len = 0;
   for (int32_t i = 1; i < n - 1; ++i) {
     const int32_t d = 6 * (int32_t(y[size_t(i + 1) * stride]) - 2 * int32_t(y[size_t(i) * stride]) +
                            int32_t(y[size_t(i - 1) * stride]));
     if (d == 0) {
       c[i] = 0.0f;
       r_prev = 0.0f;
+      len = 0;
     } else {
-      c[i] = -1.0f / (c[i - 1] + 4.0f);
+      len += len < kChain - 1;
+      c[i] = chain.c[len];
       r_prev = (r_prev - float(d)) * c[i];
     }
     m[size_t(i) * stride] = r_prev;  // the right side until the back substitution
   }
   m[size_t(n - 1) * stride] = 0.0f;
   for (int32_t i = n - 2; i >= 1; --i) m[size_t(i) * stride] = c[i] * m[size_t(i + 1) * stride] + m[size_t(i) * stride];
+}
+
+// The same for the four rows i - 1 .. i + 2 of a window, every column at
+// once: the second derivatives at rows i and i + 1.
+template <class S>
+void window_derivatives(const S* r0, const S* r1, const S* r2, const S* r3, size_t n, float* m1, float* m2,
+                        const Chain& chain) {
+  const float c1 = chain.c[1], c2_after = chain.c[2];
+  for (size_t x = 0; x < n; ++x) {
+    const int32_t d1 = 6 * (int32_t(r2[x]) - 2 * int32_t(r1[x]) + int32_t(r0[x]));
+    const int32_t d2 = 6 * (int32_t(r3[x]) - 2 * int32_t(r2[x]) + int32_t(r1[x]));
+    const float cc1 = d1 ? c1 : 0.0f;
+    const float rr1 = d1 ? (0.0f - float(d1)) * c1 : 0.0f;
+    const float cc2 = d2 ? (d1 ? c2_after : c1) : 0.0f;
+    const float rr2 = d2 ? (rr1 - float(d2)) * cc2 : 0.0f;
+    const float mm2 = cc2 * 0.0f + rr2;
+    m2[x] = mm2;
+    m1[x] = cc1 * mm2 + rr1;
+  }
 }
 
 // ---- kernels --------------------------------------------------------------------------------
@@ -167,17 +203,26 @@ void h_average_whole(const S* src, S* dst, int32_t q, int32_t l) {
 }
 
 template <class S, int C>
-void h_spline(const S* src, S* dst, const Knot* knots, int32_t n, int32_t l, float* m, float* c) {
-  for (int ch = 0; ch < C; ++ch) second_derivatives(src + ch, C, n, m + ch, c);
+void h_spline(const S* src, S* dst, const Knot* knots, int32_t n, int32_t l, float* m, float* c, const Chain& chain) {
+  for (int ch = 0; ch < C; ++ch) second_derivatives(src + ch, C, n, m + ch, c, chain);
   for (int32_t k = 0; k < l; ++k, dst += C) {
-    const int32_t i = knots[k].i, j = i + 1 < n ? i + 1 : i;
+    const Knot& kn = knots[k];
+    const int32_t i = kn.i;
     const bool last = i + 1 >= n;
+    const S* p0 = src + size_t(i) * C;
+    const S* p1 = last ? p0 : p0 + C;
+    const float* mi = m + size_t(i) * C;
     for (int ch = 0; ch < C; ++ch) {
-      const float m0 = last ? 0.0f : m[size_t(i) * C + ch], m1 = last ? 0.0f : m[size_t(j) * C + ch];
-      dst[ch] = S(spline_value(float(src[size_t(i) * C + ch]), float(src[size_t(j) * C + ch]), m0, m1, knots[k].t,
-                               kMax<S>));
+      const float m0 = last ? 0.0f : mi[ch], m1 = last ? 0.0f : mi[C + ch];
+      dst[ch] = S(spline_at(float(p0[ch]), float(p1[ch]), m0, m1, kn, float(kMax<S>)));
     }
   }
+}
+
+// Down the columns between rows y0 and y1 (second derivatives m0, m1).
+template <class S>
+void v_spline(const S* y0, const S* y1, const float* m0, const float* m1, S* out, size_t n, const Knot& kn) {
+  for (size_t x = 0; x < n; ++x) out[x] = S(spline_at(float(y0[x]), float(y1[x]), m0[x], m1[x], kn, float(kMax<S>)));
 }
 
 template <class S, class Acc>
@@ -278,6 +323,7 @@ class Producer {
   Buffer<Knot> xknot_, yknot_;
   Buffer<float> xm_, xc_, ym0_, ym1_;
   int32_t ym_key_ = -1;
+  Chain chain_;
   Buffer<uint8_t> ring_, acc_;
   int32_t ring_key_[4] = {-1, -1, -1, -1};
   size_t hrow_bytes_ = 0;
@@ -422,9 +468,9 @@ int32_t Producer::hrow(int32_t sy, const uint8_t** out) {
     S* d = reinterpret_cast<S*>(dst);
     if (x_spline_) {
       switch (C) {
-        case 1: h_spline<S, 1>(s, d, xknot_.get(), sw_, ow, xm_.get(), xc_.get()); break;
-        case 3: h_spline<S, 3>(s, d, xknot_.get(), sw_, ow, xm_.get(), xc_.get()); break;
-        default: h_spline<S, 4>(s, d, xknot_.get(), sw_, ow, xm_.get(), xc_.get()); break;
+        case 1: h_spline<S, 1>(s, d, xknot_.get(), sw_, ow, xm_.get(), xc_.get(), chain_); break;
+        case 3: h_spline<S, 3>(s, d, xknot_.get(), sw_, ow, xm_.get(), xc_.get(), chain_); break;
+        default: h_spline<S, 4>(s, d, xknot_.get(), sw_, ow, xm_.get(), xc_.get(), chain_); break;
       }
     } else if (sw_ == ow) {
       std::memcpy(d, s, samples_ * sizeof(S));
@@ -455,7 +501,7 @@ int32_t Producer::resample(int32_t y) {
     using S = decltype(sample);
     S* out = reinterpret_cast<S*>(vrow);
     if (y_spline_) {
-      const Knot kn = yknot_[size_t(y)];
+      const Knot& kn = yknot_[size_t(y)];
       const int32_t i = kn.i, lo = std::max(i - 1, 0), hi = std::min(i + 2, sh_ - 1);
       const S* rows[4];
       for (int32_t r = lo; r <= hi; ++r) {
@@ -464,24 +510,31 @@ int32_t Producer::resample(int32_t y) {
         rows[r - lo] = reinterpret_cast<const S*>(p);
       }
       const int32_t n = hi - lo + 1, j = i - lo;
-      const bool last = i + 1 >= sh_;
+      if (i + 1 >= sh_) {
+        // Past the last row it stands for both neighbours.
+        std::fill(ym0_.get(), ym0_.get() + samples_, 0.0f);
+        std::fill(ym1_.get(), ym1_.get() + samples_, 0.0f);
+        v_spline(rows[j], rows[j], ym0_.get(), ym1_.get(), out, samples_, kn);
+        ym_key_ = -1;
+        return RESULT_OK;
+      }
       if (ym_key_ != i) {
         // Second derivatives of the window at rows i and i + 1, per column.
-        float m[4], c[4];
-        for (size_t x = 0; x < samples_; ++x) {
-          S yv[4];
-          for (int32_t r = 0; r < n; ++r) yv[r] = rows[r][x];
-          second_derivatives(yv, 1, n, m, c);
-          ym0_[x] = m[j];
-          ym1_[x] = j + 1 < n ? m[j + 1] : 0.0f;
+        if (n == 4) {
+          window_derivatives(rows[0], rows[1], rows[2], rows[3], samples_, ym0_.get(), ym1_.get(), chain_);
+        } else {
+          float m[4], c[4];
+          for (size_t x = 0; x < samples_; ++x) {
+            S yv[4];
+            for (int32_t r = 0; r < n; ++r) yv[r] = rows[r][x];
+            second_derivatives(yv, 1, n, m, c, chain_);
+            ym0_[x] = m[j];
+            ym1_[x] = m[j + 1];
+          }
         }
         ym_key_ = i;
       }
-      const S* y0 = rows[j];
-      const S* y1 = last ? y0 : rows[j + 1];
-      for (size_t x = 0; x < samples_; ++x)
-        out[x] = S(spline_value(float(y0[x]), float(y1[x]), last ? 0.0f : ym0_[x], last ? 0.0f : ym1_[x], kn.t,
-                                kMax<S>));
+      v_spline(rows[j], rows[j + 1], ym0_.get(), ym1_.get(), out, samples_, kn);
       return RESULT_OK;
     }
     const Box b = ybox_[size_t(y)];
