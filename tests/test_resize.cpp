@@ -3,6 +3,8 @@
 // row-segment reader against the whole-bitmap calls, and what a failure or
 // a cancelled run leaves behind.
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 
 #include "fault_sweep.h"
 #include "orient_helpers.h"
@@ -455,6 +457,33 @@ TEST_F(Resize, FailuresAndCancellationLeaveTheBitmapAsItWas) {
         if (s) V_StopResize(s);
         return r;
       }, [](const SweepRun&) {});
+}
+
+// Every method from every working format, up, down and mixed, as checksums:
+// the spline's single-precision steps must give these bits in every build.
+// VK_GOLDEN_PRINT=1 prints the table the current code gives.
+TEST_F(Resize, GoldenChecksumsOfEveryMethod) {
+  struct Source { int32_t bits; bool gray; };
+  const Source sources[] = {{1, true}, {4, false}, {8, true}, {8, false}, {12, true},
+                            {16, false}, {24, false}, {32, false}, {48, false}, {64, false}};
+  const uint32_t golden[] = {0x31F84B21, 0x9A5E7ED0, 0xD36B3145, 0x65A7515C, 0xF11E64C7,
+                             0x6AFE7D57, 0x465E5AF4, 0xAAEE6653, 0x38E7257E, 0x8820B1EF};
+  const bool print = std::getenv("VK_GOLDEN_PRINT") != nullptr;
+  for (size_t k = 0; k < std::size(sources); ++k) {
+    uint32_t crc = 0;
+    for (uint32_t flags : {SIZE_NEAREST, SIZE_ONE_BIT_DENSITY, SIZE_RESAMPLE, SIZE_SMOOTH})
+      for (auto [w, h] : {std::pair{50, 37}, {9, 6}, {41, 8}}) {
+        BitmapHandle b = make(Store::memory, 23, 17, sources[k].bits, 99);
+        if (sources[k].gray && sources[k].bits <= 8) V_CreateBitmapGrayPalette(&b);
+        if (sources[k].bits == 12) b.Order = ORDER_GRAY;
+        b.DitheringMethod = DITHER_FLOYD_STEINBERG;
+        ASSERT_EQ(V_SizeBitmap(&b, w, h, flags), RESULT_OK);
+        for (uint64_t v : pixels_of(&b).v) crc = crc * 0x01000193u ^ uint32_t(v) ^ uint32_t(v >> 32);
+        V_FreeBitmap(&b);
+      }
+    if (print) std::printf("0x%08X,%s", crc, k + 1 == std::size(sources) ? "\n" : " ");
+    else EXPECT_EQ(crc, golden[k]) << sources[k].bits << " bits";
+  }
 }
 
 // ---- the row-segment reader -----------------------------------------------------------------
