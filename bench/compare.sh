@@ -109,13 +109,59 @@ C[count|gm]="OMP_NUM_THREADS=1 gm identify -format %k $P"
 C[count|netpbm]="ppmhist -noheader $P | wc -l"
 C[count|pil]=$(pil "print(len(im.getcolors(1 << 24)))")
 
-ALL_OPS="noop gray bw_ordered bw_fs q256_fs q256 cube_ordered count"
+# geometry: shrink to a quarter by area averaging, enlarge twice (cubic),
+# nearest to a third, turn by 30 degrees (bilinear, canvas grown), quarter
+# turn, flip, mirror, x-shear by 30 degrees, a 3000x2000 rectangle
+C[shrink4|vkimg]="$VK $P --resize 25%:average $out/vk.ppm"
+C[shrink4|im]="$im1 $P -scale 25% $out/im.ppm"; C[shrink4|gm]="$gm1 $P -scale 25% $out/gm.ppm"
+C[shrink4|vips]="$v1 shrink $P $out/v.ppm 4 4"; C[shrink4|netpbm]="pamscale -reduce 4 $P > $out/n.ppm"
+C[shrink4|pil]=$(pil "im.reduce(4).save(\"$out/pil.ppm\")")
+C[up2|vkimg]="$VK $P --resize 200%:smooth $out/vk.ppm"
+C[up2|im]="$im1 $P -filter Catrom -resize 200% $out/im.ppm"; C[up2|gm]="$gm1 $P -filter Catrom -resize 200% $out/gm.ppm"
+C[up2|vips]="$v1 resize $P $out/v.ppm 2 --kernel cubic"; C[up2|netpbm]="pamscale 2 -filter=catrom $P > $out/n.ppm"
+C[up2|pil]=$(pil "im.resize((im.width * 2, im.height * 2), Image.BICUBIC).save(\"$out/pil.ppm\")")
+C[near3|vkimg]="$VK $P --resize 2000x1333:nearest $out/vk.ppm"
+C[near3|im]="$im1 $P -sample 2000x1333! $out/im.ppm"; C[near3|gm]="$gm1 $P -sample 2000x1333! $out/gm.ppm"
+C[near3|vips]="$v1 subsample $P $out/v.ppm 3 3"
+C[near3|netpbm]="pamscale -width 2000 -height 1333 -nomix $P > $out/n.ppm"
+C[near3|pil]=$(pil "im.resize((2000, 1333), Image.NEAREST).save(\"$out/pil.ppm\")")
+C[rot30|vkimg]="$VK $P --rotate 30:resize:linear $out/vk.ppm"
+C[rot30|im]="$im1 $P -background black -virtual-pixel background -filter point -interpolate bilinear +distort SRT 30 $out/im.ppm"
+C[rot30|gm]="$gm1 $P -background black -rotate 30 $out/gm.ppm"
+C[rot30|vips]="$v1 rotate $P $out/v.ppm 30 --interpolate bilinear"
+C[rot30|netpbm]="pnmrotate -background=black 30 $P > $out/n.ppm"
+C[rot30|pil]=$(pil "im.rotate(30, resample=Image.BILINEAR, expand=True).save(\"$out/pil.ppm\")")
+C[rot90|vkimg]="$VK $P --rotate 90 $out/vk.ppm"
+C[rot90|im]="$im1 $P -rotate 90 $out/im.ppm"; C[rot90|gm]="$gm1 $P -rotate 90 $out/gm.ppm"
+C[rot90|vips]="$v1 rot $P $out/v.ppm d90"; C[rot90|netpbm]="pamflip -cw $P > $out/n.ppm"
+C[rot90|pil]=$(pil "im.transpose(Image.ROTATE_270).save(\"$out/pil.ppm\")")
+C[flip|vkimg]="$VK $P --flip $out/vk.ppm"
+C[flip|im]="$im1 $P -flip $out/im.ppm"; C[flip|gm]="$gm1 $P -flip $out/gm.ppm"
+C[flip|vips]="$v1 flip $P $out/v.ppm vertical"; C[flip|netpbm]="pamflip -tb $P > $out/n.ppm"
+C[flip|pil]=$(pil "im.transpose(Image.FLIP_TOP_BOTTOM).save(\"$out/pil.ppm\")")
+C[mirror|vkimg]="$VK $P --mirror $out/vk.ppm"
+C[mirror|im]="$im1 $P -flop $out/im.ppm"; C[mirror|gm]="$gm1 $P -flop $out/gm.ppm"
+C[mirror|vips]="$v1 flip $P $out/v.ppm horizontal"; C[mirror|netpbm]="pamflip -lr $P > $out/n.ppm"
+C[mirror|pil]=$(pil "im.transpose(Image.FLIP_LEFT_RIGHT).save(\"$out/pil.ppm\")")
+C[shear30|vkimg]="$VK $P --shear 30 $out/vk.ppm"
+C[shear30|im]="$im1 $P -background black -shear 30x0 $out/im.ppm"
+C[shear30|gm]="$gm1 $P -background black -shear 60 $out/gm.ppm"   # GM shears by tan(N/2)
+C[shear30|netpbm]="pnmshear -background=black 30 $P > $out/n.ppm"
+C[crop|vkimg]="$VK $P --trim 1500,1000,3000,2000 $out/vk.ppm"
+C[crop|im]="$im1 $P -crop 3000x2000+1500+1000 +repage $out/im.ppm"
+C[crop|gm]="$gm1 $P -crop 3000x2000+1500+1000 +repage $out/gm.ppm"
+C[crop|vips]="$v1 crop $P $out/v.ppm 1500 1000 3000 2000"
+C[crop|netpbm]="pamcut -left 1500 -top 1000 -width 3000 -height 2000 $P > $out/n.ppm"
+C[crop|pil]=$(pil "im.crop((1500, 1000, 4500, 3000)).save(\"$out/pil.ppm\")")
+
+ALL_OPS="noop gray bw_ordered bw_fs q256_fs q256 cube_ordered count shrink4 up2 near3 rot30 rot90 flip mirror shear30 crop"
 ALL_PEERS="im gm vips netpbm pil"
 OPS=${OPS:-$ALL_OPS}; PEERS=${PEERS:-$ALL_PEERS}
 # The targets: reading/writing and gray within 1.2x of the fastest
 # peer; every colour reduction at least 5x faster than the fastest peer.
 declare -A TARGET=([noop]="<=1.2" [gray]="<=1.2" [bw_ordered]="<=0.2" [bw_fs]="<=0.2" [q256_fs]="<=0.2"
-                   [q256]="<=0.2" [cube_ordered]="<=0.2" [count]="-")
+                   [q256]="<=0.2" [cube_ordered]="<=0.2" [count]="-" [shrink4]="-" [up2]="-" [near3]="-"
+                   [rot30]="-" [rot90]="-" [flip]="-" [mirror]="-" [shear30]="-" [crop]="-")
 # Peers that take minutes per run get fewer runs.
 declare -A SLOW=([q256_fs|netpbm]=1 [q256|netpbm]=1 [count|netpbm]=1 [q256_fs|gm]=2 [q256|gm]=2)
 

@@ -48,6 +48,16 @@ void on_write(png_structp png, png_bytep data, png_size_t length) {
 }
 void on_flush(png_structp) {}
 
+// Runs one libpng step; an error inside it comes back as false (on_error has
+// kept the message).  The steps hold no objects with destructors, so the jump
+// out of them skips nothing.
+template <class Step>
+bool guarded(png_structp png, Step step) {
+  if (setjmp(png_jmpbuf(png))) return false;
+  step();
+  return true;
+}
+
 class PngDecoder final : public Decoder {
  public:
   explicit PngDecoder(InStream& in) {
@@ -162,19 +172,15 @@ class PngDecoder final : public Decoder {
   }
 
   bool rows(uint8_t* dst, ptrdiff_t stride, int count) {
-    png_structp png = png_;
-    if (setjmp(png_jmpbuf(png))) return false;
     // Interlaced files: every pass over all rows, each row refined in place.
-    for (int pass = 0; pass < passes_; ++pass)
-      for (int k = 0; k < count; ++k) png_read_row(png, dst + k * stride, nullptr);
-    return true;
+    return guarded(png_, [&] {
+      for (int pass = 0; pass < passes_; ++pass)
+        for (int k = 0; k < count; ++k) png_read_row(png_, dst + k * stride, nullptr);
+    });
   }
 
   bool end() {
-    png_structp png = png_;
-    if (setjmp(png_jmpbuf(png))) return false;
-    png_read_end(png, nullptr);
-    return true;
+    return guarded(png_, [&] { png_read_end(png_, nullptr); });
   }
 
   PngIo io_;
@@ -268,16 +274,10 @@ class PngEncoder final : public Encoder {
     return true;
   }
   bool row(const uint8_t* s) {
-    png_structp png = png_;
-    if (setjmp(png_jmpbuf(png))) return false;
-    png_write_row(png, s);
-    return true;
+    return guarded(png_, [&] { png_write_row(png_, s); });
   }
   bool end() {
-    png_structp png = png_;
-    if (setjmp(png_jmpbuf(png))) return false;
-    png_write_end(png, nullptr);
-    return true;
+    return guarded(png_, [&] { png_write_end(png_, nullptr); });
   }
 
   PngIo io_;
