@@ -296,6 +296,7 @@ class Producer {
   int32_t start_dither() {
     if (dithering_) V_StopDithering(&dither_);
     dithering_ = false;
+    next_dither_ = INT32_MAX;  // a failed start is tried again by the next row asked for
     VK_TRY(V_StartDitheringExt(&dither_, o_.palette, o_.colors, o_.bits, nullptr));
     dithering_ = true;
     next_dither_ = 0;
@@ -346,9 +347,9 @@ int32_t Producer::init() {
   }
   xs_ = step_for(sw_, ow);
   ys_ = step_for(sh_, o_.height);
-  if (!in_.allocate(size_t(src_->BytesPerLine) + 16, true)) return RESULT_FAIL;
 
   if (m_ == Method::nearest || m_ == Method::density) {
+    if (!in_.allocate(size_t(src_->BytesPerLine) + 16, true)) return RESULT_FAIL;
     if (m_ == Method::density) {
       // The darker entry is the one counted (ink on paper either way round).
       const RGBQUAD* p = src_pal_ptr_;

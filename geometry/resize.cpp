@@ -101,7 +101,7 @@ int32_t size_bitmap(BitmapHandle* b, int32_t width, int32_t height, uint32_t fla
 }
 
 int32_t resize_into(BitmapHandle* src, BitmapHandle* dst, uint32_t flags) {
-  if (!src || !dst) return RESULT_BAD_PARAMETER;
+  if (!src || !dst || src == dst) return RESULT_BAD_PARAMETER;
   const int32_t sv = src->ViewPerspective, dv = dst->ViewPerspective;
   const bool rows_only = (sv == 0 || sv == 2) && (dv == 0 || dv == 2);
   Buffer<BitmapHandle> turned;

@@ -1400,8 +1400,8 @@ VK_API int32_t VK_CALL V_SizeBitmap(BitmapHandle* bitmap, int32_t width, int32_t
  * The display dispatch entry 6 is told when destination has its own region.
  * On a failure or a refusal by the status callback destination holds the
  * rows written so far.
- * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_NO_BITMAP (either
- * without storage), RESULT_FAIL, row I/O errors, the hook's or the status
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null, one record for both),
+ * RESULT_NO_BITMAP (either without storage), RESULT_FAIL, row I/O errors, the hook's or the status
  * callback's value. */
 VK_API int32_t VK_CALL V_ResizeBitmapExt(BitmapHandle* source, BitmapHandle* destination, uint32_t flags);
 /* V_ResizeBitmapExt with SIZE_NEAREST. */
