@@ -209,15 +209,28 @@ struct Rgb555 {
   }
 };
 
+// Colours of three channels `Width` bytes apart in pixels of Step bytes:
+// `pixel` reads the 8-bit channels (the last byte of each, the high byte of
+// a little-endian word), `put_run` writes a run with a stepping pointer
+// through the layout's own `put`.
+template <class Self, bool Bgr, int Step, int Width>
+struct ChannelPixels {
+  static Rgb8 pixel(const uint8_t* row, size_t x) {
+    const uint8_t* p = row + x * Step + (Width - 1);
+    const uint8_t first = p[0], mid = p[Width], last = p[2 * Width];
+    return Bgr ? Rgb8{last, mid, first} : Rgb8{first, mid, last};
+  }
+  template <class V>
+  static void put_run(uint8_t* row, size_t x0, uint32_t n, const V* in) {
+    for (uint32_t i = 0; i < n; ++i) Self::put(row + i * Step, x0, in[i]);
+  }
+};
+
 // 24 (Step 3) and 32 (Step 4) bits: one byte per channel, blue first for BGR;
 // the fourth byte is written as 0.
 template <bool Bgr, int Step>
-struct Rgb8Bytes {
+struct Rgb8Bytes : ChannelPixels<Rgb8Bytes<Bgr, Step>, Bgr, Step, 1> {
   static constexpr Form kForm = Form::rgb8;
-  static Rgb8 pixel(const uint8_t* row, size_t x) {
-    const uint8_t* p = row + x * Step;
-    return Bgr ? Rgb8{p[2], p[1], p[0]} : Rgb8{p[0], p[1], p[2]};
-  }
   static void put(uint8_t* row, size_t x, Rgb8 c) {
     uint8_t* p = row + x * Step;
     p[0] = Bgr ? c.b : c.r;
@@ -225,21 +238,14 @@ struct Rgb8Bytes {
     p[2] = Bgr ? c.r : c.b;
     if constexpr (Step == 4) p[3] = 0;
   }
-  static void put_run(uint8_t* row, size_t x0, uint32_t n, const Rgb8* in) {
-    for (uint32_t i = 0; i < n; ++i) put(row + i * Step, x0, in[i]);
-  }
 };
 
 // 48 (Step 6) and 64 (Step 8) bits: little-endian 16-bit channels, the fourth
 // written as 0.  `pixel` gives the 8-bit channels (the high bytes),
 // `pixel16` / `put` the 16-bit ones.
 template <bool Bgr, int Step>
-struct Rgb16Words {
+struct Rgb16Words : ChannelPixels<Rgb16Words<Bgr, Step>, Bgr, Step, 2> {
   static constexpr Form kForm = Form::rgb16;
-  static Rgb8 pixel(const uint8_t* row, size_t x) {
-    const uint8_t* p = row + x * Step;
-    return Bgr ? Rgb8{p[5], p[3], p[1]} : Rgb8{p[1], p[3], p[5]};
-  }
   static Rgb16 pixel16(const uint8_t* row, size_t x) {
     const uint8_t* p = row + x * Step;
     const uint16_t a = uint16_t(le16(p)), b = uint16_t(le16(p + 2)), c = uint16_t(le16(p + 4));
@@ -251,9 +257,6 @@ struct Rgb16Words {
     put_le16(p + 2, c.g);
     put_le16(p + 4, Bgr ? c.r : c.b);
     if constexpr (Step == 8) put_le16(p + 6, 0);
-  }
-  static void put_run(uint8_t* row, size_t x0, uint32_t n, const Rgb16* in) {
-    for (uint32_t i = 0; i < n; ++i) put(row + i * Step, x0, in[i]);
   }
 };
 

@@ -226,6 +226,14 @@ inline bool valid_bitmap_depth(int32_t bits) {
 }
 inline bool allocated(const BitmapHandle* b) { return b && (b->Flags & BITMAP_ALLOCATED); }
 
+// Rows stored one after another at Data (locked or never movable), every row
+// inside Size: operations may address them directly.
+inline bool flat_memory(const BitmapHandle* b) {
+  return (b->Flags & BITMAP_IN_MEMORY) && b->Data &&
+         !(b->Flags & (BITMAP_COMPRESSED | BITMAP_TILED | BITMAP_SUPER_COMPRESSED)) &&
+         uint64_t{b->BytesPerLine} * static_cast<uint32_t>(b->Height) <= b->Size;
+}
+
 // A record whose numbers agree: positive dimensions, rows long enough for
 // Width pixels, and Height rows that fit the 32-bit Size.  V_InitBitmap keeps
 // its literal 32-bit arithmetic, so a huge width can wrap BytesPerLine to a

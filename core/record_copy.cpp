@@ -11,11 +11,6 @@
 namespace vk {
 namespace {
 
-bool flat_memory(const BitmapHandle* b) {
-  return (b->Flags & BITMAP_IN_MEMORY) && b->Data &&
-         !(b->Flags & (BITMAP_COMPRESSED | BITMAP_TILED | BITMAP_SUPER_COMPRESSED));
-}
-
 // Flags that describe the source's storage kind or are carried for the host.
 constexpr uint32_t kCarriedFlags = BITMAP_COMPRESSED | BITMAP_SUPER_COMPRESSED | BITMAP_ON_DISK | 0x200u | 0x10000u;
 constexpr uint32_t kPlaybackFlags = BITMAP_PLAYBACK_FLAG1 | BITMAP_PLAYBACK_FLAG2;

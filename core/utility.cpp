@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "core.h"
+#include "version.h"
 
 namespace vk {
 namespace {
@@ -68,9 +69,9 @@ VK_API int32_t VK_CALL V_VersionInfo(VersionInfo* record) {
     if (!record) return RESULT_BAD_PARAMETER;
     memset(record, 0, sizeof *record);
     vk::copy_text(record->Banner, sizeof record->Banner, "VKKRN13N raster imaging kernel, POSIX");
-    record->Level = 2;
-    record->MajorVersion = 13;
-    record->MinorVersion = 0;
+    record->Level = VK_VERSION_LEVEL;
+    record->MajorVersion = VK_VERSION_MAJOR;
+    record->MinorVersion = VK_VERSION_MINOR;
     vk::copy_text(record->BuildDate, sizeof record->BuildDate, __DATE__);
     vk::copy_text(record->BuildTime, sizeof record->BuildTime, __TIME__);
     return RESULT_OK;

@@ -18,7 +18,8 @@ int main(void) {
 
   memset(&version, 0, sizeof version);
   if (V_VersionInfo(&version) != RESULT_OK) return 1;
-  printf("%s, version %d.%d\n", version.Banner, (int)version.MajorVersion, (int)version.MinorVersion);
+  printf("%s, version %d.%d.%d\n", version.Banner, (int)version.MajorVersion, (int)version.MinorVersion,
+         (int)version.Level);
 
   /* A 64 x 32 bitmap of 24 bits per pixel in blue, green, red order, in
    * plain memory, its rows stored top first (view perspective 0). */

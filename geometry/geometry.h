@@ -8,7 +8,9 @@
 // inverse, to column y, row W - 1 - x.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <utility>
 
 #include "core.h"
 #include "op.h"
@@ -36,6 +38,23 @@ int32_t cosine(int32_t angle);
 using MirrorFn = void (*)(uint8_t* row, uint32_t width);
 MirrorFn mirror_kernel(int32_t bits);  // null for a depth bitmaps do not have
 
+// Two distinct rows of `width` pixels each mirrored and then exchanged
+// (the half turn of a pair of rows): its own inverse.  Whole-byte pixels
+// move in one pass; bytes after the last pixel may stay where they were.
+using ExchangeFn = void (*)(uint8_t* a, uint8_t* b, uint32_t width);
+ExchangeFn exchange_kernel(int32_t bits);  // null for a depth bitmaps do not have
+
+// A kernel table by bits per pixel (0..64, null where bitmaps have no such
+// depth): of(B) is called as of.template operator()<B>() for each depth.
+template <class Fn, class Of>
+constexpr std::array<Fn, 65> by_depth(Of of) {
+  std::array<Fn, 65> t{};
+  [&]<int... B>(std::integer_sequence<int, B...>) {
+    ((t[B] = of.template operator()<B>()), ...);
+  }(std::integer_sequence<int, 1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64>{});
+  return t;
+}
+
 // The stored rows in reverse order (flip), each row mirrored (mirror), or
 // both (a half turn).  Flat memory is changed in place and a stopped or
 // cancelled run undoes what it did; other storage is built in a new record
@@ -49,6 +68,15 @@ int32_t transform_rows(BitmapHandle* b, bool flip, bool mirror, int32_t from = 0
 // bit 0 of their first byte.
 void transpose(const uint8_t* src, intptr_t src_stride, uint8_t* dst, intptr_t dst_stride, uint32_t w, uint32_t h,
                int32_t bits);
+
+// Compressed 1-bit bitmaps whose expanded rows would take more bytes than
+// this are turned from their runs directly (smaller ones through row
+// access).  Tests lower it to run that path on small bitmaps.
+extern uint64_t compressed_turn_limit;
+// Quarter turns of storage other than flat memory read the source in bands
+// of columns holding about this many bytes.  Tests lower it to run many
+// bands on small bitmaps.
+extern uint32_t turn_band_bytes;
 
 // The quarter turn of b into `out` (a new record, not yet committed; it
 // shares b's palette and region).  One progress step per destination row.

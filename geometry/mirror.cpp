@@ -4,11 +4,17 @@
 // shifted back over the padding that moved to the front; the odd packings
 // (3, 5, 6, 7 and 12 bits) exchange pixels from both ends; whole-byte
 // pixels exchange their bytes.
+#include <algorithm>
 #include <array>
 #include <cstring>
 
 #include "geometry.h"
 #include "pixel_format.h"
+#include "platform.h"
+
+#if defined(__SSE2__)
+#include <tmmintrin.h>
+#endif
 
 namespace vk {
 namespace {
@@ -65,42 +71,114 @@ void mirror_12(uint8_t* row, uint32_t width) {
   }
 }
 
+// dst pixel i = src pixel n - 1 - i (N-byte pixels, no overlap).  The
+// vector forms reverse 16 bytes at a time; 3-byte pixels go four at a time
+// through a byte shuffle, 16-byte loads and stores kept inside both ranges.
 template <int N>
-void mirror_bytes(uint8_t* row, uint32_t width) {
-  uint8_t* a = row;
-  uint8_t* b = row + size_t{width - 1} * N;
-  for (; a < b; a += N, b -= N) {
-    uint8_t t[N];
-    std::memcpy(t, a, N);
-    std::memcpy(a, b, N);
-    std::memcpy(b, t, N);
+void reverse_copy_plain(uint8_t* dst, const uint8_t* src, uint32_t n, uint32_t i) {
+  for (; i < n; ++i) std::memcpy(dst + size_t(i) * N, src + size_t(n - 1 - i) * N, N);
+}
+
+#if defined(__SSE2__)
+template <int N>
+inline __m128i reverse_lanes(__m128i x) {
+  x = _mm_shuffle_epi32(x, N == 8 ? 0x4E : 0x1B);
+  if constexpr (N <= 2) x = _mm_shufflehi_epi16(_mm_shufflelo_epi16(x, 0xB1), 0xB1);
+  if constexpr (N == 1) x = _mm_or_si128(_mm_slli_epi16(x, 8), _mm_srli_epi16(x, 8));
+  return x;
+}
+
+template <int N>
+uint32_t reverse_copy_vector(uint8_t* dst, const uint8_t* src, uint32_t n) {
+  constexpr uint32_t L = 16 / N;
+  uint32_t i = 0;
+  for (; i + L <= n; i += L) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + size_t(n - L - i) * N));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + size_t(i) * N), reverse_lanes<N>(x));
+  }
+  return i;
+}
+
+// The four pixels sit in bytes 4..15 of the load (which starts 4 bytes
+// before them); the store writes 4 bytes past them, which the next step
+// overwrites.
+__attribute__((target("ssse3"))) uint32_t reverse_copy_3(uint8_t* dst, const uint8_t* src, uint32_t n) {
+  const __m128i order = _mm_setr_epi8(13, 14, 15, 10, 11, 12, 7, 8, 9, 4, 5, 6, -1, -1, -1, -1);
+  uint32_t i = 0;
+  for (; i + 6 <= n; i += 4) {
+    const __m128i x = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + size_t(n - 4 - i) * 3 - 4));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + size_t(i) * 3), _mm_shuffle_epi8(x, order));
+  }
+  return i;
+}
+#endif
+
+template <int N>
+void reverse_copy(uint8_t* dst, const uint8_t* src, uint32_t n) {
+  uint32_t i = 0;
+#if defined(__SSE2__)
+  static const plat::Simd simd = plat::simd_level();
+  if constexpr (N == 3) {
+    // Every processor with AVX2 has the byte shuffle.
+    if (simd == plat::Simd::avx2) i = reverse_copy_3(dst, src, n);
+  } else if constexpr (16 % N == 0) {
+    if (simd != plat::Simd::generic) i = reverse_copy_vector<N>(dst, src, n);
+  }
+#endif
+  reverse_copy_plain<N>(dst, src, n, i);
+}
+
+// Pixel i of row a and pixel width - 1 - i of row b exchanged for every i;
+// with a == b, for i < width / 2, which mirrors the row.  Chunks of the two
+// ranges go through a buffer on the stack, each copied reversed.
+template <int N>
+void exchange_bytes(uint8_t* a, uint8_t* b, uint32_t width) {
+  constexpr uint32_t kChunk = 1536 / N;
+  uint8_t t[kChunk * N];
+  const uint32_t end = a == b ? width / 2 : width;
+  for (uint32_t i = 0; i < end; i += kChunk) {
+    const uint32_t n = std::min(kChunk, end - i);
+    uint8_t* pa = a + size_t(i) * N;
+    uint8_t* pb = b + size_t(width - i - n) * N;
+    std::memcpy(t, pa, size_t(n) * N);
+    reverse_copy<N>(pa, pb, n);
+    reverse_copy<N>(pb, t, n);
   }
 }
 
-// Key: bits per pixel, 0..64.
-constexpr std::array<MirrorFn, 65> make_mirror_table() {
-  std::array<MirrorFn, 65> t{};
-  t[1] = mirror_aligned<1>;
-  t[2] = mirror_aligned<2>;
-  t[3] = mirror_odd<3>;
-  t[4] = mirror_aligned<4>;
-  t[5] = mirror_odd<5>;
-  t[6] = mirror_odd<6>;
-  t[7] = mirror_odd<7>;
-  t[8] = mirror_bytes<1>;
-  t[12] = mirror_12;
-  t[16] = mirror_bytes<2>;
-  t[24] = mirror_bytes<3>;
-  t[32] = mirror_bytes<4>;
-  t[48] = mirror_bytes<6>;
-  t[64] = mirror_bytes<8>;
-  return t;
+template <int N>
+void mirror_bytes(uint8_t* row, uint32_t width) {
+  exchange_bytes<N>(row, row, width);
 }
-constexpr std::array<MirrorFn, 65> kMirror = make_mirror_table();
+
+template <int B>
+constexpr MirrorFn mirror_of() {
+  if constexpr (B == 12) return mirror_12;
+  else if constexpr (B % 8 == 0) return mirror_bytes<B / 8>;
+  else if constexpr (B == 1 || B == 2 || B == 4) return mirror_aligned<B>;
+  else return mirror_odd<B>;
+}
+constexpr auto kMirror = by_depth<MirrorFn>([]<int B>() { return mirror_of<B>(); });
+
+// Packed and 12-bit rows: both mirrored, then their bytes exchanged.
+template <int B>
+void exchange_mirrored(uint8_t* a, uint8_t* b, uint32_t width) {
+  mirror_of<B>()(a, width);
+  mirror_of<B>()(b, width);
+  std::swap_ranges(a, a + (uint64_t{width} * B + 7) / 8, b);
+}
+
+template <int B>
+constexpr ExchangeFn exchange_of() {
+  if constexpr (B % 8 == 0 && B != 0) return exchange_bytes<B / 8>;
+  else return exchange_mirrored<B>;
+}
+constexpr auto kExchange = by_depth<ExchangeFn>([]<int B>() { return exchange_of<B>(); });
 
 }  // namespace
 
 MirrorFn mirror_kernel(int32_t bits) { return bits >= 0 && bits <= 64 ? kMirror[bits] : nullptr; }
+ExchangeFn exchange_kernel(int32_t bits) { return bits >= 0 && bits <= 64 ? kExchange[bits] : nullptr; }
 
 }  // namespace vk
 

@@ -69,16 +69,14 @@ Segment segment_for(int32_t bits, uint32_t from) {
   return {from, 0};
 }
 
+// Pixels narrower than a byte or 12 bits wide (whole-byte pixels need no
+// segment: they are read straight into place).
 void move_columns(const uint8_t* seg, const Segment& sg, uint32_t from, uint8_t* row, uint32_t to, uint32_t count,
                  int32_t bits) {
-  if (bits < 8) {
+  if (bits < 8)
     copy_bits(row, uint64_t{to} * uint32_t(bits), seg, sg.skip_bits, uint64_t{count} * uint32_t(bits));
-  } else if (bits == 12) {
+  else
     for (uint32_t i = 0; i < count; ++i) put_gray12_pixel(row, to + i, gray12_pixel(seg, from - sg.first_column + i));
-  } else {
-    const size_t n = size_t(bits / 8);
-    std::memcpy(row + size_t(to) * n, seg, size_t(count) * n);
-  }
 }
 
 struct Clip {
@@ -122,22 +120,39 @@ int32_t copy_rect(BitmapHandle* dst, BitmapHandle* src, int32_t left, int32_t to
   const uint64_t end = (uint64_t(c.l + c.w) * uint32_t(bits) + 7) / 8;
   const int32_t seg_count = int32_t(end - start);
   const uint32_t dbpl = out->BytesPerLine;
-  Buffer<uint8_t> seg(size_t(seg_count) + 2), row(dbpl, true);
+  Buffer<uint8_t> seg(size_t(seg_count) + 2), row(dbpl);
   if (!seg || !row) return RESULT_FAIL;
 
+  // Whole-byte pixels are read straight into the destination row; only the
+  // bytes the clipped columns do not fill whole are cleared first.
+  const bool bytes = bits >= 8 && bits != 12;
+  const uint32_t to = uint32_t(c.l - left);
+  const uint64_t first_bit = uint64_t{to} * uint32_t(bits), end_bit = first_bit + uint64_t(c.w) * uint32_t(bits);
+  const size_t head = size_t(first_bit / 8) + (bytes ? 0 : 1), tail = size_t((end_bit - 1) / 8) + (bytes ? 1 : 0);
   op::CacheGuard cache(src);
   {
     BitmapLock lock_src(src), lock_dst(out.get());
+    uint8_t* const direct = flat_memory(out.get()) ? static_cast<uint8_t*>(out->Data) : nullptr;
     VK_TRY(op::for_each_row(op::Rows{height, true}, [&](int32_t y) -> int32_t {
+      uint8_t* const drow = direct ? direct + size_t(y) * dbpl : row.get();
       const int64_t sy = int64_t{top} + y;
-      const bool covered = sy >= c.t && sy < int64_t{c.t} + c.h;
-      std::memset(row.get(), 0, dbpl);
-      if (covered) {
-        const int32_t got = V_GetBitmapRowCol(src, seg.get(), uint32_t(sy), int32_t(sg.first_column), seg_count);
-        if (got < 0) return got;
-        move_columns(seg.get(), sg, uint32_t(c.l), row.get(), uint32_t(c.l - left), uint32_t(c.w), bits);
+      if (sy < c.t || sy >= int64_t{c.t} + c.h) {
+        std::memset(drow, 0, dbpl);
+      } else {
+        std::memset(drow, 0, head);
+        std::memset(drow + tail, 0, dbpl - tail);
+        if (bytes) {
+          const int32_t got =
+              V_GetBitmapRowCol(src, drow + first_bit / 8, uint32_t(sy), c.l, int32_t(end_bit / 8 - first_bit / 8));
+          if (got < 0) return got;
+        } else {
+          const int32_t got = V_GetBitmapRowCol(src, seg.get(), uint32_t(sy), int32_t(sg.first_column), seg_count);
+          if (got < 0) return got;
+          move_columns(seg.get(), sg, uint32_t(c.l), drow, to, uint32_t(c.w), bits);
+        }
       }
-      const int32_t put = V_PutBitmapRow(out.get(), row.get(), uint32_t(y), int32_t(dbpl));
+      if (direct) return RESULT_OK;
+      const int32_t put = V_PutBitmapRow(out.get(), drow, uint32_t(y), int32_t(dbpl));
       return put < 0 ? put : int32_t{RESULT_OK};
     }));
   }

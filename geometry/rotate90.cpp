@@ -4,7 +4,7 @@
 // degrees).
 //
 // The transposition writes destination row r from source column r.  Whole-
-// byte pixels go through 32 x 32 blocks so that both sides stay in cache on
+// byte pixels go tile by tile (below) so that both sides stay in cache on
 // large bitmaps; 1-bit pixels go eight source rows at a time through an 8 x 8
 // bit-matrix transpose (eight destination bytes per step); 4-bit pixels two
 // source rows at a time (one destination byte per step); the other packings
@@ -13,40 +13,142 @@
 #include <array>
 #include <cstring>
 
+#include "compressed.h"
 #include "dispatch.h"
 #include "geometry.h"
 #include "op.h"
 #include "pixel_format.h"
+#include "platform.h"
+#include "runs.h"
+
+#if defined(__SSE2__)
+#include <tmmintrin.h>
+#endif
 
 namespace vk {
 namespace {
 
+// Flat bitmaps are turned in bands of this many destination rows, with
+// progress and cancellation between bands.
 constexpr uint32_t kBlock = 128;
 
-// Eight source rows at a time: each destination row takes eight pixels in
-// one store, so writes go out in whole words.
+// Whole-byte pixels go tile by tile, kTile x kTile pixels: the tile's source
+// rows and the destination rows it fills stay in the first-level cache, and
+// the tiles of one band of destination rows are done left to right, so each
+// destination row is written front to back in runs of kTile pixels and its
+// cache lines are filled whole before they leave the cache.
+constexpr uint32_t kTile = 16;
+constexpr uint32_t kBand = 64;
+
+// One pixel: whole bytes.  Where another pixel follows in both rows, 3- and
+// 6-byte pixels move as 4 and 8 bytes (the extra byte is overwritten by the
+// next pixel of the destination row).
+template <int N, bool Wide>
+inline void move_pixel(uint8_t* d, const uint8_t* s) {
+  constexpr int M = !Wide ? N : N == 3 ? 4 : N == 6 ? 8 : N;
+  std::memcpy(d, s, M);
+}
+
+template <int N, bool Wide>
+void tile_plain(const uint8_t* src, intptr_t ss, uint8_t* dst, intptr_t ds, uint32_t rows, uint32_t cols) {
+  for (uint32_t r = 0; r < rows; ++r) {
+    uint8_t* d = dst + intptr_t(r) * ds;
+    for (uint32_t c = 0; c < cols; ++c) move_pixel<N, Wide>(d + size_t(c) * N, src + intptr_t(c) * ss + size_t(r) * N);
+  }
+}
+
+#if defined(__SSE2__)
+// A full tile of 1-, 2-, 4- or 8-byte pixels through vector registers:
+// blocks of L = 16 / N rows of L pixels, transposed by log2(L) rounds of
+// interleaving register i with register i + L / 2.
+template <int N>
+inline __m128i interleave(__m128i a, __m128i b, bool high) {
+  if constexpr (N == 1) return high ? _mm_unpackhi_epi8(a, b) : _mm_unpacklo_epi8(a, b);
+  if constexpr (N == 2) return high ? _mm_unpackhi_epi16(a, b) : _mm_unpacklo_epi16(a, b);
+  if constexpr (N == 4) return high ? _mm_unpackhi_epi32(a, b) : _mm_unpacklo_epi32(a, b);
+  if constexpr (N == 8) return high ? _mm_unpackhi_epi64(a, b) : _mm_unpacklo_epi64(a, b);
+}
+
+template <int N>
+void tile_vector(const uint8_t* src, intptr_t ss, uint8_t* dst, intptr_t ds) {
+  constexpr uint32_t L = 16 / N;
+  for (uint32_t r0 = 0; r0 < kTile; r0 += L)
+    for (uint32_t c0 = 0; c0 < kTile; c0 += L) {
+      __m128i a[L], b[L];
+      for (uint32_t i = 0; i < L; ++i)
+        a[i] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + intptr_t(c0 + i) * ss + size_t(r0) * N));
+      for (uint32_t round = 1; round < L; round *= 2) {
+        for (uint32_t i = 0; i < L / 2; ++i) {
+          b[2 * i] = interleave<N>(a[i], a[i + L / 2], false);
+          b[2 * i + 1] = interleave<N>(a[i], a[i + L / 2], true);
+        }
+        for (uint32_t i = 0; i < L; ++i) a[i] = b[i];
+      }
+      for (uint32_t i = 0; i < L; ++i)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + intptr_t(r0 + i) * ds + size_t(c0) * N), a[i]);
+    }
+}
+
+// 3-byte pixels, 4 x 4 at a time: each source row's four pixels are spread
+// to four 4-byte lanes by a byte shuffle, transposed as 4-byte pixels and
+// packed back.  Loads and stores are 16 bytes for 12: the tile must not
+// hold the last two pixels of a source or destination row.
+__attribute__((target("ssse3"))) void tile_vector_3(const uint8_t* src, intptr_t ss, uint8_t* dst, intptr_t ds) {
+  const __m128i spread = _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+  const __m128i pack = _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+  for (uint32_t r0 = 0; r0 < kTile; r0 += 4)
+    for (uint32_t c0 = 0; c0 < kTile; c0 += 4) {
+      __m128i a[4];
+      for (uint32_t i = 0; i < 4; ++i)
+        a[i] = _mm_shuffle_epi8(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + intptr_t(c0 + i) * ss + size_t(r0) * 3)), spread);
+      const __m128i b0 = _mm_unpacklo_epi32(a[0], a[2]), b1 = _mm_unpackhi_epi32(a[0], a[2]);
+      const __m128i b2 = _mm_unpacklo_epi32(a[1], a[3]), b3 = _mm_unpackhi_epi32(a[1], a[3]);
+      const __m128i out[4] = {_mm_unpacklo_epi32(b0, b2), _mm_unpackhi_epi32(b0, b2), _mm_unpacklo_epi32(b1, b3),
+                              _mm_unpackhi_epi32(b1, b3)};
+      for (uint32_t i = 0; i < 4; ++i)
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + intptr_t(r0 + i) * ds + size_t(c0) * 3),
+                         _mm_shuffle_epi8(out[i], pack));
+    }
+}
+#endif
+
 template <int N>
 void transpose_bytes(const uint8_t* src, intptr_t ss, uint8_t* dst, intptr_t ds, uint32_t w, uint32_t h) {
-  for (uint32_t c0 = 0; c0 < h; c0 += kBlock) {
-    const uint32_t c1 = std::min(h, c0 + kBlock);
-    for (uint32_t r0 = 0; r0 < w; r0 += kBlock) {
-      const uint32_t r1 = std::min(w, r0 + kBlock);
-      uint32_t c = c0;
-      for (; c + 8 <= c1; c += 8) {
-        const uint8_t* s[8];
-        for (int i = 0; i < 8; ++i) s[i] = src + intptr_t(c + i) * ss;
-        for (uint32_t r = r0; r < r1; ++r) {
-          uint8_t out[8 * N];
-          for (int i = 0; i < 8; ++i) std::memcpy(out + i * N, s[i] + size_t(r) * N, N);
-          std::memcpy(dst + intptr_t(r) * ds + size_t(c) * N, out, 8 * N);
-        }
-      }
-      for (; c < c1; ++c) {
-        const uint8_t* s = src + intptr_t(c) * ss;
-        for (uint32_t r = r0; r < r1; ++r) std::memcpy(dst + intptr_t(r) * ds + size_t(c) * N, s + size_t(r) * N, N);
+#if defined(__SSE2__)
+  constexpr bool kVector = N == 1 || N == 2 || N == 4 || N == 8;
+  static const bool vector = kVector && plat::simd_level() != plat::Simd::generic;
+  // Every processor with AVX2 has the byte shuffle.
+  static const bool shuffle = N == 3 && plat::simd_level() == plat::Simd::avx2;
+#endif
+  for (uint32_t b0 = 0; b0 < w; b0 += kBand)
+    for (uint32_t c0 = 0; c0 < h; c0 += kTile) {
+      const uint32_t cols = std::min(kTile, h - c0);
+      for (uint32_t r0 = b0; r0 < std::min(w, b0 + kBand); r0 += kTile) {
+        const uint32_t rows = std::min(kTile, w - r0);
+        const uint8_t* s = src + intptr_t(c0) * ss + size_t(r0) * N;
+        uint8_t* d = dst + intptr_t(r0) * ds + size_t(c0) * N;
+#if defined(__SSE2__)
+        if constexpr (kVector)
+          if (vector && rows == kTile && cols == kTile) {
+            tile_vector<N>(s, ss, d, ds);
+            continue;
+          }
+        if constexpr (N == 3)
+          if (shuffle && r0 + kTile + 2 <= w && c0 + kTile + 2 <= h) {
+            tile_vector_3(s, ss, d, ds);
+            continue;
+          }
+#endif
+        // Wide moves read one byte past a source pixel and write one past a
+        // destination pixel: safe unless the tile holds the last pixel of
+        // either row.
+        if (r0 + rows < w && c0 + cols < h)
+          tile_plain<N, true>(s, ss, d, ds, rows, cols);
+        else
+          tile_plain<N, false>(s, ss, d, ds, rows, cols);
       }
     }
-  }
 }
 
 // 8 x 8 bit matrix, row i in byte 7 - i of x (row 0 most significant),
@@ -106,34 +208,17 @@ void transpose_12(const uint8_t* src, intptr_t ss, uint8_t* dst, intptr_t ds, ui
 
 using TransposeFn = void (*)(const uint8_t*, intptr_t, uint8_t*, intptr_t, uint32_t, uint32_t);
 
-// Key: bits per pixel, 0..64.
-constexpr std::array<TransposeFn, 65> make_transpose_table() {
-  std::array<TransposeFn, 65> t{};
-  t[1] = transpose_1;
-  t[2] = transpose_packed<2>;
-  t[3] = transpose_packed<3>;
-  t[4] = transpose_4;
-  t[5] = transpose_packed<5>;
-  t[6] = transpose_packed<6>;
-  t[7] = transpose_packed<7>;
-  t[8] = transpose_bytes<1>;
-  t[12] = transpose_12;
-  t[16] = transpose_bytes<2>;
-  t[24] = transpose_bytes<3>;
-  t[32] = transpose_bytes<4>;
-  t[48] = transpose_bytes<6>;
-  t[64] = transpose_bytes<8>;
-  return t;
+template <int B>
+constexpr TransposeFn transpose_of() {
+  if constexpr (B == 1) return transpose_1;
+  else if constexpr (B == 4) return transpose_4;
+  else if constexpr (B == 12) return transpose_12;
+  else if constexpr (B % 8 == 0) return transpose_bytes<B / 8>;
+  else return transpose_packed<B>;
 }
-constexpr std::array<TransposeFn, 65> kTranspose = make_transpose_table();
+constexpr auto kTranspose = by_depth<TransposeFn>([]<int B>() { return transpose_of<B>(); });
 
 TransposeFn transpose_kernel(int32_t bits) { return bits >= 0 && bits <= 64 ? kTranspose[bits] : nullptr; }
-
-bool flat_memory(const BitmapHandle* b) {
-  return (b->Flags & BITMAP_IN_MEMORY) && b->Data &&
-         !(b->Flags & (BITMAP_COMPRESSED | BITMAP_TILED | BITMAP_SUPER_COMPRESSED)) &&
-         uint64_t{b->BytesPerLine} * static_cast<uint32_t>(b->Height) <= b->Size;
-}
 
 // Source rows in the order the transposition reads them: direction 1 takes
 // them from the last to the first.
@@ -163,16 +248,80 @@ int32_t turn_flat(BitmapHandle* b, BitmapHandle* d, int32_t direction, Transpose
   return RESULT_OK;
 }
 
+// Compressed 1-bit rows read column band by column band straight from
+// their runs: every row's record is held once (the compressed size, never
+// the expanded one) with a cursor that only moves right as the bands do.
+class RunColumns {
+ public:
+  int32_t read_rows(BitmapHandle* b) {
+    const uint32_t h = uint32_t(b->Height);
+    const size_t capacity = 2 * size_t(uint32_t(b->Width)) + 8;
+    Buffer<uint8_t> record(capacity);
+    if (!record || !at_.allocate(size_t(h) + 1) || !run_.allocate(h, true) || !start_.allocate(h, true))
+      return RESULT_FAIL;
+    // The records' lengths first, then the records themselves.
+    size_t total = 0;
+    for (uint32_t y = 0; y < h; ++y) {
+      const int32_t n = cmp::read_record(b, y, record.get(), capacity);
+      if (n < 0) return n;
+      at_[y] = total;
+      total += size_t(n);
+    }
+    at_[h] = total;
+    if (!records_.allocate(total)) return RESULT_FAIL;
+    for (uint32_t y = 0; y < h; ++y) {
+      const int32_t n = cmp::read_record(b, y, records_.get() + at_[y], at_[y + 1] - at_[y]);
+      if (n < 0) return n;
+    }
+    return RESULT_OK;
+  }
+
+  // Pixels c0 .. c0 + n - 1 of row y, packed from bit 7 of out[0]; bands
+  // must come left to right.
+  void segment(uint32_t y, uint32_t c0, uint32_t n, uint8_t* out) {
+    std::memset(out, 0, (size_t(n) + 7) / 8);
+    const uint8_t* rec = records_.get() + at_[y];
+    const uint32_t count = cmp::load32(rec);
+    uint32_t k = run_[y];
+    uint64_t pos = start_[y];
+    const uint64_t end = uint64_t{c0} + n;
+    // Runs wholly left of the band are passed for good.
+    for (uint32_t len; k < count && pos + (len = cmp::load16(rec + 4 + 2 * size_t(k))) <= c0; ++k) pos += len;
+    run_[y] = k;
+    start_[y] = pos;
+    for (; k < count && pos < end; ++k) {
+      const uint64_t next = pos + cmp::load16(rec + 4 + 2 * size_t(k));
+      if (k & 1) set_bits(out, uint32_t(std::max<uint64_t>(pos, c0) - c0), uint32_t(std::min(next, end) - c0));
+      pos = next;
+    }
+  }
+
+ private:
+  static void set_bits(uint8_t* out, uint32_t from, uint32_t to) {
+    for (; from < to && (from & 7); ++from) out[from / 8] |= uint8_t(0x80u >> (from & 7));
+    if (from + 8 <= to) {
+      std::memset(out + from / 8, 0xFF, (to - from) / 8);
+      from += (to - from) & ~7u;
+    }
+    for (; from < to; ++from) out[from / 8] |= uint8_t(0x80u >> (from & 7));
+  }
+
+  Buffer<uint8_t> records_;
+  Buffer<size_t> at_;
+  Buffer<uint32_t> run_;
+  Buffer<uint64_t> start_;
+};
+
 // Any storage: the source is read in bands of columns (each source row's
-// segment through row access), transposed in memory and written as whole
-// destination rows.  Compressed sources are read from their runs segment by
-// segment and compressed destinations take whole rows, so no compressed
-// bitmap is ever expanded as a whole.
-int32_t turn_by_bands(BitmapHandle* b, BitmapHandle* d, int32_t direction, TransposeFn fn, Progress& progress) {
+// segment through row access, or from its runs), transposed in memory and
+// written as whole destination rows.  Compressed destinations take whole
+// rows, so no compressed bitmap is ever expanded as a whole.
+int32_t turn_by_bands(BitmapHandle* b, BitmapHandle* d, int32_t direction, TransposeFn fn, Progress& progress,
+                      RunColumns* runs) {
   const uint32_t w = uint32_t(b->Width), h = uint32_t(b->Height), bits = uint32_t(b->BitsPerPixel);
-  // About a megabyte of source segments per band, in columns of 8 pixels
-  // (so a segment starts on a byte for every depth).
-  uint64_t k = (uint64_t{8} << 20) / (uint64_t{h} * bits);
+  // About turn_band_bytes of source segments per band, in columns of 8
+  // pixels (so a segment starts on a byte for every depth).
+  uint64_t k = uint64_t{turn_band_bytes} * 8 / (uint64_t{h} * bits);
   k = std::clamp<uint64_t>(k & ~uint64_t{7}, 8, (uint64_t{w} + 7) & ~uint64_t{7});
   const uint32_t band = uint32_t(k);
   const size_t seg = size_t(band) * bits / 8;
@@ -185,6 +334,10 @@ int32_t turn_by_bands(BitmapHandle* b, BitmapHandle* d, int32_t direction, Trans
     const uint32_t n = std::min(band, w - c0);
     const int32_t bytes = int32_t((uint64_t{n} * bits + 7) / 8);
     for (uint32_t y = 0; y < h; ++y) {
+      if (runs) {
+        runs->segment(y, c0, n, segments.get() + size_t(y) * seg);
+        continue;
+      }
       const int32_t got = V_GetBitmapRowCol(b, segments.get() + size_t(y) * seg, y, int32_t(c0), bytes);
       if (got < 0) return got;
     }
@@ -200,6 +353,9 @@ int32_t turn_by_bands(BitmapHandle* b, BitmapHandle* d, int32_t direction, Trans
 }
 
 }  // namespace
+
+uint64_t compressed_turn_limit = 18000000;
+uint32_t turn_band_bytes = 1u << 20;
 
 void transpose(const uint8_t* src, intptr_t src_stride, uint8_t* dst, intptr_t dst_stride, uint32_t w, uint32_t h,
                int32_t bits) {
@@ -221,8 +377,16 @@ int32_t turn_quarter(BitmapHandle* b, int32_t direction, op::Scratch& out, Progr
   int32_t r;
   {
     BitmapLock lock_src(b), lock_dst(out.get());
-    const bool flat = flat_memory(b) && flat_memory(out.get());
-    r = flat ? turn_flat(b, out.get(), direction, fn, progress) : turn_by_bands(b, out.get(), direction, fn, progress);
+    if (flat_memory(b) && flat_memory(out.get())) {
+      r = turn_flat(b, out.get(), direction, fn, progress);
+    } else if ((b->Flags & BITMAP_COMPRESSED) && b->BitsPerPixel == 1 &&
+               uint64_t{b->BytesPerLine} * uint32_t(b->Height) > compressed_turn_limit) {
+      RunColumns runs;
+      r = runs.read_rows(b);
+      if (r == RESULT_OK) r = turn_by_bands(b, out.get(), direction, fn, progress, &runs);
+    } else {
+      r = turn_by_bands(b, out.get(), direction, fn, progress, nullptr);
+    }
   }
   VK_TRY(r);
   VK_TRY(progress.finish());

@@ -16,10 +16,11 @@
  *                 compressed rows, files and redirection, bitmap lists
  *   3. host/      dispatch tables of the display and file modules
  *   4. color/     palettes, bitmap creation, gray parameters, row conversion,
- *                 grayscale, pixel access
+ *                 grayscale, pixel access, DIBs in, alpha channel out
  *   5. reduce/    palette lookup, dithering, colour count, optimised
  *                 palettes, colour resolution
- *   6. geometry/  duplication, copies, orientation, turns, trim
+ *   6. geometry/  duplication, copies, orientation, turns, trim, DIBs out,
+ *                 alpha channel in
  *
  * How to read the comments:
  *   Returns   every value the call can give; RESULT_OK is 1 and every
@@ -726,6 +727,20 @@ VK_API int32_t VK_CALL V_DeleteBitmapListItems(BitmapList list, uint32_t index, 
  * See also: V_CopyBitmapListItems. */
 VK_API int32_t VK_CALL V_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
 
+/* ---- core/: gray parameters of a record ---------------------------------- */
+
+/* Resets LowBit, HighBit, MinValue and MaxValue to the whole sample; the
+ * gray lookup table and BITMAP_GRAY_FLAG stay.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null).
+ * See also: V_GetGrayParams. */
+VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
+/* Copies the bit range, value range, BITMAP_GRAY_FLAG and the lookup table
+ * (a new V_Os block that destination owns); destination's table before is
+ * not freed.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL (no memory;
+ * destination unchanged). */
+VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
+
 /* ===================================================================== */
 /* 3. host/ - dispatch tables of the display and file modules            */
 /* ===================================================================== */
@@ -883,7 +898,7 @@ VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, 
                                       int32_t bitsPerPixel, int32_t order, const RGBQUAD* palette,
                                       int32_t viewPerspective, void* data, uint32_t dataSize);
 
-/* ---- color/: gray parameters ---------------------------------------------------- */
+/* ---- color/: gray bit range ---------------------------------------------------- */
 
 /* The significant bits of a gray sample of bits bits: lowBit .. highBit
  * (lowBit below 0 means 0, highBit below 0 means bits - 1), keeping at
@@ -892,16 +907,6 @@ VK_API int32_t VK_CALL V_CreateBitmap(BitmapHandle* bitmap, int32_t memoryType, 
  * down.  Returns: RESULT_OK, RESULT_BAD_PARAMETER (no bits). */
 VK_API int32_t VK_CALL V_GetGrayParams(int32_t bits, int32_t maxBits, int32_t lowBit, int32_t highBit,
                                        int32_t* count, uint32_t* mask, int32_t* shift);
-/* Resets LowBit, HighBit, MinValue and MaxValue to the whole sample; the
- * gray lookup table and BITMAP_GRAY_FLAG stay.
- * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
-VK_API int32_t VK_CALL V_InitGrayParams(BitmapHandle* bitmap);
-/* Copies the bit range, value range, BITMAP_GRAY_FLAG and the lookup table
- * (a new V_Os block that destination owns); destination's table before is
- * not freed.
- * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null), RESULT_FAIL (no memory;
- * destination unchanged). */
-VK_API int32_t VK_CALL V_CopyGrayParams(BitmapHandle* destination, const BitmapHandle* source);
 
 /* ---- color/: row conversion ------------------------------------------------------- */
 
@@ -982,6 +987,63 @@ VK_API uint32_t VK_CALL V_TranslateBitmapColor(BitmapHandle* destination, Bitmap
  * translated into destination's terms (V_TranslateBitmapColor).
  * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
 VK_API int32_t VK_CALL V_CopyPlaybackParms(BitmapHandle* destination, BitmapHandle* source);
+
+/* ---- color/: device-independent bitmaps (in) -------------------------------------------- */
+/* A packed device-independent bitmap (DIB) is one movable global-memory
+ * block (vkkrn_platform.h): a header of 12 bytes (16-bit fields, 3-byte
+ * palette entries) or of 40 or more bytes (read as the 40-byte form; 4-byte
+ * entries), then the palette (colours used, 0 meaning 2^bits for 1-8 bits)
+ * or, for compression 3 (bit fields, 16 and 32 bits), three 32-bit masks
+ * red, green, blue, then rows of 1, 4, 8, 16, 24 or 32 bits, 4-byte
+ * aligned, bottom-up for a positive height (ViewPerspective 2), top-down
+ * for a negative one (0).  Pixels per metre become dots per inch as
+ * (ppm * 254 + 5000) / 10000; 0 takes the screen's.  16-bit masks become
+ * 5-5-5 pixels, 32-bit masks blue-green-red bytes and a zero fourth byte;
+ * fields narrower than 5 (8) bits are widened as value * 31 (255) / mask.
+ * Video compressions (planar "I420", "IYUV", "YV12", "YVU9", "NV12";
+ * packed "YUY2", "YUYV", "UYVY", "YVYU") become 24-bit colour, rows
+ * top-down (ViewPerspective 0), by BT.601 limited range:
+ *   R = (298 (Y-16) + 409 (V-128) + 128) >> 8,
+ *   G = (298 (Y-16) - 100 (U-128) - 208 (V-128) + 128) >> 8,
+ *   B = (298 (Y-16) + 516 (U-128) + 128) >> 8, clipped to 0..255.
+ * Nothing is read outside the block (the header, palette, masks and rows
+ * must fit in it), and nothing is allocated for a block that is refused.
+ * bitmap receives a new record (what it held is not freed).
+ *
+ * V_ChangeFromDIB: the bitmap takes the block over (it frees it with
+ * V_FreeBitmap); bit-field pixels are rewritten in place.  Video frames are
+ * copied and the block freed.  V_MirrorFromDIB: the bitmap uses the block,
+ * which the caller keeps and frees after the bitmap; bit-field DIBs and
+ * video frames are copied (the block is never written).
+ * Returns: RESULT_OK; RESULT_BAD_PARAMETER (null, a block that cannot be
+ * locked, a width or height of 0, a negative width); RESULT_BAD_FORMAT (a
+ * header, palette, masks or rows the block does not hold, more than 256
+ * palette entries, rows larger than 4 GB, planes other than 1, an
+ * unsupported compression or bit count); RESULT_FAIL (memory); for copies
+ * also what V_ConvertFromDIB returns.
+ * See also: V_ConvertFromDIB, V_ConvertToDIB2. */
+VK_API int32_t VK_CALL V_ChangeFromDIB(BitmapHandle* bitmap, VK_HGLOBAL dib);
+VK_API int32_t VK_CALL V_MirrorFromDIB(BitmapHandle* bitmap, VK_HGLOBAL dib);
+/* A bitmap with its own storage (the thread's default memory type) from a
+ * DIB given as its header and its pixel data (borrowed; read as the header
+ * describes them, so the caller vouches for that many bytes).  Row loop.
+ * Returns: as V_ChangeFromDIB, and the status callback's value. */
+VK_API int32_t VK_CALL V_ConvertFromDIB(BitmapHandle* bitmap, const void* header, const void* bits);
+
+/* ---- color/: alpha channel ------------------------------------------------------------------ */
+/* The alpha channel is bit 15 of a 16-bit pixel, the fourth byte of a
+ * 32-bit pixel, the fourth 16-bit sample of a 64-bit pixel. */
+
+/* alphaOut receives a new bitmap of the same size, view perspective and
+ * resolution holding bitmap's alpha channel: 16-bit gray (ORDER_GRAY) for
+ * a 64-bit bitmap, else 8-bit with a gray palette (255 where bit 15 of a
+ * 16-bit pixel is set, 0 where clear; all 0 for depths without alpha).
+ * Storage on disk when bitmap's is, else in memory.  The region hook
+ * (display dispatch entry 2) is told of the new bitmap.  Row loop.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null, unallocated), RESULT_FAIL
+ * (memory), the region hook's or status callback's value, row I/O errors.
+ * See also: V_SetBitmapAlpha. */
+VK_API int32_t VK_CALL V_GetBitmapAlpha(BitmapHandle* bitmap, BitmapHandle* alphaOut);
 
 /* ===================================================================== */
 /* 5. reduce/ - palette lookup, dithering, colour count, optimiser,      */
@@ -1440,6 +1502,40 @@ VK_API int32_t VK_CALL V_GetResizedRowCol(void* state, uint8_t* buffer, int32_t 
 /* Unlocks the source, frees every buffer and the dithering, then the state.
  * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null or not a reader). */
 VK_API int32_t VK_CALL V_StopResizeBitmap(void* state);
+
+/* ---- geometry/: device-independent bitmaps (out) ------------------------------------------ */
+/* A new DIB (see V_ChangeFromDIB) from a copy of bitmap: header of 40 bytes
+ * (type 0), 108 (type 1: masks, end points and gamma zero) or 124 (type 2:
+ * colour space "sRGB", intent and profile zero); compression 0; positive
+ * height, rows bottom-up; dots per inch as (dpi * 10000 + 127) / 254 pixels
+ * per metre.  Depths: 1, 4 and 8 kept (2 and 3 widened to 4, 5-7 to 8,
+ * index for index), with their palette; 16, 24, 32 of ORDER_BGR kept
+ * (the fourth byte of 32-bit pixels too); other orders to the same depth
+ * in ORDER_BGR; 12- and 16-bit gray and 48 bits to 24; 64 to 32.  A bitmap
+ * in a view perspective other than 0 or 2 is turned in a temporary copy.
+ * The caller frees the block (VKP_GlobalFree).  bitmap is never changed.
+ * Returns: the block, or null (null, unallocated, type not 0-2, memory). */
+VK_API VK_HGLOBAL VK_CALL V_ConvertToDIB2(BitmapHandle* bitmap, int32_t type);
+/* V_ConvertToDIB2 (bitmap, 0). */
+VK_API VK_HGLOBAL VK_CALL V_ConvertToDIB(BitmapHandle* bitmap);
+/* V_ConvertToDIB2, then the bitmap is freed (V_FreeBitmap) when the block
+ * was made; on failure it is as it was. */
+VK_API VK_HGLOBAL VK_CALL V_ChangeToDIB2(BitmapHandle* bitmap, int32_t type);
+VK_API VK_HGLOBAL VK_CALL V_ChangeToDIB(BitmapHandle* bitmap);
+
+/* ---- geometry/: alpha channel ---------------------------------------------------------------- */
+/* Writes alpha into bitmap's alpha channel (see V_GetBitmapAlpha), in
+ * place, over the area both cover (rows and columns from 0 up to the
+ * smaller height and width); the rest keeps its alpha.  A bitmap of another
+ * depth is first converted to 32 bits (64 from 48) in ORDER_BGR (ORDER_RGB
+ * kept for deeper RGB bitmaps); that conversion stays even when a later
+ * step fails.  alpha is used as it is when it is gray of 8 bits (16 for a
+ * 64-bit bitmap; 1 or 8 for a 16-bit one) in bitmap's view perspective,
+ * else through a gray copy turned to it.  A 16-bit pixel's bit 15 is set
+ * for alpha 128 and above (a set bit of 1-bit alpha).  alpha is not changed.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null or unallocated),
+ * RESULT_FAIL (memory), row I/O errors, what the conversions return. */
+VK_API int32_t VK_CALL V_SetBitmapAlpha(BitmapHandle* bitmap, BitmapHandle* alpha);
 
 #ifdef __cplusplus
 }

@@ -2,11 +2,13 @@
 // 1- to 8-bit palette indices, by nearest colour, by one of six error-
 // diffusion kernels or by one of two ordered threshold matrices.
 //
-// Speed: the per-row work is a single left-to-right pass.  The row function
-// is picked once at start from (source class, method, match mode) and every
-// combination is its own template instance, so the pixel loop contains no
-// switch and no indirect call; only the first lookup of an unresolved
-// 5-5-5 cell leaves the loop (cold path).
+// Speed: a row is first decoded into 8-bit channels through the pixel-format
+// layer (one run call per row), then dithered in a single left-to-right
+// pass.  Decoder and row function are picked once at start from (depth,
+// order) and (method, match mode); every combination of the latter is its
+// own template instance, so the pixel loop contains no switch and no
+// indirect call; only the first lookup of an unresolved 5-5-5 cell leaves
+// the loop (cold path).
 //
 // Error diffusion keeps integer numerators (weight * error) in the error
 // rows and divides once per channel per pixel, truncating toward zero.
@@ -14,10 +16,18 @@
 
 #include <climits>
 #include <cstring>
+#include <type_traits>
+
+#if defined(__GNUC__) && defined(__x86_64__)
+#include <immintrin.h>
+#define VK_DITHER_AVX2 1
+#endif
 
 #include "core.h"
 #include "lookup.h"
+#include "pixel_format.h"
 #include "palette_tables.h"
+#include "platform.h"
 
 namespace vk {
 namespace {
@@ -89,122 +99,72 @@ struct MethodShape {
 // Error rows and margin by method 0..8.
 constexpr MethodShape kMethodShape[9] = {{0, 0}, {1, 1}, {2, 2}, {1, 2}, {2, 2}, {3, 3}, {2, 2}, {0, 0}, {0, 0}};
 
-// ---- source readers: sequential, one pixel per next() ---------------------------
+// ---- source rows -----------------------------------------------------------------------
+// Before a row is dithered it is decoded, through the pixel-format layer's
+// run table, into 8-bit channels (c.RowRgb); the kernels read only that.
+// Palette indices go through the source palette, gray samples through the
+// caller's lookup table or the 0-255 scale.  Each decoder is chosen at start.
 
-struct SrcPal8 {
-  const uint8_t* p;
-  const RGBQUAD* pal;
-  SrcPal8(const DitherContext& c, uint8_t* in) : p(in), pal(c.SourcePalette) {}
-  void next(int& r, int& g, int& b) {
-    const RGBQUAD& q = pal[*p++];
-    r = q.rgbRed;
-    g = q.rgbGreen;
-    b = q.rgbBlue;
+void decode_indexed(DitherContext& c, uint8_t* in, int32_t width) {
+  const uint32_t n = uint32_t(width);
+  uint8_t* idx = c.RowWork;
+  c.Codec->decode(in, 0, n, idx, SampleRange{});
+  Rgb8* out = c.RowRgb;
+  const RGBQUAD* pal = c.SourcePalette;
+  for (uint32_t i = 0; i < n; ++i) {
+    const RGBQUAD& q = pal[idx[i]];
+    out[i] = Rgb8{q.rgbRed, q.rgbGreen, q.rgbBlue};
   }
-};
+}
 
-// 1-7 bits: a continuous big-endian bit stream; a byte is loaded only when the
-// next pixel needs it, so the row is never read past its last pixel.
-struct SrcPalBits {
-  const uint8_t* p;
-  const RGBQUAD* pal;
-  uint32_t acc = 0, avail = 0, bits, mask;
-  SrcPalBits(const DitherContext& c, uint8_t* in)
-      : p(in), pal(c.SourcePalette), bits(uint32_t(c.SourceBits)), mask((1u << c.SourceBits) - 1u) {}
-  void next(int& r, int& g, int& b) {
-    if (avail < bits) {
-      acc = (acc << 8) | *p++;
-      avail += 8;
-    }
-    avail -= bits;
-    const RGBQUAD& q = pal[(acc >> avail) & mask];
-    r = q.rgbRed;
-    g = q.rgbGreen;
-    b = q.rgbBlue;
-  }
-};
-
-// 12- and 16-bit gray samples, through the lookup table or the 0-255 scale.
-template <int Bits, bool Lut>
-struct SrcGray {
-  const uint8_t* p;
-  uint32_t shift, mask;
-  const uint32_t* lut;
-  uint32_t lut_max;
-  const uint8_t* scale;
-  bool odd = false;
-  SrcGray(const DitherContext& c, uint8_t* in)
-      : p(in), shift(c.GrayShift), mask(c.GrayMask), lut(c.GrayLut), lut_max(c.GrayLutLength - 1u),
-        scale(c.GrayScale) {}
-  void next(int& r, int& g, int& b) {
-    uint32_t s;
-    if constexpr (Bits == 12) {
-      if (!odd) {
-        s = le16(p) & 0xFFFu;
-      } else {
-        s = le16(p + 1) >> 4;
-        p += 3;
-      }
-      odd = !odd;
-    } else {
-      s = le16(p);
-      p += 2;
-    }
-    uint32_t v = (s >> shift) & mask;
-    if constexpr (Lut) {
-      if (v > lut_max) v = lut_max;  // the table is the caller's: never index past it
+template <bool Lut>
+void decode_gray(DitherContext& c, uint8_t* in, int32_t width) {
+  const uint32_t n = uint32_t(width);
+  uint16_t* s = reinterpret_cast<uint16_t*>(c.RowWork);
+  c.Codec->decode(in, 0, n, s, SampleRange{c.GrayShift, c.GrayMask});
+  Rgb8* out = c.RowRgb;
+  if constexpr (Lut) {
+    const uint32_t* lut = c.GrayLut;
+    const uint32_t lut_max = c.GrayLutLength - 1u;
+    for (uint32_t i = 0; i < n; ++i) {
+      const uint32_t v = s[i] > lut_max ? lut_max : s[i];  // the table is the caller's: never index past it
       const uint8_t* q = reinterpret_cast<const uint8_t*>(lut + v);
-      b = q[0];
-      g = q[1];
-      r = q[2];
-    } else {
-      r = g = b = scale[v];
+      out[i] = Rgb8{q[2], q[1], q[0]};
+    }
+  } else {
+    const uint8_t* scale = c.GrayScale;
+    for (uint32_t i = 0; i < n; ++i) {
+      const uint8_t v = scale[s[i] & 255u];  // the mask keeps samples below 256
+      out[i] = Rgb8{v, v, v};
     }
   }
-};
+}
 
-struct Src555 {
-  const uint8_t* p;
-  uint32_t rs, bs;
-  Src555(const DitherContext& c, uint8_t* in) : p(in), rs(uint32_t(c.RedShift)), bs(uint32_t(c.BlueShift)) {}
-  void next(int& r, int& g, int& b) {
-    const uint32_t v = le16(p);
-    p += 2;
-    r = widen5((v >> rs) & 31u);
-    g = widen5((v >> 5) & 31u);
-    b = widen5((v >> bs) & 31u);
-  }
-};
-
-// 24/32 bits (channel bytes) and 48/64 bits (high bytes of little-endian
-// 16-bit channels): one byte per channel at fixed offsets within the pixel.
-struct SrcBytes {
-  const uint8_t* p;
-  size_t stride, ro, go, bo;
-  SrcBytes(const DitherContext& c, uint8_t* in)
-      : p(in), stride(size_t(c.Stride)), ro(size_t(c.RedOffset)), go(size_t(c.GreenOffset)),
-        bo(size_t(c.BlueOffset)) {}
-  void next(int& r, int& g, int& b) {
-    r = p[ro];
-    g = p[go];
-    b = p[bo];
-    p += stride;
-  }
-};
+void decode_colour(DitherContext& c, uint8_t* in, int32_t width) {
+  c.Codec->decode8(in, 0, uint32_t(width), c.RowRgb, SampleRange{});
+}
 
 // 24/48 bits in the second colour space: each pixel is converted in place,
 // inside the caller's row, to 24-bit BGR and then read.
-struct SrcOrder5 {
-  uint8_t* p;
-  size_t stride;
-  int32_t bits;
-  SrcOrder5(const DitherContext& c, uint8_t* in) : p(in), stride(size_t(c.Stride)), bits(c.SourceBits) {}
+void decode_order5(DitherContext& c, uint8_t* in, int32_t width) {
+  const size_t stride = size_t(c.Stride);
+  Rgb8* out = c.RowRgb;
+  uint8_t* p = in;
+  for (int32_t x = 0; x < width; ++x, p += stride) {
+    V_ConvertBuffer(p, 1, c.SourceBits, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
+    out[x] = Rgb8{p[2], p[1], p[0]};
+  }
+}
+
+// The kernels' reader: one decoded pixel per next().
+struct SrcRow {
+  const Rgb8* p;
+  explicit SrcRow(const DitherContext& c) : p(c.RowRgb) {}
   void next(int& r, int& g, int& b) {
-    V_ConvertBuffer(p, 1, bits, 24, ORDER_BGR_ALT, ORDER_BGR, nullptr, nullptr);
-    b = p[0];
-    g = p[1];
-    r = p[2];
-    p += stride;
+    r = p->r;
+    g = p->g;
+    b = p->b;
+    ++p;
   }
 };
 
@@ -312,10 +272,10 @@ struct MatchCompare16 {
 
 // ---- row functions -------------------------------------------------------------------------
 
-template <class Src, class M>
-void row_plain(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
+template <class M>
+void row_plain(DitherContext& c, uint8_t* out, int32_t width) {
   if (width < 1) return;
-  Src src(c, in);
+  SrcRow src(c);
   const M match(c);
   Packer pk(out, c.OutputBits);
   for (int32_t x = 0; x < width; ++x) {
@@ -326,13 +286,101 @@ void row_plain(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
   pk.finish();
 }
 
-template <class Src, class M>
-void row_ordered(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
+// Black and white by threshold, eight pixels to a byte (n a multiple of 8):
+// pixel x is 1 when the matrix value is below its gray level.
+void threshold_gray_bytes(const Rgb8* in, int32_t n, const uint8_t* mrow, uint8_t* out) {
+  for (int32_t x = 0; x < n; x += 8, in += 8) {
+    uint32_t byte = 0;
+    for (int k = 0; k < 8; ++k) {
+      const uint32_t level = (2u * in[k].r + 5u * in[k].g + in[k].b + 4u) >> 3;
+      byte |= uint32_t(mrow[k] < level) << (7 - k);
+    }
+    out[x >> 3] = uint8_t(byte);
+  }
+}
+
+#if VK_DITHER_AVX2
+// The same sixteen pixels at a time; returns how many pixels it did (a
+// multiple of 16).  Lane j of a vector holds pixel 8 (j / 8) + 7 - j % 8, so
+// the byte mask comes out most significant pixel first.
+struct ThresholdShuffles {
+  alignas(16) int8_t pick[3][3][16];  // [channel][source vector][lane]
+  constexpr ThresholdShuffles() : pick{} {
+    for (int ch = 0; ch < 3; ++ch)
+      for (int v = 0; v < 3; ++v)
+        for (int j = 0; j < 16; ++j) {
+          const int at = 3 * (8 * (j / 8) + 7 - j % 8) + ch - 16 * v;
+          pick[ch][v][j] = int8_t(at >= 0 && at < 16 ? at : -128);
+        }
+  }
+};
+constexpr ThresholdShuffles kThresholdShuffles;
+
+__attribute__((target("avx2"))) int32_t threshold_gray_bytes_avx2(const Rgb8* in, int32_t n, const uint8_t* mrow,
+                                                                  uint8_t* out) {
+  const ThresholdShuffles& t = kThresholdShuffles;
+  __m128i pick[3][3];
+  for (int ch = 0; ch < 3; ++ch)
+    for (int v = 0; v < 3; ++v) pick[ch][v] = _mm_load_si128(reinterpret_cast<const __m128i*>(t.pick[ch][v]));
+  alignas(16) uint8_t above[16];  // matrix value + 1 per lane: level >= it means 1
+  for (int j = 0; j < 16; ++j) above[j] = uint8_t(mrow[7 - j % 8] + 1);
+  const __m128i m1 = _mm_load_si128(reinterpret_cast<const __m128i*>(above));
+  const __m128i zero = _mm_setzero_si128(), five = _mm_set1_epi16(5), four = _mm_set1_epi16(4);
+  const uint8_t* p = &in[0].r;
+  int32_t x = 0;
+  for (; x + 16 <= n; x += 16, p += 48) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));
+    const __m128i c = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 32));
+    __m128i ch[3];
+    for (int k = 0; k < 3; ++k)
+      ch[k] = _mm_or_si128(_mm_or_si128(_mm_shuffle_epi8(a, pick[k][0]), _mm_shuffle_epi8(b, pick[k][1])),
+                           _mm_shuffle_epi8(c, pick[k][2]));
+    auto level = [&](__m128i r, __m128i g, __m128i bl) {
+      const __m128i sum = _mm_add_epi16(_mm_add_epi16(_mm_slli_epi16(r, 1), _mm_mullo_epi16(g, five)),
+                                        _mm_add_epi16(bl, four));
+      return _mm_srli_epi16(sum, 3);
+    };
+    const __m128i lo = level(_mm_unpacklo_epi8(ch[0], zero), _mm_unpacklo_epi8(ch[1], zero),
+                             _mm_unpacklo_epi8(ch[2], zero));
+    const __m128i hi = level(_mm_unpackhi_epi8(ch[0], zero), _mm_unpackhi_epi8(ch[1], zero),
+                             _mm_unpackhi_epi8(ch[2], zero));
+    const __m128i gray = _mm_packus_epi16(lo, hi);
+    const uint32_t mask = uint32_t(_mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(gray, m1), gray)));
+    out[x >> 3] = uint8_t(mask);
+    out[(x >> 3) + 1] = uint8_t(mask >> 8);
+  }
+  return x;
+}
+#endif
+
+template <class M>
+void row_ordered(DitherContext& c, uint8_t* out, int32_t width) {
   const uint8_t* mrow = c.Matrix + (c.RowCounter & 7u) * 8u;
   ++c.RowCounter;
   if (width < 1) return;
-  Src src(c, in);
+  SrcRow src(c);
   const M match(c);
+  if constexpr (std::is_same_v<M, MatchCompare2>) {
+    if (c.OutputBits == 1) {
+      const int32_t whole = width & ~7;
+      int32_t done = 0;
+#if VK_DITHER_AVX2
+      if (plat::simd_level() == plat::Simd::avx2) done = threshold_gray_bytes_avx2(c.RowRgb, whole, mrow, out);
+#endif
+      threshold_gray_bytes(c.RowRgb + done, whole - done, mrow, out + (done >> 3));
+      out += whole >> 3;
+      src.p += whole;
+      Packer pk(out, 1);
+      for (int32_t x = whole; x < width; ++x) {
+        int r, g, b;
+        src.next(r, g, b);
+        pk.put(match.cmp(r, g, b, mrow[x & 7]));
+      }
+      pk.finish();
+      return;
+    }
+  }
   Packer pk(out, c.OutputBits);
   if constexpr (M::compare) {
     for (int32_t x = 0; x < width; ++x) {
@@ -358,8 +406,8 @@ void row_ordered(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
 // row in that same column.  Columns 0 .. F-1 rotate at line start, column
 // x + F when pixel x is reached, so every column left of x + F already
 // describes the next line while columns right of it still hold this line.
-template <class Src, class K, class M>
-void row_diffuse(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
+template <class K, class M>
+void row_diffuse(DitherContext& c, uint8_t* out, int32_t width) {
   constexpr int F = K::F, R = K::R, D = K::D;
   int32_t* rows[3][3] = {};
   int32_t car[3][F];  // numerators of columns x .. x + F - 1 on this line
@@ -387,7 +435,7 @@ void row_diffuse(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
   }
   if (width < 1) return;
 
-  Src src(c, in);
+  SrcRow src(c);
   const M match(c);
   Packer pk(out, c.OutputBits);
   const RGBQUAD* pal = c.DestPalette;
@@ -433,15 +481,14 @@ void row_diffuse(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width) {
 
 // ---- picking the row function (once, at start) ---------------------------------------------
 
-template <class Src>
 struct Plain {
   template <class M>
-  static DitherRowFn get() { return &row_plain<Src, M>; }
+  static DitherRowFn get() { return &row_plain<M>; }
 };
-template <class Src, class K>
+template <class K>
 struct Diffuse {
   template <class M>
-  static DitherRowFn get() { return &row_diffuse<Src, K, M>; }
+  static DitherRowFn get() { return &row_diffuse<K, M>; }
 };
 
 template <class Rowf>
@@ -457,50 +504,30 @@ DitherRowFn by_mode(int32_t mode) {
   }
 }
 
-template <class Src>
 DitherRowFn by_mode_ordered(int32_t mode) {
   switch (mode) {
     case MATCH_OWN_TABLE:
-    case MATCH_USER_TABLE: return &row_ordered<Src, MatchTable>;
-    case MATCH_FIXED_2: return &row_ordered<Src, MatchCompare2>;
-    case MATCH_FIXED_4: return &row_ordered<Src, MatchGray>;
-    case MATCH_FIXED_16: return &row_ordered<Src, MatchCompare16>;
-    case MATCH_FIXED_CUBE: return &row_ordered<Src, MatchCube>;
-    default: return &row_ordered<Src, MatchPack>;
+    case MATCH_USER_TABLE: return &row_ordered<MatchTable>;
+    case MATCH_FIXED_2: return &row_ordered<MatchCompare2>;
+    case MATCH_FIXED_4: return &row_ordered<MatchGray>;
+    case MATCH_FIXED_16: return &row_ordered<MatchCompare16>;
+    case MATCH_FIXED_CUBE: return &row_ordered<MatchCube>;
+    default: return &row_ordered<MatchPack>;
   }
 }
 
-template <class Src>
-DitherRowFn by_method(int32_t method, int32_t mode) {
+DitherRowFn pick_row(int32_t method, int32_t mode) {
   switch (method) {
-    case DITHER_FLOYD_STEINBERG: return by_mode<Diffuse<Src, KernelFloydSteinberg>>(mode);
-    case DITHER_STUCKI: return by_mode<Diffuse<Src, KernelStucki>>(mode);
-    case DITHER_BURKES: return by_mode<Diffuse<Src, KernelBurkes>>(mode);
-    case DITHER_SIERRA: return by_mode<Diffuse<Src, KernelSierra>>(mode);
-    case DITHER_STEVENSON_ARCE: return by_mode<Diffuse<Src, KernelStevensonArce>>(mode);
-    case DITHER_JARVIS: return by_mode<Diffuse<Src, KernelJarvis>>(mode);
+    case DITHER_FLOYD_STEINBERG: return by_mode<Diffuse<KernelFloydSteinberg>>(mode);
+    case DITHER_STUCKI: return by_mode<Diffuse<KernelStucki>>(mode);
+    case DITHER_BURKES: return by_mode<Diffuse<KernelBurkes>>(mode);
+    case DITHER_SIERRA: return by_mode<Diffuse<KernelSierra>>(mode);
+    case DITHER_STEVENSON_ARCE: return by_mode<Diffuse<KernelStevensonArce>>(mode);
+    case DITHER_JARVIS: return by_mode<Diffuse<KernelJarvis>>(mode);
     case DITHER_ORDERED:
-    case DITHER_CLUSTERED: return by_mode_ordered<Src>(mode);
-    default: return by_mode<Plain<Src>>(mode);
+    case DITHER_CLUSTERED: return by_mode_ordered(mode);
+    default: return by_mode<Plain>(mode);
   }
-}
-
-// How source pixels are read, settled from depth and order at start.
-enum class SrcClass { pal8, pal_bits, gray12, gray12_lut, gray16, gray16_lut, rgb555, bytes, order5 };
-
-DitherRowFn pick_row(SrcClass s, int32_t method, int32_t mode) {
-  switch (s) {
-    case SrcClass::pal8: return by_method<SrcPal8>(method, mode);
-    case SrcClass::pal_bits: return by_method<SrcPalBits>(method, mode);
-    case SrcClass::gray12: return by_method<SrcGray<12, false>>(method, mode);
-    case SrcClass::gray12_lut: return by_method<SrcGray<12, true>>(method, mode);
-    case SrcClass::gray16: return by_method<SrcGray<16, false>>(method, mode);
-    case SrcClass::gray16_lut: return by_method<SrcGray<16, true>>(method, mode);
-    case SrcClass::rgb555: return by_method<Src555>(method, mode);
-    case SrcClass::bytes: return by_method<SrcBytes>(method, mode);
-    case SrcClass::order5: return by_method<SrcOrder5>(method, mode);
-  }
-  return nullptr;
 }
 
 // ---- start ---------------------------------------------------------------------------------
@@ -563,7 +590,11 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
   const uint64_t head = (uint64_t(sizeof(DitherContext)) + 15u) & ~uint64_t(15);
   const uint64_t rowsBytes = 3u * uint64_t(shape.rows) * rowLength * sizeof(int32_t);
   const uint64_t tableBytes = mode == MATCH_OWN_TABLE ? uint64_t(kColorCells) * sizeof(uint32_t) : 0u;
-  const uint64_t total = head + tableBytes + rowsBytes;
+  // Decoded source row (8-bit channels) and the indices or gray samples it
+  // is made from.
+  const uint64_t rgbBytes = (3u * width + 15u) & ~uint64_t(15);
+  const uint64_t workBytes = 2u * width;
+  const uint64_t total = head + tableBytes + rowsBytes + rgbBytes + workBytes;
   if (rowLength > UINT32_MAX || total > uint64_t(SIZE_MAX)) return RESULT_FAIL;
   void* block = V_Calloc(1, size_t(total));
   if (!block) return RESULT_FAIL;
@@ -587,6 +618,8 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
   int32_t* rowMem = reinterpret_cast<int32_t*>(base + head + tableBytes);
   for (int ch = 0; ch < 3; ++ch)
     for (int r = 0; r < shape.rows; ++r) c->ErrorRows[ch * 3 + r] = rowMem + (ch * shape.rows + r) * rowLength;
+  c->RowRgb = reinterpret_cast<Rgb8*>(base + head + tableBytes + rowsBytes);
+  c->RowWork = base + head + tableBytes + rowsBytes + rgbBytes;
 
   std::memcpy(c->DestPalette, pal, palBytes);
 
@@ -608,11 +641,11 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
                                            {6, 4, 6, 2, 6}, {6, 5, 5, 2, 6}, {5, 5, 5, 2, 6}, {}};
   std::memcpy(c->PackShift, kPack[mode], sizeof c->PackShift);
 
-  // Source layout.
+  // Source layout: how its rows decode into 8-bit channels.
   const int32_t order = bm->Order;
-  SrcClass src = SrcClass::bytes;
   if (bits <= 8) {
-    src = bits == 8 ? SrcClass::pal8 : SrcClass::pal_bits;
+    c->Decode = decode_indexed;
+    c->Codec = &run_codec(bits, kGray);
     const uint32_t count = bm->ColorCount < 256u ? bm->ColorCount : 256u;
     if (count > 0 && bm->Palette &&
         V_GetBitmapPaletteEntries(bm, 0, int32_t(count), c->SourcePalette) <= 0)
@@ -633,29 +666,18 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
       for (uint32_t v = 0; v <= c->GrayMask && v < 256u; ++v)
         c->GrayScale[v] = uint8_t(c->GrayMask < 255u ? v * 255u / c->GrayMask : v);
     }
-    if (bits == 12) src = lut ? SrcClass::gray12_lut : SrcClass::gray12;
-    else src = lut ? SrcClass::gray16_lut : SrcClass::gray16;
-  } else if (bits == 16) {
-    src = SrcClass::rgb555;
-    c->RedShift = order == ORDER_BGR ? 10 : 0;
-    c->BlueShift = order == ORDER_BGR ? 0 : 10;
-  } else {
-    const bool bgr = order == ORDER_BGR;
-    const bool wide = bits >= 48;  // 16-bit channels: read their high bytes
+    c->Decode = lut ? decode_gray<true> : decode_gray<false>;
+    c->Codec = &run_codec(bits, kGray);
+  } else if ((bits == 24 || bits == 48) && order != ORDER_RGB && order != ORDER_BGR) {
+    c->Decode = decode_order5;
     c->Stride = bits / 8;
-    if ((bits == 24 || bits == 48) && order != ORDER_RGB && order != ORDER_BGR) {
-      src = SrcClass::order5;
-    } else {
-      const int32_t step = wide ? 2 : 1, hi = wide ? 1 : 0;
-      c->RedOffset = (bgr ? 2 : 0) * step + hi;
-      c->GreenOffset = step + hi;
-      c->BlueOffset = (bgr ? 0 : 2) * step + hi;
-    }
+  } else {
+    c->Decode = decode_colour;
+    c->Codec = &run_codec(bits, order == ORDER_BGR ? kBgr : kRgb);
   }
   if (order == ORDER_GRAY && bits != 12 && bits != 16) gray_range(bits, 8, bm->LowBit, bm->HighBit, *c);
 
-  c->Row = pick_row(src, method, mode);
-  if (!c->Row) return RESULT_FAIL;
+  c->Row = pick_row(method, mode);
 
   // Pre-seed: exact palette colours resolve without a search; the first
   // entry that falls in a cell wins.  A caller's table is seeded in place,
@@ -725,7 +747,8 @@ VK_API int32_t VK_CALL V_DitherLine(BitmapHandle* bitmap, uint8_t* inputRow, uin
     DitherContext& c = *static_cast<DitherContext*>(bitmap->DitherState);
     // The error rows were sized for the width at start; never run past it.
     const int32_t width = bitmap->Width < c.Width ? bitmap->Width : c.Width;
-    c.Row(c, inputRow, outputRow, width);
+    if (width > 0) c.Decode(c, inputRow, width);
+    c.Row(c, outputRow, width);
     return RESULT_OK;
   });
 }

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "pixel_format.h"
 #include "vkkrn.h"
 
 namespace vk {
@@ -36,8 +37,10 @@ struct DitherMatchEntry {
 };
 
 struct DitherContext;
-// Converts one row; chosen at start for (source class, method, match mode).
-using DitherRowFn = void (*)(DitherContext& c, uint8_t* in, uint8_t* out, int32_t width);
+// Decodes one source row into RowRgb; chosen at start from depth and order.
+using DitherDecodeFn = void (*)(DitherContext& c, uint8_t* in, int32_t width);
+// Dithers the decoded row; chosen at start for (method, match mode).
+using DitherRowFn = void (*)(DitherContext& c, uint8_t* out, int32_t width);
 
 struct DitherContext {
   uint32_t RowCounter;       // lines dithered so far (ordered methods only)
@@ -69,9 +72,11 @@ struct DitherContext {
   DitherRowFn Row;
   const uint8_t* Matrix;     // ordered methods: 8 x 8 threshold matrix
   // source reading
-  int32_t Stride;            // bytes per pixel for byte-addressed sources
-  int32_t RedOffset, GreenOffset, BlueOffset;
-  int32_t RedShift, BlueShift;   // 5-5-5 field positions
+  DitherDecodeFn Decode;
+  const RunCodec* Codec;     // the source layout's run codecs
+  Rgb8* RowRgb;              // the decoded row, Width pixels
+  uint8_t* RowWork;          // indices or gray samples before they become RowRgb
+  int32_t Stride;            // bytes per pixel of the second colour space's rows
   const uint32_t* GrayLut;   // in force only with BITMAP_GRAY_FLAG
   uint32_t GrayLutLength;
   uint8_t GrayScale[256];    // v -> v * 255 / GrayMask for masks below 255

@@ -22,16 +22,59 @@ run_variant() {
   ctest --test-dir "$dir" -j"$jobs" --output-on-failure --timeout 600
 }
 
-# The palette matching again with every vector kernel on its plain path.
+# What a user of the package does: install into a temporary prefix, then
+# build examples/ from there, through pkg-config (C, shared and static) and
+# through find_package (C++ through vkkrn.hpp, shared and static), and run them.
+run_install_check() {
+  echo "==== $1 install and consumer builds ===="
+  local prefix work
+  prefix=$(mktemp -d) work=$(mktemp -d)
+  cmake --install "build/test-$1" --prefix "$prefix" >/dev/null
+  local examples=$prefix/share/doc/vkkrn/examples version
+  export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
+  version=$(pkg-config --modversion vkkrn13n)
+  cc -std=c99 -Wall -Werror "$examples/basic.c" $(pkg-config --cflags --libs vkkrn13n) \
+    -Wl,-rpath,"$prefix/lib" -o "$work/basic-shared"
+  # Static: the library and what Libs.private names (the C++ runtime) from
+  # their archives, the C library as usual.
+  cc -std=c99 -Wall -Werror "$examples/basic.c" $(pkg-config --cflags vkkrn13n) \
+    -Wl,-Bstatic $(pkg-config --static --libs vkkrn13n) -Wl,-Bdynamic -o "$work/basic-static"
+  local needed program
+  needed=$(readelf -d "$work/basic-static")
+  case $needed in *libVKKRN13N*|*libstdc++*)
+    echo "install: basic-static needs a shared library: $needed" >&2; exit 1 ;;
+  esac
+  needed=$(readelf -d "$work/basic-shared")
+  case $needed in *"[libVKKRN13N.so.${version%%.*}]"*) ;;
+    *) echo "install: basic-shared does not need libVKKRN13N.so.${version%%.*}" >&2; exit 1 ;;
+  esac
+  for program in basic-shared basic-static; do
+    case $("$work/$program") in
+      *"version $version"$'\n'*) ;;
+      *) echo "install: $program does not report version $version" >&2; exit 1 ;;
+    esac
+  done
+  cmake -S "$examples" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_TYPE=Release >/dev/null
+  cmake --build "$work/cmake" -j"$jobs" >/dev/null
+  "$work/cmake/basic" >/dev/null
+  "$work/cmake/reduce" >/dev/null
+  "$work/cmake/reduce_static" >/dev/null
+  unset PKG_CONFIG_PATH
+  echo "install: $version in $prefix; pkg-config (shared, static) and find_package builds ran"
+  rm -rf "$prefix" "$work"
+}
+
+# The palette matching, row mirrors and transpositions again with every
+# vector kernel on its plain path.
 run_generic() {
   echo "==== $1 tests, plain kernels (VK_FORCE_GENERIC=1) ===="
   VK_FORCE_GENERIC=1 "build/test-$1/vk_tests" \
-    --gtest_filter='Lookup*:Convert*:Dither*:ColorRes*:Optimize*:Golden*:Palette*:Pixel*'
+    --gtest_filter='Lookup*:Convert*:Dither*:ColorRes*:Optimize*:Golden*:Palette*:Pixel*:MirrorLine*:RotateBuffer*:OrientTest.Flip*'
 }
 
 for v in "${variants[@]}"; do
   case $v in
-    native) run_variant native && run_generic native ;;
+    native) run_variant native && run_generic native && run_install_check native ;;
     m32)
       # Some kernels (sandboxes among them) cannot execute 32-bit binaries:
       # then the tests run under user-mode emulation.

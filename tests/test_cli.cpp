@@ -601,6 +601,31 @@ TEST_F(CliProgram, PixelsGrayAndColourCount) {
   EXPECT_EQ(c.r, c.g);
 }
 
+// --alpha-in makes a 24-bit picture 32-bit with the gray image as its alpha
+// (a smaller one sets the top-left part); --alpha-out writes it back.
+TEST_F(CliProgram, AlphaChannelInAndOut) {
+  save("a.png", random_image(24, 1, {}, 7, 5, 3));
+  Image gray;
+  gray.allocate(3, 2, 8, vkimg::kOrderRgb);
+  gray.palette = gray_ramp(8);
+  for (int i = 0; i < 6; ++i) gray.row(i / 3)[i % 3] = uint8_t(40 * i + 1);
+  save("alpha.png", gray);
+  Outcome r = run({path("a.png"), "--alpha-in", path("alpha.png"), "--alpha-out", path("out.png"), path("b.png")});
+  ASSERT_EQ(0, r.status) << r.err;
+  const Image b = load("b.png"), out = load("out.png");
+  ASSERT_EQ(32, b.bits);
+  ASSERT_EQ(8, out.bits);
+  for (int y = 0; y < 3; ++y)
+    for (int x = 0; x < 5; ++x) {
+      const int want = x < 3 && y < 2 ? 40 * (y * 3 + x) + 1 : 0;
+      EXPECT_EQ(want, b.row(y)[4 * x + 3]) << x << "," << y;
+      EXPECT_EQ(want, out.palette[out.index_at(x, y)].r) << x << "," << y;
+    }
+  r = run({path("a.png"), "--alpha-in", path("missing.png"), path("c.png")});
+  EXPECT_NE(0, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("missing.png")) << r.err;
+}
+
 TEST_F(CliProgram, PutPixelThenReadBack) {
   save("a.png", random_image(24, 1, {}, 4, 9, 5));
   const Outcome r = run({path("a.png"), "--put-pixel", "3,4=#102030", "--put-pixel", "0,0=1,2,3", path("b.png")});

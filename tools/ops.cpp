@@ -469,6 +469,27 @@ void op_view_perspective(Context& ctx, const std::string& arg) {
   check_result(V_ChangeBitmapViewPerspective(nullptr, &bm, static_cast<int32_t>(v)), "--view-perspective " + arg);
 }
 
+
+// The alpha channel as a gray image file: 8 bits, 16 for 64-bit pixels, all
+// zero for depths without one.
+void op_alpha_out(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--alpha-out");
+  Bitmap alpha;
+  check_result(V_GetBitmapAlpha(&bm, alpha.get()), "--alpha-out " + arg);
+  alpha.adopt();
+  std::vector<std::string> notes;
+  save_bitmap(*alpha.get(), arg, format_for_path(arg), EncodeOptions{}, &notes);
+  for (const std::string& n : notes) *ctx.out << n << "\n";
+}
+
+// The alpha channel from a gray (or any) image file; an image without one
+// becomes 32 bits (64 from 48) first.  A smaller file sets the top-left part.
+void op_alpha_in(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--alpha-in");
+  Bitmap alpha = load_bitmap(arg, ctx.settings.memory_type);
+  check_result(V_SetBitmapAlpha(&bm, alpha.get()), "--alpha-in " + arg);
+}
+
 }  // namespace
 
 ReduceRequest parse_reduce(const std::string& arg, const Settings& s) {
@@ -549,6 +570,10 @@ const std::vector<OpInfo>& operations() {
        op_resize},
       {"--view-perspective", "N", "store the rows in orientation N (0-5, 7, 8); the picture stays the same",
        op_view_perspective},
+      {"--alpha-out", "FILE", "write the alpha channel as a gray image (zeros when the image has none)",
+       op_alpha_out},
+      {"--alpha-in", "FILE", "set the alpha channel from an image (made gray); the image gets 32 or 64 bits",
+       op_alpha_in},
   };
   return kOps;
 }

@@ -510,6 +510,10 @@ std::vector<DemoStep> demo_steps() {
                true});
   d.push_back({"height-half.png", {{"--height", "half"}}});  // the number is filled in by run_demo
   d.push_back({"put-pixel.png", {}});                        // filled in by run_demo: a marked cross
+  // The 8-bit gray picture as the alpha channel (a 32-bit PNG that fades
+  // where the picture is dark), and that channel written out again.
+  d.push_back({"alpha-in.png", {{"--alpha-in", "gray-8.png"}, {"--alpha-out", "alpha-out.png"}}});
+  d.push_back({"bmp-32-alpha.bmp", {{"--alpha-in", "gray-8.png"}}});
   return d;
 }
 
@@ -601,6 +605,8 @@ int run_demo(Command& cmd) {
     s.dither = d.dither;
     s.palette = d.palette;
     if (d.file == "height-half.png") d.steps[0].arg = std::to_string(std::max(1, img.height / 2));
+    for (Step& st : d.steps)
+      if (st.option == "--alpha-in" || st.option == "--alpha-out") st.arg = (dir / st.arg).string();
     if (d.file == "put-pixel.png") {
       const int cx = img.width / 2, cy = img.height / 2;
       for (int k = -8; k <= 8; ++k) {
