@@ -29,6 +29,10 @@ int32_t new_copy_record(op::Scratch& n, BitmapHandle* src, int32_t width, int32_
 // method and gray bit range: the result of an operation that replaces b.
 int32_t dup_shared(op::Scratch& out, BitmapHandle* b, int32_t width, int32_t height);
 
+// Copies n bits from src at bit sbit to dst at bit dbit (most significant
+// bit first); the other bits of dst are kept.
+void copy_bits(uint8_t* dst, uint64_t dbit, const uint8_t* src, uint64_t sbit, uint64_t n);
+
 // Sine and cosine x 16384 of an angle 0..36000 (hundredths of a degree).
 int32_t sine(int32_t angle);
 int32_t cosine(int32_t angle);

@@ -18,7 +18,6 @@
 #include "storage.h"
 
 namespace vk {
-namespace {
 
 // Copies n bits from src at bit sbit to dst at bit dbit (most significant
 // bit first); the other bits of dst are kept.
@@ -54,6 +53,8 @@ void copy_bits(uint8_t* dst, uint64_t dbit, const uint8_t* src, uint64_t sbit, u
     dbit += take, sbit += take, n -= take;
   }
 }
+
+namespace {
 
 // Moves `count` pixels: source row segment starting at pixel `from` (the
 // segment buffer begins at the byte that holds it), into the destination

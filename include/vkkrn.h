@@ -1426,6 +1426,116 @@ VK_API int32_t VK_CALL V_CopyBitmapRect2(BitmapHandle* destination, BitmapHandle
  * Returns: as V_CopyBitmapRect. */
 VK_API int32_t VK_CALL V_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_t top, int32_t width, int32_t height);
 
+/* Resize.  Nearest-neighbour positions are a whole step plus a remainder
+ * carried against a denominator (no drift); area averaging weighs source
+ * pixels in hundredths of a pixel; the smooth method enlarges with a natural
+ * cubic spline in single precision. */
+
+/* Size flags (V_SizeBitmap, V_ResizeBitmapExt), tested in the order 1, 2, 4;
+ * none: nearest neighbour. */
+#define SIZE_NEAREST          0u
+#define SIZE_ONE_BIT_DENSITY  1u  /* 1-bit images: set from a count of the box's pixels */
+#define SIZE_RESAMPLE         2u  /* area averaging */
+#define SIZE_SMOOTH           4u  /* growing axes by cubic spline, the others averaged */
+
+/* Writes count destination pixels of bitsPerPixel (1-8, 12, 16, 24, 32,
+ * 48, 64; other depths write nothing) chosen from src: pixel i takes the
+ * source pixel floor((accStart + i x (step x denominator + remainder)) /
+ * denominator) after startX.  Below 8 bits and at 12 bits startX is the
+ * pixel src's first byte holds (src points at that byte) and expand
+ * (destination not narrower than the source) takes the whole step as 0;
+ * the destination row of dstBytes bytes is cleared where no pixel lands
+ * (4 bits: only the nibble after an odd last pixel).  For 8 bits and more
+ * the caller offsets src and expand is ignored.
+ * See also: V_ReverseGetResizedScanLine, V_StartResize. */
+VK_API void VK_CALL V_GetResizedScanLine(int32_t bitsPerPixel, int32_t dstBytes, int32_t startX, int32_t step,
+                                         int32_t accStart, int32_t remainder, const void* src, void* dst,
+                                         int32_t count, int32_t denominator, int32_t expand);
+/* The same pixels as V_GetResizedScanLine, written from the last to the
+ * first so that src and dst may be one buffer when the row grows; a
+ * shrinking row below 8 bits (expand 0) goes front to back assigning each
+ * pixel, nothing else of the row is touched.  The result means nothing. */
+VK_API int32_t VK_CALL V_ReverseGetResizedScanLine(int32_t bitsPerPixel, int32_t dstBytes, int32_t startX,
+                                                   int32_t step, int32_t accStart, int32_t remainder,
+                                                   const void* src, void* dst, int32_t count, int32_t denominator,
+                                                   int32_t expand);
+
+/* Row streaming.  V_StartResize makes in *state an object for a caller that
+ * feeds oldWidth x oldHeight rows one by one; a 0 new side follows the other
+ * with the aspect ratio (rounded to nearest).  Free it with V_StopResize.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null state, sizes), RESULT_FAIL. */
+VK_API int32_t VK_CALL V_StartResize(int32_t oldWidth, int32_t oldHeight, int32_t newWidth, int32_t newHeight,
+                                     void** state);
+/* Resizes source row rowNumber in place (row must hold the new width) and
+ * says how many destination rows it becomes: *count and the result (0: drop
+ * it, the row is then not touched); *newWidth the new width.  Rows may come
+ * forwards, backwards or by jumps: the count depends only on the row.
+ * Returns: the count, RESULT_BAD_PARAMETER (null pointer). */
+VK_API int32_t VK_CALL V_Resize(void* row, int32_t rowNumber, int32_t bitsPerPixel, int32_t* newWidth,
+                                int32_t* count, void* state);
+/* Returns: RESULT_OK, RESULT_BAD_PARAMETER (null). */
+VK_API int32_t VK_CALL V_StopResize(void* state);
+
+/* Resizes bitmap in place to width x height (a 0 side keeps the aspect
+ * ratio) by flags.  SIZE_ONE_BIT_DENSITY counts only for 1-bit bitmaps
+ * (for a gray one it wins over SIZE_RESAMPLE, else it is dropped).  Palette
+ * images are averaged in 24-bit colour and dithered back to their palette
+ * with their DitheringMethod.  The display dispatch entry 6, when set, is
+ * told the new size and may refuse it.  Progress through the status
+ * callback; on any failure the bitmap is as it was.
+ * Returns: RESULT_OK (also at once for the same size), RESULT_BAD_PARAMETER
+ * (null, no storage, sizes), RESULT_FAIL (memory), row I/O errors, the
+ * hook's or the status callback's value. */
+VK_API int32_t VK_CALL V_SizeBitmap(BitmapHandle* bitmap, int32_t width, int32_t height, uint32_t flags);
+/* Resizes source into destination, which the caller has allocated at the
+ * wanted width, height and depth (and palette, for 1-8 bits); source is not
+ * changed.  Destination rows go bottom-up when the view perspectives are 0
+ * and 2; other differing perspectives work through a turned copy of source.
+ * A depth other than source's is converted to (dithered to a palette).
+ * The display dispatch entry 6 is told when destination has its own region.
+ * On a failure or a refusal by the status callback destination holds the
+ * rows written so far.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null, one record for both),
+ * RESULT_NO_BITMAP (either without storage), RESULT_FAIL, row I/O errors, the hook's or the status
+ * callback's value. */
+VK_API int32_t VK_CALL V_ResizeBitmapExt(BitmapHandle* source, BitmapHandle* destination, uint32_t flags);
+/* V_ResizeBitmapExt with SIZE_NEAREST. */
+VK_API int32_t VK_CALL V_ResizeBitmap(BitmapHandle* source, BitmapHandle* destination);
+
+/* Row-segment reader: any (row, first column, count) of a virtual resized
+ * copy, without making the copy. */
+#define RESIZE_READ_DENSITY    1u    /* the 1-bit density method */
+#define RESIZE_READ_IN_ORDER   4u    /* rows only ever increase: an earlier row is refused */
+#define RESIZE_READ_AVERAGE   16u    /* area averaging (SIZE_RESAMPLE) */
+#define RESIZE_READ_SPLINE    32u    /* the smooth method (SIZE_SMOOTH) */
+#define RESIZE_READ_KEEP_ROWS 128u   /* keep every row made: re-reading costs nothing */
+/* Supplies stored source row `row` into buffer (byteCount bytes, the
+ * record's BytesPerLine).  Returns: byteCount or a negative result. */
+typedef int32_t (VK_CALL* ResizeRowReader)(intptr_t userData, int32_t row, uint8_t* buffer, int32_t byteCount);
+/* Starts a reader of source resized to width x height (a 0 side keeps the
+ * aspect ratio) with rows of bitsPerPixel (below 1: source's) for a palette
+ * of colors entries (null: source's palette, or the fixed one), by flags as
+ * above.  source describes the rows; with a reader it needs no storage and
+ * the rows come from reader.  Rows are in source's stored order and equal
+ * what V_ResizeBitmapExt writes with the same method and depth.  Free the
+ * state with V_StopResizeBitmap.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null state, sizes, depth),
+ * RESULT_NO_BITMAP (neither storage nor reader), RESULT_FAIL. */
+VK_API int32_t VK_CALL V_StartResizeBitmap(BitmapHandle* source, int32_t width, int32_t height,
+                                           int32_t bitsPerPixel, const RGBQUAD* palette, int32_t colors,
+                                           uint32_t flags, ResizeRowReader reader, intptr_t userData,
+                                           void** state);
+/* Copies count pixels of resized row `row` from column `column` into
+ * buffer, packed from its first bit.
+ * Returns: the bytes written, RESULT_BAD_PARAMETER (null, wrong mark,
+ * outside the image, an earlier row with RESIZE_READ_IN_ORDER), row I/O
+ * errors. */
+VK_API int32_t VK_CALL V_GetResizedRowCol(void* state, uint8_t* buffer, int32_t row, int32_t column,
+                                          int32_t count);
+/* Unlocks the source, frees every buffer and the dithering, then the state.
+ * Returns: RESULT_OK, RESULT_BAD_PARAMETER (null or not a reader). */
+VK_API int32_t VK_CALL V_StopResizeBitmap(void* state);
+
 /* ---- geometry/: device-independent bitmaps (out) ------------------------------------------ */
 /* A new DIB (see V_ChangeFromDIB) from a copy of bitmap: header of 40 bytes
  * (type 0), 108 (type 1: masks, end points and gamma zero) or 124 (type 2:

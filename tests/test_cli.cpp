@@ -833,7 +833,8 @@ TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {
       "compressed-1.pbm",  "storage-disk.png",   "height-half.png",        "put-pixel.png",
       "list-0.png",        "list-1.png",         "list-2.png",             "report.txt",
       "flip.png",          "mirror.png",         "rotate-90.png",          "rotate-180.png",
-      "rotate-270.png",    "view-perspective-5.png", "crop.png",      "trim.png"};
+      "rotate-270.png",    "view-perspective-5.png", "crop.png",      "trim.png",
+      "resize-nearest.png", "resize-smooth.png", "resize-average.png",   "resize-density.pbm"};
   for (const char* m : {"none", "floyd-steinberg", "stucki", "burkes", "sierra", "stevenson-arce", "jarvis", "ordered",
                         "clustered"})
     outputs.push_back(std::string("reduce-1-") + m + ".png");
@@ -842,6 +843,8 @@ TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {
   EXPECT_EQ(48, vkimg::read_image(path("demo/rotate-90.png")).height);
   EXPECT_EQ(40, vkimg::read_image(path("demo/crop.png")).width);
   EXPECT_EQ(40, vkimg::read_image(path("demo/trim.png")).width);
+  EXPECT_EQ(192, vkimg::read_image(path("demo/resize-smooth.png")).width);  // the 48-pixel trim, 400 %
+  EXPECT_EQ(8, vkimg::read_image(path("demo/resize-average.png")).height);
   EXPECT_EQ(28, vkimg::read_image(path("demo/trim.png")).height);
   EXPECT_EQ(vkimg::read_image(path("demo/view-perspective-5.png")).data, img.data);
   // The default picture is the same every time.

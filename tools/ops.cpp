@@ -454,6 +454,45 @@ void op_trim(Context& ctx, const std::string& arg) {
   check_result(V_TrimBitmap(&bm, r[0], r[1], r[2], r[3]), "--trim " + arg);
 }
 
+// WxH[:method]: either side 0 follows the other with the aspect ratio kept;
+// a side may be a percentage of the image's own ("50%x0", "200%x200%").
+void op_resize(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--resize");
+  const size_t colon = arg.find(':');
+  const std::string dims = arg.substr(0, colon);
+  const size_t x = dims.find('x');
+  if (x == std::string::npos) throw UsageError("--resize takes WxH[:nearest|average|smooth|density]");
+  // Sides as seen: a transposed view stores the seen width as its height.
+  const bool transposed = bm.ViewPerspective == 4 || bm.ViewPerspective == 5 || bm.ViewPerspective >= 7;
+  const int32_t seen_w = transposed ? bm.Height : bm.Width, seen_h = transposed ? bm.Width : bm.Height;
+  auto side = [&](const std::string& text, int32_t current) -> int32_t {
+    if (!text.empty() && text.back() == '%') {
+      const long pct = parse_long(text.substr(0, text.size() - 1), "--resize", 0, 100000);
+      const int64_t v = (int64_t{current} * pct + 50) / 100;
+      if (pct != 0 && v < 1) throw UsageError("--resize " + arg + " leaves no pixel");
+      if (v > 1000000) throw UsageError("--resize " + arg + " is larger than 1000000 pixels a side");
+      return static_cast<int32_t>(v);
+    }
+    return static_cast<int32_t>(parse_long(text, "--resize", 0, 1000000));
+  };
+  const int32_t w = side(dims.substr(0, x), seen_w), h = side(dims.substr(x + 1), seen_h);
+  if (w == 0 && h == 0) throw UsageError("--resize " + arg + ": at most one side may be 0");
+  uint32_t flags = SIZE_NEAREST;
+  if (colon != std::string::npos) {
+    const std::string m = arg.substr(colon + 1);
+    if (m == "nearest") flags = SIZE_NEAREST;
+    else if (m == "average") flags = SIZE_RESAMPLE;
+    else if (m == "smooth") flags = SIZE_SMOOTH;
+    else if (m == "density") flags = SIZE_ONE_BIT_DENSITY;
+    else throw UsageError("--resize methods are nearest, average, smooth and density");
+  }
+  // The new size must fit the library's 32-bit row arithmetic.
+  const int64_t ew = w ? w : int64_t(h) * seen_w / seen_h + 1, eh = h ? h : int64_t(w) * seen_h / seen_w + 1;
+  if ((ew * bm.BitsPerPixel + 31) / 32 * 4 * eh > 0xFFFFFFFFll)
+    throw UsageError("--resize " + arg + " makes the bitmap larger than 4 GiB");
+  check_result(transposed ? V_SizeBitmap(&bm, h, w, flags) : V_SizeBitmap(&bm, w, h, flags), "--resize " + arg);
+}
+
 void op_view_perspective(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--view-perspective");
   const long v = parse_long(arg, "--view-perspective", 0, 8);
@@ -558,6 +597,10 @@ const std::vector<OpInfo>& operations() {
       {"--fill", "COLOUR", "set every pixel to COLOUR", op_fill},
       {"--crop", "X,Y,W,H", "keep the W x H rectangle at X,Y (black where it leaves the image)", op_crop},
       {"--trim", "X,Y,W,H", "keep the part of the rectangle at X,Y that lies inside the image", op_trim},
+      {"--resize", "WxH[:METHOD]",
+       "resize to W x H (0 keeps the aspect ratio, N% of the side); METHOD nearest (default), average, smooth "
+       "or density (1-bit)",
+       op_resize},
       {"--view-perspective", "N", "store the rows in orientation N (0-5, 7, 8); the picture stays the same",
        op_view_perspective},
       {"--alpha-out", "FILE", "write the alpha channel as a gray image (zeros when the image has none)",

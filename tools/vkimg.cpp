@@ -505,6 +505,14 @@ std::vector<DemoStep> demo_steps() {
   d.push_back({"trim.png", {{"--trim", "8,4,1000,1000"}}});
   // Stored transposed, saved as seen: the same picture, its record in the report.
   d.push_back({"view-perspective-5.png", {{"--view-perspective", "5"}, {"--info", ""}}});
+  // Resizing: a corner blown up four times shows the difference between
+  // picking pixels and the spline; averaging shrinks the whole picture, and
+  // the density count keeps thin strokes of the page.
+  d.push_back({"resize-nearest.png", {{"--trim", "0,0,160,120"}, {"--resize", "400%x0:nearest"}}});
+  d.push_back({"resize-smooth.png", {{"--trim", "0,0,160,120"}, {"--resize", "400%x0:smooth"}}});
+  d.push_back({"resize-average.png", {{"--resize", "25%x0:average"}}});
+  d.push_back({"resize-density.pbm", {{"--resize", "50%x0:density"}}, DITHER_FLOYD_STEINBERG, PaletteMode::best,
+               true});
   d.push_back({"height-half.png", {{"--height", "half"}}});  // the number is filled in by run_demo
   d.push_back({"put-pixel.png", {}});                        // filled in by run_demo: a marked cross
   // The 8-bit gray picture as the alpha channel (a 32-bit PNG that fades
