@@ -13,6 +13,7 @@
 #include "gray.h"
 #include "match.h"
 #include "palette.h"
+#include "pixel.h"
 #include "pixel_format.h"
 
 namespace vk {
@@ -165,46 +166,28 @@ uint32_t get_pixel_color(BitmapHandle* b, int32_t row, int32_t column) {
   return rgb(c.r, c.g, c.b);
 }
 
-int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t color) {
-  if (!b || !(b->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
-  // The display module may own the position test (clip region); its answer
-  // replaces the range check.  Storage outside the bitmap is never written
-  // whatever the hook says.
-  if (VK_DISPATCHPROC hook = dispatch::entry(17)) {
-    const auto at = reinterpret_cast<VK_PIXELPOSHOOK>(reinterpret_cast<void (*)(void)>(hook));
-    if (at(b, row, column) == 0) return RESULT_BAD_AREA;
-  }
-  if (!inside(b, row, column)) return RESULT_BAD_AREA;
-
+// The stored value of a colour (see pixel.h).
+int32_t colour_value(BitmapHandle* b, uint32_t color, uint64_t& value) {
   const int32_t bits = b->BitsPerPixel;
-  Spot s;
-  if (!locate(bits, column, s)) return RESULT_BAD_BITS_PER_PIXEL;
+  if (!valid_bitmap_depth(bits)) return RESULT_BAD_BITS_PER_PIXEL;
   const bool gray = bits == 12 || (bits == 16 && b->Order == ORDER_GRAY);
   const bool lut = gray && lut_in_force(b);
   if (is_gray16_form(color) && !lut) color = gray16_to_rgb(color);
   const bool index_form = is_index_form(color);
   const bool gray16 = is_gray16_form(color);
 
-  RGBQUAD pal[kMaxPaletteEntries];
-  uint32_t colours = 0;
-  if (bits <= 8) colours = palette_for(b, pal);
-
-  BitmapLock lock(b);
-  uint8_t p[8] = {};
-  const uint32_t r = static_cast<uint32_t>(row);
-  // Pixels that share bytes with neighbours are merged into what is stored.
-  if (bits <= 8 || bits == 12) {
-    const int32_t got = V_GetBitmapRowCol(b, p, r, s.column, s.bytes);
-    if (got < 0) return got;
-    if (got != s.bytes) return RESULT_FAIL;
-  }
-
   if (bits <= 8) {
-    const uint32_t index = index_form ? (color & 0xFFFFu)
-                                      : find_palette_index(colours ? pal : nullptr, colours, red_of(color),
-                                                           green_of(color), blue_of(color));
-    store_index(p, bits, s.bit, index);
-  } else if (gray) {
+    if (index_form) {
+      value = color & 0xFFFFu & ((1u << bits) - 1u);
+      return RESULT_OK;
+    }
+    RGBQUAD pal[kMaxPaletteEntries];
+    const uint32_t colours = palette_for(b, pal);
+    value = find_palette_index(colours ? pal : nullptr, colours, red_of(color), green_of(color), blue_of(color)) &
+            ((1u << bits) - 1u);
+    return RESULT_OK;
+  }
+  if (gray) {
     const gray::Range range = gray::range(bits, bits, b->LowBit, b->HighBit);
     uint32_t v;
     if (index_form) {
@@ -219,24 +202,58 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
     } else {
       v = gray::from_level(gray_level(red_of(color), green_of(color), blue_of(color)), range.count);
     }
-    v = (v & range.mask) << range.shift;
-    if (bits == 12)
-      Gray12::put_at(p, column & 1, v);
-    else
-      Gray16::put(p, 0, v);
-  } else {
-    if (index_form) return RESULT_BAD_PARAMETER;  // no palette to index
-    Rgb8 c{static_cast<uint8_t>(red_of(color)), static_cast<uint8_t>(green_of(color)),
-           static_cast<uint8_t>(blue_of(color))};
-    // The second colour space is built from blue-first channels.
-    const bool alt = b->Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
-    if (alt) {
-      uint8_t q[4] = {c.b, c.g, c.r, 0};
-      VK_TRY(V_ConvertBuffer(q, 1, 24, 24, ORDER_BGR, ORDER_BGR_ALT, nullptr, nullptr));
-      c = Rgb8{q[2], q[1], q[0]};
-    }
-    store_colour(p, bits, b->Order == ORDER_BGR || alt, c);
+    value = ((v & range.mask) << range.shift) & (bits == 12 ? 0xFFFu : 0xFFFFu);
+    return RESULT_OK;
   }
+  if (index_form) return RESULT_BAD_PARAMETER;  // no palette to index
+  Rgb8 c{static_cast<uint8_t>(red_of(color)), static_cast<uint8_t>(green_of(color)),
+         static_cast<uint8_t>(blue_of(color))};
+  // The second colour space is built from blue-first channels.
+  const bool alt = b->Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
+  if (alt) {
+    uint8_t q[4] = {c.b, c.g, c.r, 0};
+    VK_TRY(V_ConvertBuffer(q, 1, 24, 24, ORDER_BGR, ORDER_BGR_ALT, nullptr, nullptr));
+    c = Rgb8{q[2], q[1], q[0]};
+  }
+  uint8_t p[8] = {};
+  store_colour(p, bits, b->Order == ORDER_BGR || alt, c);
+  value = 0;
+  for (int i = 7; i >= 0; --i) value = (value << 8) | p[i];
+  return RESULT_OK;
+}
+
+int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t color) {
+  if (!b || !(b->Flags & BITMAP_ALLOCATED)) return RESULT_NO_BITMAP;
+  // The display module may own the position test (clip region); its answer
+  // replaces the range check.  Storage outside the bitmap is never written
+  // whatever the hook says.
+  if (VK_DISPATCHPROC hook = dispatch::entry(17)) {
+    const auto at = reinterpret_cast<VK_PIXELPOSHOOK>(reinterpret_cast<void (*)(void)>(hook));
+    if (at(b, row, column) == 0) return RESULT_BAD_AREA;
+  }
+  if (!inside(b, row, column)) return RESULT_BAD_AREA;
+
+  const int32_t bits = b->BitsPerPixel;
+  Spot s;
+  if (!locate(bits, column, s)) return RESULT_BAD_BITS_PER_PIXEL;
+  uint64_t value = 0;
+  VK_TRY(colour_value(b, color, value));
+
+  BitmapLock lock(b);
+  uint8_t p[8] = {};
+  const uint32_t r = static_cast<uint32_t>(row);
+  // Pixels that share bytes with neighbours are merged into what is stored.
+  if (bits <= 8 || bits == 12) {
+    const int32_t got = V_GetBitmapRowCol(b, p, r, s.column, s.bytes);
+    if (got < 0) return got;
+    if (got != s.bytes) return RESULT_FAIL;
+  }
+  if (bits <= 8)
+    store_index(p, bits, s.bit, static_cast<uint32_t>(value));
+  else if (bits == 12)
+    Gray12::put_at(p, column & 1, static_cast<uint32_t>(value));
+  else
+    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(value >> (8 * i));
   const int32_t put = V_PutBitmapRowCol(b, p, r, s.column, s.bytes);
   if (put < 0) return put;
   return put == s.bytes ? RESULT_OK : RESULT_FAIL;
@@ -316,6 +333,35 @@ int32_t copy_playback(BitmapHandle* dst, BitmapHandle* src) {
 }
 
 }  // namespace
+
+int32_t pixel_value(BitmapHandle* b, uint32_t color, uint64_t& value) { return colour_value(b, color, value); }
+
+void fill_pixels(uint8_t* row, int32_t bits, uint32_t x0, uint32_t n, uint64_t value) {
+  if (n == 0) return;
+  if (bits < 8) {
+    with_layout(bits, kRgb, [&](auto layout) -> int {
+      using F = decltype(layout);
+      if constexpr (F::kForm == Form::index)
+        for (uint32_t i = 0; i < n; ++i) F::put(row, x0 + i, static_cast<uint32_t>(value));
+      return 0;
+    });
+    return;
+  }
+  if (bits == 12) {
+    for (uint32_t i = 0; i < n; ++i) Gray12::put(row, x0 + i, static_cast<uint32_t>(value));
+    return;
+  }
+  // Whole bytes: the first pixel's bytes, then the filled part doubled.
+  const size_t size = static_cast<size_t>(bits / 8), total = size * n;
+  uint8_t* p = row + size_t{x0} * size;
+  for (size_t i = 0; i < size; ++i) p[i] = static_cast<uint8_t>(value >> (8 * i));
+  for (size_t done = size; done < total;) {
+    const size_t k = done < total - done ? done : total - done;
+    std::memcpy(p + done, p, k);
+    done += k;
+  }
+}
+
 }  // namespace vk
 
 extern "C" VK_API uint32_t VK_CALL V_GetPixelColor(BitmapHandle* bitmap, int32_t row, int32_t column) {

@@ -20,6 +20,15 @@ int32_t new_copy_record(op::Scratch& n, BitmapHandle* src, int32_t width, int32_
   return V_AllocateBitmap(n.get(), memory_type);
 }
 
+int32_t dup_shared(op::Scratch& out, BitmapHandle* b, int32_t width, int32_t height) {
+  VK_TRY(V_DupBitmapNewDim(out.get(), b, width, height, b->BitsPerPixel, DUP_ALLOCATE));
+  out.shares(true, true);
+  out->DitheringMethod = b->DitheringMethod;
+  out->LowBit = b->LowBit;
+  out->HighBit = b->HighBit;
+  return RESULT_OK;
+}
+
 namespace {
 
 int32_t copy_bitmap(BitmapHandle* dst, BitmapHandle* src, bool typed, int32_t memory_type) {

@@ -57,11 +57,7 @@ int32_t in_place(BitmapHandle* b, bool flip, MirrorFn mirror, Progress& progress
 
 int32_t into_new_record(BitmapHandle* b, bool flip, MirrorFn mirror, Progress& progress) {
   op::Scratch out;
-  VK_TRY(V_DupBitmapNewDim(out.get(), b, b->Width, b->Height, b->BitsPerPixel, DUP_ALLOCATE));
-  out.shares(true, true);
-  out->DitheringMethod = b->DitheringMethod;
-  out->LowBit = b->LowBit;
-  out->HighBit = b->HighBit;
+  VK_TRY(dup_shared(out, b, b->Width, b->Height));
   op::CacheGuard cache(b);
   BitmapHandle* dst = out.get();
   const int32_t h = b->Height;

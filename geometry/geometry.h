@@ -24,6 +24,11 @@ namespace vk {
 int32_t new_copy_record(op::Scratch& n, BitmapHandle* src, int32_t width, int32_t height, bool typed,
                         int32_t memory_type);
 
+// A new record of b's storage kind with the given size (DUP_ALLOCATE) that
+// shares b's palette and region until the commit and keeps its dithering
+// method and gray bit range: the result of an operation that replaces b.
+int32_t dup_shared(op::Scratch& out, BitmapHandle* b, int32_t width, int32_t height);
+
 // Sine and cosine x 16384 of an angle 0..36000 (hundredths of a degree).
 int32_t sine(int32_t angle);
 int32_t cosine(int32_t angle);
@@ -81,5 +86,13 @@ int32_t turn_quarter(BitmapHandle* b, int32_t direction, op::Scratch& out, Progr
 // The quarter turn of a bitmap in place (V_RotateBitmap90), progress from
 // `from` to `to`, the region hook told of the turn, one commit.
 int32_t rotate90(BitmapHandle* b, int32_t direction, int32_t from, int32_t to);
+
+// The turn by any angle that no exact path takes: a is the normalised turn
+// (0 <= a < 36000, the negative of the caller's angle), angle the caller's
+// own (for the region hook).  Progress from `from` to `to`.
+int32_t turn_any(BitmapHandle* b, int32_t a, int32_t angle, uint32_t flags, uint32_t fill, int32_t from, int32_t to);
+
+// Fills every pixel of b with the stored value of `color` (V_FillBitmap).
+int32_t fill_bitmap(BitmapHandle* b, uint32_t color);
 
 }  // namespace vk

@@ -366,13 +366,9 @@ int32_t turn_quarter(BitmapHandle* b, int32_t direction, op::Scratch& out, Progr
   VK_TRY(check_bitmap(b));
   const TransposeFn fn = transpose_kernel(b->BitsPerPixel);
   if (!fn) return RESULT_BAD_BITS_PER_PIXEL;
-  VK_TRY(V_DupBitmapNewDim(out.get(), b, b->Height, b->Width, b->BitsPerPixel, DUP_ALLOCATE));
-  out.shares(true, true);
+  VK_TRY(dup_shared(out, b, b->Height, b->Width));
   out->XResolution = b->YResolution;
   out->YResolution = b->XResolution;
-  out->DitheringMethod = b->DitheringMethod;
-  out->LowBit = b->LowBit;
-  out->HighBit = b->HighBit;
   op::CacheGuard cache(b);
   int32_t r;
   {
@@ -424,8 +420,8 @@ bool buffer_args(const void* src, const void* dst, int32_t width, int32_t height
   return r == RESULT_OK;
 }
 
-// The exact turns by whole quarters; anything else is the general turn.
-int32_t exact_turn(BitmapHandle* b, int32_t angle, uint32_t flags, int32_t from, int32_t to) {
+// The exact turns by whole quarters first; anything else is the general turn.
+int32_t turn(BitmapHandle* b, int32_t angle, uint32_t flags, uint32_t fill, int32_t from, int32_t to) {
   if (!vk::allocated(b)) return RESULT_NO_BITMAP;
   int64_t a = (-int64_t{angle}) % 36000;
   if (a < 0) a += 36000;
@@ -438,9 +434,7 @@ int32_t exact_turn(BitmapHandle* b, int32_t angle, uint32_t flags, int32_t from,
   if (a == 9000 && whole) return vk::rotate90(b, 0, from, to);
   if (a == 27000 && whole) return vk::rotate90(b, 1, from, to);
   if (a == 18000) return vk::transform_rows(b, true, true, from, to);
-  // The general turn (any other angle, or a clipped quarter turn) is not
-  // built yet.
-  return RESULT_FAIL;
+  return vk::turn_any(b, int32_t(a), angle, flags, fill, from, to);
 }
 
 }  // namespace
@@ -502,13 +496,11 @@ VK_API int32_t VK_CALL V_RotateBitmap90(BitmapHandle* bitmap, int32_t direction,
 
 VK_API int32_t VK_CALL V_IntRotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fill,
                                          int32_t progressStart, int32_t progressEnd) {
-  (void)fill;  // only the general turn uncovers corners
-  return vk::api_call([&] { return exact_turn(bitmap, angle, flags, progressStart, progressEnd); });
+  return vk::api_call([&] { return turn(bitmap, angle, flags, fill, progressStart, progressEnd); });
 }
 
 VK_API int32_t VK_CALL V_RotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fill) {
-  (void)fill;
-  return vk::api_call([&] { return exact_turn(bitmap, angle, flags, 0, 100); });
+  return vk::api_call([&] { return turn(bitmap, angle, flags, fill, 0, 100); });
 }
 
 }  // extern "C"

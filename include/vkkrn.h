@@ -1354,13 +1354,42 @@ VK_API int32_t VK_CALL V_ChangeRectViewPerspective(int32_t from, int32_t width, 
 VK_API int32_t VK_CALL V_RotateBitmap90(BitmapHandle* bitmap, int32_t direction, int32_t progressStart,
                                         int32_t progressEnd);
 
-/* Turns by an angle in hundredths of a degree.  Built: 0 (progress only),
- * 18000 (half turn in place), 9000 and 27000 with ROTATE_RESIZE or on a
- * square bitmap (quarter turns).  Any other turn returns RESULT_FAIL and
- * changes nothing.  RESULT_NO_BITMAP for a null or unallocated bitmap. */
+/* Turns the bitmap in place by an angle in hundredths of a degree
+ * (positive: the turn V_RotateBitmap90 direction 1 makes for 9000).
+ * 0 and whole turns only report progress; 18000 is the exact half turn;
+ * 9000 and 27000 with ROTATE_RESIZE or on a square bitmap the exact
+ * quarter turns.  Any other turn samples the source on an integer walk:
+ * nearest, or with ROTATE_LINEAR a blend toward the horizontal and then
+ * the vertical neighbour, or with ROTATE_SPLINE (before ROTATE_LINEAR) a
+ * 4 x 4 cubic spline.  Depths below 8 bits, 8-bit colour palettes and gray
+ * samples with a lookup table are always sampled nearest.  Without
+ * ROTATE_RESIZE the result keeps the size and is clipped; with it, it
+ * holds the turned corners.  Uncovered pixels take `fill` (a colour value
+ * converted as V_PutPixelColor converts it).  Views 1, 2, 5 and 7 turn the
+ * other way round so the image as seen turns as asked.  Compressed rows
+ * are read expanded and the result is compressed again.  Different X and Y
+ * resolutions are turned with the image.  V_IntRotateBitmap reports
+ * progress from progressStart to progressEnd (V_RotateBitmap: 0 to 100).
+ * Display dispatch entry 13, when set, is told of the turn (the angle as
+ * given, modulo 36000).
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (null or unallocated),
+ * RESULT_BAD_PARAMETER (record with inconsistent numbers, or the index form
+ * of a colour for a depth without palette), RESULT_BAD_BITS_PER_PIXEL,
+ * RESULT_FAIL (memory), row I/O errors, the callback's refusal; the record
+ * is unchanged on failure. */
 VK_API int32_t VK_CALL V_RotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fill);
 VK_API int32_t VK_CALL V_IntRotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fill,
                                          int32_t progressStart, int32_t progressEnd);
+
+/* Sets every pixel to `color`, converted as V_PutPixelColor converts it
+ * (nearest palette entry for 1-8 bits, the gray range for 12 and 16-bit
+ * gray, 16-bit channels as value x 257), for every storage kind
+ * (compressed 1-bit rows become all-white or all-black).  Row loop with
+ * progress; the pixels change only when every row is done.
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (null or unallocated),
+ * RESULT_BAD_PARAMETER, RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL (memory),
+ * row I/O errors, the callback's refusal. */
+VK_API int32_t VK_CALL V_FillBitmap(BitmapHandle* bitmap, uint32_t color);
 
 /* Packed buffers, rows padded to 4 bytes.  RotateBuffer90: height rows of
  * width pixels into width rows of height pixels, destination row r = source

@@ -11,7 +11,7 @@
 #include "fault_sweep.h"
 #include "orient_helpers.h"
 
-VKT_SWEEPS(V_FlipBitmap, V_ReverseBitmap, V_RotateBitmap90, V_RotateBitmap, V_IntRotateBitmap);
+VKT_SWEEPS(V_FlipBitmap, V_ReverseBitmap, V_RotateBitmap90, V_RotateBitmap, V_IntRotateBitmap, V_FillBitmap);
 VKT_SWEEPS(V_ChangeBitmapViewPerspective, V_IntChangeBitmapViewPerspective);
 
 namespace {
@@ -384,12 +384,25 @@ TEST_F(OrientTest, ExactTurnsOfTheGeneralTurn) {
   EXPECT_EQ(pixels_of(&b), quarter(p, 1));  // +9000 is direction 1
   ASSERT_EQ(V_RotateBitmap(&b, 27000, ROTATE_RESIZE, 0), RESULT_OK);
   EXPECT_EQ(pixels_of(&b), p);
-  // A quarter turn clipped to the old size, and any other angle, is the
-  // general turn, which is not built: refused, nothing changed.
-  const Snapshot snap(&b);
-  EXPECT_EQ(V_RotateBitmap(&b, 9000, 0, 0), RESULT_FAIL);
-  EXPECT_EQ(V_RotateBitmap(&b, 4500, ROTATE_RESIZE, 0), RESULT_FAIL);
-  EXPECT_TRUE(snap.unchanged());
+  // A quarter turn of a non-square bitmap clipped to the old size is the
+  // general walk: cos 0, sin -16384 from (W/2 - H/2, H/2 + W/2), one row
+  // down the source per pixel, one column right per row.  -9000 is the same.
+  for (int32_t angle : {9000, -27000}) {
+    BitmapHandle c;
+    ASSERT_EQ(V_CopyBitmap(&c, &b), RESULT_OK);
+    c.ViewPerspective = 0;  // stored as seen: no mirror correction
+    ASSERT_EQ(V_RotateBitmap(&c, angle, ROTATE_LINEAR, COLOR_PALETTE_INDEX | 0xEE), RESULT_OK);
+    const Pixels t = pixels_of(&c);
+    ASSERT_EQ(t.w, 100);
+    ASSERT_EQ(t.h, 50);
+    for (int32_t y = 0; y < 50; ++y)
+      for (int32_t x = 0; x < 100; ++x) {
+        const int32_t sx = 25 + y, sy = 75 - x;
+        const bool in = sy >= 0 && sy < 50;
+        ASSERT_EQ(t.at(x, y), in ? p.at(sx, sy) : 0xEEu) << x << "," << y;
+      }
+    V_FreeBitmap(&c);
+  }
   V_FreeBitmap(&b);
   EXPECT_EQ(V_RotateBitmap(nullptr, 0, 0, 0), RESULT_NO_BITMAP);
 }
@@ -428,6 +441,132 @@ TEST(RotateBuffer, QuarterAndHalfTurnsAgainstAPlainReference) {
   EXPECT_EQ(V_RotateBuffer180(b, b, 1, 1, 9), RESULT_BAD_BITS_PER_PIXEL);
 }
 
+// ---- the general turn and the fill -----------------------------------------------------------
+
+// Every pixel of a bitmap of each depth takes what V_PutPixelColor stores
+// for the colour (compared on a fresh bitmap of the same depth).
+TEST_F(OrientTest, FillStoresWhatPutPixelColorStores) {
+  for (int32_t bits : kDepths)
+    for (Store s : stores_for(bits))
+      for (uint32_t colour : {0x000000u, 0xFFFFFFu, 0x3080C0u, COLOR_PALETTE_INDEX | 1u}) {
+        SCOPED_TRACE(std::to_string(bits) + " bits " + name(s) + " colour " + std::to_string(colour));
+        BitmapHandle b = make(s, 33, 5, bits), ref = init(1, 1, bits);
+        ASSERT_EQ(V_AllocateBitmap(&ref, TYPE_CONVENTIONAL), RESULT_OK);
+        const int32_t put = V_PutPixelColor(&ref, 0, 0, colour);
+        const int32_t r = V_FillBitmap(&b, colour);
+        EXPECT_EQ(r, put);
+        if (put == RESULT_OK) {
+          const uint64_t want = pixels_of(&ref).v[0];
+          for (uint64_t v : pixels_of(&b).v) ASSERT_EQ(v, want);
+          EXPECT_EQ((b.Flags & BITMAP_COMPRESSED) != 0, s == Store::compressed);
+        }
+        V_FreeBitmap(&b);
+        V_FreeBitmap(&ref);
+      }
+}
+
+// 4 x 3 by 45 degrees, worked by hand: a = 31500, cos 11585, sin -11585.
+// The corners (-2, 2), (-2, 0), (1, 2), (1, 0) turn to x' 2, 1, 4, 2 and
+// y' 0, 1, 2, 2, so ROTATE_RESIZE keeps 4 x 3.  Pixel (0, 0) starts at
+// x = 2 + (-34755 / 16384) = 0 (fraction -1987), y = 1 + 11585 / 16384 =
+// 2 (fraction -4799 after the half-pixel step); the rows follow.
+TEST_F(OrientTest, FourByThreeByFortyFiveDegrees) {
+  constexpr int F = -1;  // uncovered: the fill
+  const int32_t expect[3][4][2] = {{{0, 2}, {1, 1}, {1, 0}, {2, 0}},
+                                   {{1, 2}, {1, 2}, {2, 1}, {3, 0}},
+                                   {{F, F}, {2, 2}, {3, 2}, {3, 1}}};
+  for (uint32_t flags : {0u, ROTATE_RESIZE}) {
+    BitmapHandle b = make(Store::memory, 4, 3, 8);
+    b.ViewPerspective = 0;  // stored as seen: no mirror correction
+    std::vector<uint8_t> row(b.BytesPerLine);
+    for (int32_t y = 0; y < 3; ++y) {
+      for (int32_t x = 0; x < 4; ++x) row[x] = uint8_t(10 * y + x + 1);
+      V_PutBitmapRow(&b, row.data(), uint32_t(y), int32_t(row.size()));
+    }
+    ASSERT_EQ(V_RotateBitmap(&b, 4500, flags, COLOR_PALETTE_INDEX | 0xEE), RESULT_OK);
+    const Pixels t = pixels_of(&b);
+    ASSERT_EQ(t.w, 4);
+    ASSERT_EQ(t.h, 3);
+    for (int32_t y = 0; y < 3; ++y)
+      for (int32_t x = 0; x < 4; ++x) {
+        const int32_t* e = expect[y][x];
+        EXPECT_EQ(t.at(x, y), e[0] == F ? 0xEEu : uint64_t(10 * e[1] + e[0] + 1)) << x << "," << y;
+      }
+    V_FreeBitmap(&b);
+  }
+}
+
+// A constant image stays constant where the turned source covers it, in
+// every quality, and the uncovered corners take the fill, for every depth.
+TEST_F(OrientTest, ConstantStaysConstantAndCornersTakeTheFill) {
+  for (int32_t bits : kDepths)
+    for (uint32_t flags : {0u, ROTATE_LINEAR, ROTATE_SPLINE, ROTATE_LINEAR | ROTATE_SPLINE}) {
+      SCOPED_TRACE(std::to_string(bits) + " bits flags " + std::to_string(flags));
+      BitmapHandle b = make(Store::memory, 40, 30, bits), ref = make(Store::memory, 1, 1, bits);
+      ASSERT_EQ(V_FillBitmap(&b, 0x4080C0), RESULT_OK);
+      ASSERT_EQ(V_FillBitmap(&ref, 0x204060), RESULT_OK);
+      const uint64_t inside = pixels_of(&b).v[0], fill = pixels_of(&ref).v[0];
+      ASSERT_EQ(V_RotateBitmap(&b, 3000, flags | ROTATE_RESIZE, 0x204060), RESULT_OK);
+      const Pixels t = pixels_of(&b);
+      EXPECT_GT(t.w, 40);
+      EXPECT_GT(t.h, 30);
+      for (int32_t y = t.h / 2 - 8; y < t.h / 2 + 8; ++y)
+        for (int32_t x = t.w / 2 - 8; x < t.w / 2 + 8; ++x) ASSERT_EQ(t.at(x, y), inside) << x << "," << y;
+      for (auto [x, y] : {std::pair{0, 0}, {t.w - 1, 0}, {0, t.h - 1}, {t.w - 1, t.h - 1}})
+        EXPECT_EQ(t.at(x, y), fill) << x << "," << y;
+      V_FreeBitmap(&b);
+      V_FreeBitmap(&ref);
+    }
+}
+
+// Palette indices are no levels: ROTATE_LINEAR on an 8-bit colour palette
+// gives exactly the nearest turn; on 24 bits it blends.
+TEST_F(OrientTest, LinearOnAColourPaletteIsNearest) {
+  for (int32_t bits : {8, 24}) {
+    BitmapHandle a = make(Store::memory, 37, 23, bits, 7), n = make(Store::memory, 37, 23, bits, 7);
+    if (bits == 8) {
+      RGBQUAD pal[256];
+      for (int i = 0; i < 256; ++i) pal[i] = RGBQUAD{uint8_t(i), uint8_t(255 - i), uint8_t(i * 7), 0};
+      ASSERT_EQ(V_PutBitmapColors(&a, 0, 256, pal), RESULT_OK);
+      ASSERT_EQ(V_PutBitmapColors(&n, 0, 256, pal), RESULT_OK);
+      ASSERT_EQ(V_IsGrayScaleBitmap(&a), 0);
+    }
+    ASSERT_EQ(V_RotateBitmap(&a, 1234, ROTATE_LINEAR | ROTATE_RESIZE, 0), RESULT_OK);
+    ASSERT_EQ(V_RotateBitmap(&n, 1234, ROTATE_RESIZE, 0), RESULT_OK);
+    EXPECT_EQ(pixels_of(&a) == pixels_of(&n), bits == 8);
+    V_FreeBitmap(&a);
+    V_FreeBitmap(&n);
+  }
+}
+
+// A bitmap stored upside down (view perspective 2) turns so that the image
+// as seen turns as asked: the same as turning the seen image.
+TEST_F(OrientTest, MirroredViewsTurnTheSeenImage) {
+  BitmapHandle b = make(Store::memory, 31, 21, 24, 3);
+  b.ViewPerspective = 2;
+  BitmapHandle seen;
+  ASSERT_EQ(V_ChangeBitmapViewPerspective(&seen, &b, 0), RESULT_OK);
+  ASSERT_EQ(V_RotateBitmap(&b, 1000, ROTATE_RESIZE, 0), RESULT_OK);
+  ASSERT_EQ(V_RotateBitmap(&seen, 1000, ROTATE_RESIZE, 0), RESULT_OK);
+  BitmapHandle turned;
+  ASSERT_EQ(V_ChangeBitmapViewPerspective(&turned, &b, 0), RESULT_OK);
+  EXPECT_EQ(pixels_of(&turned), pixels_of(&seen));
+  for (BitmapHandle* x : {&b, &seen, &turned}) V_FreeBitmap(x);
+}
+
+// Compressed 1-bit pages turn to the same pixels as packed ones and stay
+// compressed.
+TEST_F(OrientTest, CompressedPagesTurnLikePackedOnes) {
+  BitmapHandle c = make(Store::compressed, 70, 45, 1, 5), m = make(Store::memory, 70, 45, 1, 5);
+  ASSERT_EQ(pixels_of(&c), pixels_of(&m));
+  ASSERT_EQ(V_RotateBitmap(&c, 150, ROTATE_RESIZE, 0xFFFFFF), RESULT_OK);
+  ASSERT_EQ(V_RotateBitmap(&m, 150, ROTATE_RESIZE, 0xFFFFFF), RESULT_OK);
+  EXPECT_TRUE(c.Flags & BITMAP_COMPRESSED);
+  EXPECT_EQ(pixels_of(&c), pixels_of(&m));
+  V_FreeBitmap(&c);
+  V_FreeBitmap(&m);
+}
+
 // ---- failures and cancellation -----------------------------------------------------------
 
 struct Op {
@@ -440,6 +579,10 @@ const Op kOps[] = {
     {"quarter", [](BitmapHandle* b) { return V_RotateBitmap90(b, 1, 0, 100); }},
     {"half", [](BitmapHandle* b) { return V_IntRotateBitmap(b, 18000, 0, 0, 0, 100); }},
     {"turn 270", [](BitmapHandle* b) { return V_RotateBitmap(b, 27000, ROTATE_RESIZE, 0); }},
+    {"turn 30", [](BitmapHandle* b) { return V_RotateBitmap(b, 3000, ROTATE_RESIZE, 0xFFFFFF); }},
+    {"turn 90 clipped linear", [](BitmapHandle* b) { return V_RotateBitmap(b, 9000, ROTATE_LINEAR, 0); }},
+    {"turn -10 spline", [](BitmapHandle* b) { return V_RotateBitmap(b, -1000, ROTATE_SPLINE, 0x123456); }},
+    {"fill", [](BitmapHandle* b) { return V_FillBitmap(b, 0x00FF00); }},
     {"view 7", [](BitmapHandle* b) { return V_ChangeBitmapViewPerspective(nullptr, b, 7); }},
     {"view 5 flags 0", [](BitmapHandle* b) { return V_IntChangeBitmapViewPerspective(b, b, 5, 0); }},
 };

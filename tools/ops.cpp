@@ -389,11 +389,41 @@ void op_mirror(Context& ctx, const std::string&) {
 }
 
 // Clockwise as seen: +9000 takes the top-left pixel to the top-right corner.
+// Degrees with up to two decimals, as hundredths of a degree.
+int32_t parse_angle(const std::string& text, const std::string& what) {
+  const size_t dot = text.find('.');
+  const std::string whole = text.substr(0, dot);
+  const bool negative = !whole.empty() && whole[0] == '-';
+  long v = parse_long(negative ? whole.substr(1) : whole, what, 0, 36000) * 100;
+  if (dot != std::string::npos) {
+    const std::string frac = text.substr(dot + 1);
+    if (frac.empty() || frac.size() > 2) throw UsageError(what + " takes degrees with up to two decimals");
+    v += parse_long(frac, what, 0, 99) * (frac.size() == 1 ? 10 : 1);
+  }
+  return static_cast<int32_t>(negative ? -v : v);
+}
+
+// ANGLE[:resize][:linear|:spline][:COLOUR]; whole quarter turns always keep
+// the whole image (as they always did here).
 void op_rotate(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--rotate");
-  const long degrees = parse_long(arg, "--rotate", 0, 360);
-  if (degrees % 90 != 0) throw UsageError("--rotate takes 90, 180 or 270 (the general turn is not built yet)");
-  check_result(V_RotateBitmap(&bm, static_cast<int32_t>(degrees * 100), ROTATE_RESIZE, 0), "--rotate " + arg);
+  size_t colon = arg.find(':');
+  const int32_t angle = parse_angle(arg.substr(0, colon), "--rotate");
+  uint32_t flags = angle % 9000 == 0 ? ROTATE_RESIZE : 0, fill = 0;
+  while (colon != std::string::npos) {
+    const size_t next = arg.find(':', colon + 1);
+    const std::string part = arg.substr(colon + 1, next == std::string::npos ? std::string::npos : next - colon - 1);
+    if (part == "resize") flags |= ROTATE_RESIZE;
+    else if (part == "linear") flags |= ROTATE_LINEAR;
+    else if (part == "spline") flags |= ROTATE_SPLINE;
+    else fill = parse_colour(part);
+    colon = next;
+  }
+  check_result(V_RotateBitmap(&bm, angle, flags, fill), "--rotate " + arg);
+}
+
+void op_fill(Context& ctx, const std::string& arg) {
+  check_result(V_FillBitmap(&need_bitmap(ctx, "--fill"), parse_colour(arg)), "--fill " + arg);
 }
 
 // X,Y,W,H: the rectangle's corner may lie outside the image.
@@ -522,7 +552,10 @@ const std::vector<OpInfo>& operations() {
       {"--height", "N", "keep the top N rows, or add blank rows at the bottom", op_height},
       {"--flip", nullptr, "turn the image upside down", op_flip},
       {"--mirror", nullptr, "mirror the image left to right", op_mirror},
-      {"--rotate", "90|180|270", "turn the image clockwise by a multiple of 90 degrees", op_rotate},
+      {"--rotate", "ANGLE[:resize][:linear|:spline][:COLOUR]",
+       "turn by degrees (two decimals); keep the size or resize; nearest, linear or spline; corners in COLOUR",
+       op_rotate},
+      {"--fill", "COLOUR", "set every pixel to COLOUR", op_fill},
       {"--crop", "X,Y,W,H", "keep the W x H rectangle at X,Y (black where it leaves the image)", op_crop},
       {"--trim", "X,Y,W,H", "keep the part of the rectangle at X,Y that lies inside the image", op_trim},
       {"--view-perspective", "N", "store the rows in orientation N (0-5, 7, 8); the picture stays the same",

@@ -496,6 +496,11 @@ std::vector<DemoStep> demo_steps() {
   d.push_back({"flip.png", {{"--flip", ""}}});
   d.push_back({"mirror.png", {{"--mirror", ""}}});
   for (const char* deg : {"90", "180", "270"}) d.push_back({std::string("rotate-") + deg + ".png", {{"--rotate", deg}}});
+  // The general turn in each quality, grown to hold the corners, white corners.
+  for (const char* q : {"nearest", "linear", "spline"})
+    d.push_back({std::string("rotate-30-") + q + ".png",
+                 {{"--rotate", std::string("30:resize") + (q[0] == 'n' ? "" : std::string(":") + q) + ":#ffffff"}}});
+  d.push_back({"fill.png", {{"--fill", "#3080c0"}}});
   d.push_back({"crop.png", {{"--crop", "-8,4,40,24"}}});  // a black strip on the left
   d.push_back({"trim.png", {{"--trim", "8,4,1000,1000"}}});
   // Stored transposed, saved as seen: the same picture, its record in the report.
