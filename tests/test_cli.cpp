@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -807,7 +808,14 @@ TEST_F(CliProgram, CtrlCWhileWaitingForInput) {
   ASSERT_GE(fd, 0);
   const std::string header = "P6\n100 100\n255\n";
   ASSERT_EQ(ssize_t(header.size()), write(fd, header.data(), header.size()));
-  usleep(200 * 1000);
+  // The shell opens the pipe before the program starts: wait until the
+  // program has read the header (its handler is in place by then), so a
+  // slow start (sanitizers) does not take the signal before the handler.
+  for (int waited = 0, unread = 1; unread > 0 && waited < 2000; ++waited) {
+    ASSERT_EQ(0, ioctl(fd, FIONREAD, &unread));
+    if (unread > 0) usleep(10 * 1000);
+  }
+  usleep(100 * 1000);
   kill(child, SIGINT);
   int status = 0;
   waitpid(child, &status, 0);
