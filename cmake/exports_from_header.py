@@ -54,6 +54,9 @@ def param_bytes(param, where):
 
 def declarations(header):
     text = re.sub(r"/\*.*?\*/", " ", open(header).read(), flags=re.S)
+    # Every function-pointer type the header defines is passed as a pointer.
+    for m in re.finditer(r"typedef[^;{]*?\(\s*(?:VK_CALL\s*)?\*\s*(\w+)\s*\)", text):
+        I686_BYTES.setdefault(m.group(1), 4)
     found = []
     for m in re.finditer(r"^\s*VK_API\s+([^;]*?)\bVK_CALL\s+(V_\w+)\s*\(([^;]*)\)\s*;", text, re.M | re.S):
         name, params = m.group(2), m.group(3)
