@@ -29,14 +29,14 @@ uint32_t get32(const uint8_t* p) { return p[0] | p[1] << 8 | p[2] << 16 | uint32
 
 // A DIB as bytes: header (12 bytes with 16-bit fields, else `header` bytes
 // of the 40-byte form), what follows it (palette or masks), the rows.
-struct Spec {
+struct DibShape {
   uint32_t header = 40;
   int32_t width = 0, height = 0;
   uint32_t planes = 1, bits = 8, compression = 0;
   int32_t ppm = 2835;
   uint32_t used = 0;
 };
-std::vector<uint8_t> dib_bytes(const Spec& s, const std::vector<uint8_t>& table, const std::vector<uint8_t>& rows) {
+std::vector<uint8_t> dib_bytes(const DibShape& s, const std::vector<uint8_t>& table, const std::vector<uint8_t>& rows) {
   std::vector<uint8_t> v(s.header == 12 ? 12 : std::max<uint32_t>(s.header, 40), 0);
   put32(v, 0, s.header);
   if (s.header == 12) {
@@ -113,7 +113,7 @@ TEST_F(DibTest, HeaderFormsPaletteAndOrientation) {
       const size_t entry = c.header == 12 ? 3 : 4;
       std::vector<uint8_t> table(16 * entry);
       for (size_t i = 0; i < table.size(); ++i) table[i] = uint8_t(i * 5 + 1);
-      Spec s{c.header, 3, c.height, 1, 4};
+      DibShape s{c.header, 3, c.height, 1, 4};
       VK_HGLOBAL block = block_of(dib_bytes(s, table, rows));
       BitmapHandle b;
       ASSERT_EQ((mirror ? V_MirrorFromDIB : V_ChangeFromDIB)(&b, block), RESULT_OK);
@@ -175,7 +175,7 @@ TEST_F(DibTest, ColourMasks) {
       SCOPED_TRACE(std::to_string(c.bits) + " bits, red mask " + std::to_string(c.r) + ", way " +
                    std::to_string(way));
       // 16 bits: 5 pixels in 12-byte rows (one padding pixel); 32 bits: 5 pixels.
-      Spec s{40, 5, 1, 1, c.bits, 3};
+      DibShape s{40, 5, 1, 1, c.bits, 3};
       const std::vector<uint8_t> bytes = dib_bytes(s, masks(c.r, c.g, c.b), c.in);
       VK_HGLOBAL block = block_of(bytes);
       BitmapHandle b;
@@ -216,7 +216,7 @@ TEST_F(DibTest, VideoCodesAgainstHandComputedBlock) {
   for (const Case& c : cases) {
     for (int32_t height : {2, -2}) {
       SCOPED_TRACE(std::string(c.code) + " height " + std::to_string(height));
-      Spec s{40, 2, height, 1, 16, kFourcc(*reinterpret_cast<const char(*)[5]>(c.code))};
+      DibShape s{40, 2, height, 1, 16, kFourcc(*reinterpret_cast<const char(*)[5]>(c.code))};
       const std::vector<uint8_t> bytes = dib_bytes(s, {}, c.frame);
       BitmapHandle b;
       ASSERT_EQ(V_ConvertFromDIB(&b, bytes.data(), bytes.data() + 40), RESULT_OK);
@@ -238,38 +238,38 @@ TEST_F(DibTest, VideoCodesAgainstHandComputedBlock) {
 // was, the record untouched, nothing allocated.
 TEST_F(DibTest, MalformedBlocksAreRefused) {
   const std::vector<uint8_t> two_entries(8, 0x40), rows(8, 0x11);  // 4 x 2, 8 bits
-  auto base = [] { return Spec{40, 4, 2, 1, 8, 0, 2835, 2}; };
+  auto base = [] { return DibShape{40, 4, 2, 1, 8, 0, 2835, 2}; };
   struct Case {
     const char* name;
-    Spec spec;
+    DibShape shape;
     size_t cut;  // bytes removed from the end
     int32_t code;
   } cases[] = {
-      {"width 0", [&] { Spec s = base(); s.width = 0; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"height 0", [&] { Spec s = base(); s.height = 0; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"negative width", [&] { Spec s = base(); s.width = -4; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"height INT_MIN", [&] { Spec s = base(); s.height = INT_MIN; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"header larger than block", [&] { Spec s = base(); s.header = 4096; return s; }(), 4056, RESULT_BAD_FORMAT},
-      {"header of 20 bytes", [&] { Spec s = base(); s.header = 20; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"palette above 256", [&] { Spec s = base(); s.used = 300; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"palette beyond block", [&] { Spec s = base(); s.used = 200; return s; }(), 0, RESULT_BAD_FORMAT},
+      {"width 0", [&] { DibShape s = base(); s.width = 0; return s; }(), 0, RESULT_BAD_PARAMETER},
+      {"height 0", [&] { DibShape s = base(); s.height = 0; return s; }(), 0, RESULT_BAD_PARAMETER},
+      {"negative width", [&] { DibShape s = base(); s.width = -4; return s; }(), 0, RESULT_BAD_PARAMETER},
+      {"height INT_MIN", [&] { DibShape s = base(); s.height = INT_MIN; return s; }(), 0, RESULT_BAD_PARAMETER},
+      {"header larger than block", [&] { DibShape s = base(); s.header = 4096; return s; }(), 4056, RESULT_BAD_FORMAT},
+      {"header of 20 bytes", [&] { DibShape s = base(); s.header = 20; return s; }(), 0, RESULT_BAD_FORMAT},
+      {"palette above 256", [&] { DibShape s = base(); s.used = 300; return s; }(), 0, RESULT_BAD_FORMAT},
+      {"palette beyond block", [&] { DibShape s = base(); s.used = 200; return s; }(), 0, RESULT_BAD_FORMAT},
       {"rows beyond block", base(), 1, RESULT_BAD_FORMAT},
-      {"tall", [&] { Spec s = base(); s.height = 1000000; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"absurd width", [&] { Spec s = base(); s.width = INT_MAX; s.bits = 32; s.used = 0; return s; }(), 0,
+      {"tall", [&] { DibShape s = base(); s.height = 1000000; return s; }(), 0, RESULT_BAD_FORMAT},
+      {"absurd width", [&] { DibShape s = base(); s.width = INT_MAX; s.bits = 32; s.used = 0; return s; }(), 0,
        RESULT_BAD_FORMAT},
-      {"planes 2", [&] { Spec s = base(); s.planes = 2; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"run-length compression", [&] { Spec s = base(); s.compression = 1; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"bit fields at 8 bits", [&] { Spec s = base(); s.compression = 3; s.used = 0; return s; }(), 0,
+      {"planes 2", [&] { DibShape s = base(); s.planes = 2; return s; }(), 0, RESULT_BAD_FORMAT},
+      {"run-length compression", [&] { DibShape s = base(); s.compression = 1; return s; }(), 0, RESULT_BAD_FORMAT},
+      {"bit fields at 8 bits", [&] { DibShape s = base(); s.compression = 3; s.used = 0; return s; }(), 0,
        RESULT_BAD_FORMAT},
-      {"2 bits", [&] { Spec s = base(); s.bits = 2; s.used = 0; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"unknown four-character code", [&] { Spec s = base(); s.compression = kFourcc("MJPG"); return s; }(), 0,
+      {"2 bits", [&] { DibShape s = base(); s.bits = 2; s.used = 0; return s; }(), 0, RESULT_BAD_FORMAT},
+      {"unknown four-character code", [&] { DibShape s = base(); s.compression = kFourcc("MJPG"); return s; }(), 0,
        RESULT_BAD_FORMAT},
-      {"short video frame", [&] { Spec s = base(); s.width = 64; s.compression = kFourcc("I420"); return s; }(), 0,
+      {"short video frame", [&] { DibShape s = base(); s.width = 64; s.compression = kFourcc("I420"); return s; }(), 0,
        RESULT_BAD_FORMAT},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    std::vector<uint8_t> bytes = dib_bytes(c.spec, two_entries, rows);
+    std::vector<uint8_t> bytes = dib_bytes(c.shape, two_entries, rows);
     bytes.resize(bytes.size() - c.cut);
     VK_HGLOBAL block = block_of(bytes);
     const long live = vk::fault::live_total();
@@ -318,7 +318,7 @@ TEST_F(DibTest, ResolutionBothWaysAndTheScreensForZero) {
   screen.vert_res = 500;
   screen.vert_size = 254;
   vk::plat::override_screen_info(&screen);
-  Spec s{40, 1, 1, 1, 24, 0, 0};
+  DibShape s{40, 1, 1, 1, 24, 0, 0};
   const std::vector<uint8_t> zero = dib_bytes(s, {}, {1, 2, 3, 0});
   ASSERT_EQ(V_ConvertFromDIB(&back, zero.data(), zero.data() + 40), RESULT_OK);
   vk::plat::override_screen_info(nullptr);
@@ -449,9 +449,9 @@ TEST_F(DibTest, FaultSweepFromDib) {
     std::vector<uint8_t> bytes;
     size_t bits_at;
   } blocks[] = {
-      {dib_bytes(Spec{40, 3, 2, 1, 8, 0, 2835, 16}, pal, std::vector<uint8_t>(8, 3)), 104},
-      {dib_bytes(Spec{40, 3, 2, 1, 16, 3}, masks(0xF800, 0x7E0, 0x1F), std::vector<uint8_t>(16, 0xA7)), 52},
-      {dib_bytes(Spec{40, 2, 2, 1, 16, kFourcc("YUY2")}, {}, std::vector<uint8_t>(8, 0x80)), 40},
+      {dib_bytes(DibShape{40, 3, 2, 1, 8, 0, 2835, 16}, pal, std::vector<uint8_t>(8, 3)), 104},
+      {dib_bytes(DibShape{40, 3, 2, 1, 16, 3}, masks(0xF800, 0x7E0, 0x1F), std::vector<uint8_t>(16, 0xA7)), 52},
+      {dib_bytes(DibShape{40, 2, 2, 1, 16, kFourcc("YUY2")}, {}, std::vector<uint8_t>(8, 0x80)), 40},
   };
   for (const auto& [bytes, bits_at] : blocks) {
     for (int way = 0; way < 3; ++way) {
