@@ -167,34 +167,39 @@ inline void fetch(const Job& j, const int32_t* fill, int32_t x, int32_t y, int32
   else std::memcpy(c, fill, sizeof(int32_t) * F::kN);
 }
 
+// Walks one destination row: outside the source a pixel takes the fill,
+// inside `sample` computes its components (a lambda, inlined per family).
+template <class F, class Sample>
+void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) {
+  int32_t fill[F::kN];
+  F::of_value(j.fill, fill);
+  for (int32_t i = 0; i < j.dw; ++i) {
+    int32_t p[F::kN];
+    if (!inside(j, x.whole, y.whole)) std::memcpy(p, fill, sizeof p);
+    else sample(fill, x, y, p);
+    F::put(out, i, p);
+    x.add(j.cs);
+    y.add(j.sn);
+  }
+}
+
 // The nearest pixel P, blended toward its horizontal neighbour Q by the x
 // fraction, then toward its raw vertical neighbour by the y fraction:
 // P += ((Q - P) x |f|) / 16384, truncating toward zero.  (For f < 0 this is
 // P += ((P - Q) x f) / 16384 with Q on the left: the same product.)
 template <class F>
 void linear(const Job& j, uint8_t* out, Axis x, Axis y) {
-  constexpr int N = F::kN;
-  int32_t fill[N];
-  F::of_value(j.fill, fill);
-  for (int32_t i = 0; i < j.dw; ++i) {
-    int32_t p[N];
-    if (!inside(j, x.whole, y.whole)) {
-      std::memcpy(p, fill, sizeof p);
-    } else {
-      int32_t q[N], r[N];
-      F::get(j.src + size_t(y.whole) * j.bpl, x.whole, p);
-      fetch<F>(j, fill, x.whole + (x.frac < 0 ? -1 : 1), y.whole, q);
-      fetch<F>(j, fill, x.whole, y.whole + (y.frac < 0 ? -1 : 1), r);
-      const int32_t fx = x.frac < 0 ? -x.frac : x.frac, fy = y.frac < 0 ? -y.frac : y.frac;
-      for (int k = 0; k < N; ++k) {
-        p[k] += ((q[k] - p[k]) * fx) / kOne;
-        p[k] += ((r[k] - p[k]) * fy) / kOne;
-      }
+  interpolate_row<F>(j, out, x, y, [&j](const int32_t* fill, const Axis& x, const Axis& y, int32_t* p) {
+    int32_t q[F::kN], r[F::kN];
+    F::get(j.src + size_t(y.whole) * j.bpl, x.whole, p);
+    fetch<F>(j, fill, x.whole + (x.frac < 0 ? -1 : 1), y.whole, q);
+    fetch<F>(j, fill, x.whole, y.whole + (y.frac < 0 ? -1 : 1), r);
+    const int32_t fx = x.frac < 0 ? -x.frac : x.frac, fy = y.frac < 0 ? -y.frac : y.frac;
+    for (int k = 0; k < F::kN; ++k) {
+      p[k] += ((q[k] - p[k]) * fx) / kOne;
+      p[k] += ((r[k] - p[k]) * fy) / kOne;
     }
-    F::put(out, i, p);
-    x.add(j.cs);
-    y.add(j.sn);
-  }
+  });
 }
 
 // The cubic spline through four samples at -1, 0, 1, 2, evaluated at t
@@ -220,38 +225,28 @@ inline float spline(const float* s, const SplineT& w) {
 template <class F>
 void cubic(const Job& j, uint8_t* out, Axis x, Axis y) {
   constexpr int N = F::kN;
-  int32_t fill[N];
-  F::of_value(j.fill, fill);
-  for (int32_t i = 0; i < j.dw; ++i) {
-    int32_t p[N];
-    if (!inside(j, x.whole, y.whole)) {
-      std::memcpy(p, fill, sizeof p);
-    } else {
-      // The fraction made non-negative: the samples run from one pixel
-      // before the whole part to two after it.
-      int32_t x0 = x.whole - 1, fx = x.frac, y0 = y.whole - 1, fy = y.frac;
-      if (fx < 0) fx += kOne, --x0;
-      if (fy < 0) fy += kOne, --y0;
-      const SplineT tx = spline_at(fx), ty = spline_at(fy);
-      float rows[N][4];
-      for (int r = 0; r < 4; ++r) {
-        float s[N][4];
-        for (int c = 0; c < 4; ++c) {
-          int32_t v[N];
-          fetch<F>(j, fill, x0 + c, y0 + r, v);
-          for (int k = 0; k < N; ++k) s[k][c] = float(v[k]);
-        }
-        for (int k = 0; k < N; ++k) rows[k][r] = spline(s[k], tx);
+  interpolate_row<F>(j, out, x, y, [&j](const int32_t* fill, const Axis& x, const Axis& y, int32_t* p) {
+    // The fraction made non-negative: the samples run from one pixel
+    // before the whole part to two after it.
+    int32_t x0 = x.whole - 1, fx = x.frac, y0 = y.whole - 1, fy = y.frac;
+    if (fx < 0) fx += kOne, --x0;
+    if (fy < 0) fy += kOne, --y0;
+    const SplineT tx = spline_at(fx), ty = spline_at(fy);
+    float rows[N][4];
+    for (int r = 0; r < 4; ++r) {
+      float s[N][4];
+      for (int c = 0; c < 4; ++c) {
+        int32_t v[N];
+        fetch<F>(j, fill, x0 + c, y0 + r, v);
+        for (int k = 0; k < N; ++k) s[k][c] = float(v[k]);
       }
-      for (int k = 0; k < N; ++k) {
-        const int32_t v = int32_t(spline(rows[k], ty) + 0.5f);
-        p[k] = std::clamp(v, 0, F::kMax);
-      }
+      for (int k = 0; k < N; ++k) rows[k][r] = spline(s[k], tx);
     }
-    F::put(out, i, p);
-    x.add(j.cs);
-    y.add(j.sn);
-  }
+    for (int k = 0; k < N; ++k) {
+      const int32_t v = int32_t(spline(rows[k], ty) + 0.5f);
+      p[k] = std::clamp(v, 0, F::kMax);
+    }
+  });
 }
 
 using RowFn = void (*)(const Job&, uint8_t*, Axis, Axis);
