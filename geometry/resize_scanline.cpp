@@ -95,37 +95,41 @@ void forward_bytes(const uint8_t* src, uint8_t* dst, Walk w) {
 
 // From the last destination pixel back to the first: the end position is
 // found first, then every step is undone (a borrow moves back one pixel).
+class BackWalk {
+ public:
+  BackWalk(const Walk& w, uint64_t step)
+      : total_(uint64_t(w.count) * w.rem + w.acc),
+        pos_(uint64_t(w.count) * step + total_ / w.den),
+        acc_(int64_t(total_ % w.den)),
+        rem_(w.rem),
+        den_(w.den),
+        step_(step) {}
+  // The source position of the previous destination pixel.
+  uint64_t prev() {
+    acc_ -= rem_;
+    if (acc_ < 0) {
+      acc_ += den_;
+      --pos_;
+    }
+    return pos_ -= step_;
+  }
+
+ private:
+  uint64_t total_, pos_;
+  int64_t acc_, rem_, den_;
+  uint64_t step_;
+};
+
 template <int B>
 void reverse_packed(const uint8_t* src, uint8_t* dst, Walk w, bool expand) {
   const uint64_t first = (uint64_t(w.start) * B) & 7;
-  const uint64_t step = expand ? 0 : w.step;
-  const uint64_t total = uint64_t(w.count) * w.rem + w.acc;
-  uint64_t pos = w.count * step + total / w.den;
-  int64_t acc = int64_t(total % w.den);
-  for (uint32_t i = w.count; i-- > 0;) {
-    acc -= w.rem;
-    if (acc < 0) {
-      acc += w.den;
-      --pos;
-    }
-    pos -= step;
-    put_at<B>(dst, uint64_t(i) * B, get_at<B>(src, first + pos * B));
-  }
+  BackWalk back(w, expand ? 0 : w.step);
+  for (uint32_t i = w.count; i-- > 0;) put_at<B>(dst, uint64_t(i) * B, get_at<B>(src, first + back.prev() * B));
 }
 template <int N>
 void reverse_bytes(const uint8_t* src, uint8_t* dst, Walk w) {
-  const uint64_t total = uint64_t(w.count) * w.rem + w.acc;
-  uint64_t pos = uint64_t(w.count) * w.step + total / w.den;
-  int64_t acc = int64_t(total % w.den);
-  for (uint32_t i = w.count; i-- > 0;) {
-    acc -= w.rem;
-    if (acc < 0) {
-      acc += w.den;
-      --pos;
-    }
-    pos -= w.step;
-    std::memmove(dst + size_t(i) * N, src + pos * N, N);
-  }
+  BackWalk back(w, w.step);
+  for (uint32_t i = w.count; i-- > 0;) std::memmove(dst + size_t(i) * N, src + back.prev() * N, N);
 }
 
 struct ScanKernels {
