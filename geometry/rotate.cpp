@@ -224,8 +224,8 @@ inline float spline(const float* s, const SplineT& w) {
 
 template <class F>
 void cubic(const Job& j, uint8_t* out, Axis x, Axis y) {
-  constexpr int N = F::kN;
   interpolate_row<F>(j, out, x, y, [&j](const int32_t* fill, const Axis& x, const Axis& y, int32_t* p) {
+    constexpr int N = F::kN;
     // The fraction made non-negative: the samples run from one pixel
     // before the whole part to two after it.
     int32_t x0 = x.whole - 1, fx = x.frac, y0 = y.whole - 1, fy = y.frac;
