@@ -10,6 +10,7 @@
 // pixels through it, so a layout or a rule changes in one place.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -69,9 +70,17 @@ struct Rgb16 {
   uint16_t r, g, b;
 };
 
+// On little-endian hosts it is one 16-bit store: written as two bytes, the
+// compiler merges neighbouring channels' bytes into wider words with shifts
+// and ors, which cost 48-bit runs a fifth of their speed.
 inline void put_le16(uint8_t* p, uint32_t v) {
-  p[0] = uint8_t(v);
-  p[1] = uint8_t(v >> 8);
+  if constexpr (std::endian::native == std::endian::little) {
+    const uint16_t w = uint16_t(v);
+    std::memcpy(p, &w, 2);
+  } else {
+    p[0] = uint8_t(v);
+    p[1] = uint8_t(v >> 8);
+  }
 }
 // An 8-bit channel as a 16-bit one (the byte in both halves).
 inline constexpr uint16_t widen8(uint32_t v) { return uint16_t(v * 257u); }
@@ -220,9 +229,13 @@ struct ChannelPixels {
     const uint8_t first = p[0], mid = p[Width], last = p[2 * Width];
     return Bgr ? Rgb8{last, mid, first} : Rgb8{first, mid, last};
   }
+  // The pointer steps in address-wide arithmetic: a 32-bit `i * Step` may
+  // wrap, which keeps the compiler from vectorising the loop or folding the
+  // stores (24 to 48 bits ran a fifth slower that way).
   template <class V>
   static void put_run(uint8_t* row, size_t x0, uint32_t n, const V* in) {
-    for (uint32_t i = 0; i < n; ++i) Self::put(row + i * Step, x0, in[i]);
+    uint8_t* p = row + x0 * Step;
+    for (uint32_t i = 0; i < n; ++i, p += Step) Self::put(p, 0, in[i]);
   }
 };
 
