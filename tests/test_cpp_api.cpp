@@ -74,8 +74,9 @@ TEST_F(CppApi, RowsRangeReadsEveryStoredRow) {
   EXPECT_EQ(empty.rows().begin(), empty.rows().end());
 }
 
-// Each member on one bitmap and its C call on an identical one: same record
-// shape, same pixels.
+// Each member that maps its arguments or makes a new record, on one bitmap,
+// and its C call on an identical one: same record shape, same pixels.  (The
+// members that pass their arguments straight to one call are left out.)
 TEST_F(CppApi, MembersDoWhatTheirCallDoes) {
   struct Case {
     const char* name;
@@ -88,19 +89,12 @@ TEST_F(CppApi, MembersDoWhatTheirCallDoes) {
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 4, RESOLVE_FIXED, nullptr, nullptr, 0, nullptr, 0); }},
       {"reduce optimised", 24, [](vk::Bitmap& b) { b.reduce(8, RESOLVE_OPTIMISED, 20); },
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 8, 0, nullptr, nullptr, 20, nullptr, 0); }},
-      {"to_gray", 24, [](vk::Bitmap& b) { b.to_gray(16); }, [](BitmapHandle* h) { return V_GrayScaleBitmap(h, 16); }},
       {"convert rgb", 8, [](vk::Bitmap& b) { b.convert(48, ORDER_RGB); },
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 48, 0, nullptr, nullptr, 0, nullptr, 0); }},
       {"convert gray", 24, [](vk::Bitmap& b) { b.convert(16, ORDER_GRAY); },
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 16, RESOLVE_GRAY, nullptr, nullptr, 0, nullptr, 0); }},
-      {"flip", 4, [](vk::Bitmap& b) { b.flip(); }, [](BitmapHandle* h) { return V_FlipBitmap(h); }},
-      {"mirror", 12, [](vk::Bitmap& b) { b.mirror(); }, [](BitmapHandle* h) { return V_ReverseBitmap(h); }},
       {"rotate", 1, [](vk::Bitmap& b) { b.rotate(27000); },
        [](BitmapHandle* h) { return V_RotateBitmap(h, 27000, ROTATE_RESIZE, 0); }},
-      {"view", 32, [](vk::Bitmap& b) { b.set_view_perspective(5); },
-       [](BitmapHandle* h) { return V_ChangeBitmapViewPerspective(nullptr, h, 5); }},
-      {"trim", 8, [](vk::Bitmap& b) { b.trim(3, 2, 20, 40); },
-       [](BitmapHandle* h) { return V_TrimBitmap(h, 3, 2, 20, 40); }},
       {"copy_rect", 2, [](vk::Bitmap& b) { b = b.copy_rect(-3, 1, 12, 5); },
        [](BitmapHandle* h) {
          BitmapHandle out{};
