@@ -49,7 +49,7 @@ TEST(Runtime, ThreadsKeepIndependentDefaultsTablesAndCallbacks) {
     // Its own changes stay with it.
     V_SetDefaultXResolution(72);
     V_DefaultDithering(DITHER_NONE);
-    V_SetStatusCallBack(status_b, 5);
+    EXPECT_EQ(V_SetStatusCallBack(status_b, 5), nullptr);  // hands back what it replaced
     V_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, 44);
   });
   t.join();
@@ -67,7 +67,7 @@ TEST(Runtime, ThreadsKeepIndependentDefaultsTablesAndCallbacks) {
   EXPECT_EQ(data, 33);
 
   V_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, 0);
-  EXPECT_EQ(V_SetStatusCallBack(old_status, 0), status_a);  // a setter hands back what it replaced
+  EXPECT_EQ(V_SetStatusCallBack(old_status, 0), status_a);
   EXPECT_EQ(V_SetCopyStatusCallBack(old_copy, 0), status_b);
   V_DefaultDithering(DITHER_ORDERED);
   V_SetDefaultXResolution(old_x);
