@@ -1,6 +1,6 @@
 // Runtime services: per-thread isolation of settings through the public
 // calls, the caller-slot store, status callbacks, utilities, and the
-// platform's palette and MulDiv calls.
+// platform's palette, screen and MulDiv calls.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -289,6 +289,17 @@ TEST(Platform, ExportedPaletteKeepsTheQuadOrder) {
   EXPECT_EQ(VKP_DeletePalette(p), 1);
   EXPECT_EQ(VKP_CreatePalette(nullptr, 2), nullptr);
   EXPECT_EQ(vk::fault::live_total(), base);
+}
+
+// The backend's own screen (the system's on Windows, wine's there too): a
+// size to derive default resolutions from, and no palette.
+TEST(Platform, ScreenHasASizeAndNoPalette) {
+  const vk::plat::ScreenInfo s = vk::plat::screen_info();
+  EXPECT_FALSE(s.palette_device);
+  EXPECT_GT(s.horz_res, 0);
+  EXPECT_GT(s.vert_res, 0);
+  EXPECT_GT(s.horz_size, 0);
+  EXPECT_GT(s.vert_size, 0);
 }
 
 }  // namespace
