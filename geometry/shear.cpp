@@ -93,11 +93,11 @@ int32_t walk_rows(const Walk& w, int32_t h, Progress& progress, Body&& body) {
 int32_t shear_packed(BitmapHandle* src, BitmapHandle* dst, const Walk& w, uint64_t fill, Progress& progress) {
   const int32_t bits = src->BitsPerPixel;
   const uint32_t sw = uint32_t(src->Width), dw = uint32_t(dst->Width);
-  const int32_t sbpl = int32_t(src->BytesPerLine), dbpl = int32_t(dst->BytesPerLine);
-  Buffer<uint8_t> line(static_cast<size_t>(sbpl)), row(static_cast<size_t>(dbpl), true), blank(static_cast<size_t>(dbpl), true);
+  const uint32_t sbpl = src->BytesPerLine, dbpl = dst->BytesPerLine;
+  Buffer<uint8_t> line(sbpl), row(dbpl, true), blank(dbpl, true);
   if (!line || !row || !blank) return RESULT_FAIL;
   fill_pixels(blank.get(), bits, 0, dw, fill);
-  std::memcpy(row.get(), blank.get(), size_t(dbpl));
+  std::memcpy(row.get(), blank.get(), dbpl);
   const PlaceFn put_row = kPlace[bits];
   // Every pixel of the blank row is the fill, so any run of it will do.
   auto refill = [&](uint32_t from, uint32_t to) {
@@ -105,13 +105,13 @@ int32_t shear_packed(BitmapHandle* src, BitmapHandle* dst, const Walk& w, uint64
   };
   uint32_t last = w.mirrored ? w.extra : 0;  // the fill is whole where the first row goes
   return walk_rows(w, src->Height, progress, [&](uint32_t y, uint32_t at) -> int32_t {
-    const int32_t got = V_GetBitmapRow(src, line.get(), y, sbpl);
+    const int32_t got = V_GetBitmapRow(src, line.get(), y, int32_t(sbpl));
     if (got < 0) return got;
     if (at > last) refill(last, std::min(at, last + sw));
     else refill(std::max(at + sw, last), last + sw);
     put_row(row.get(), at, line.get(), sw);
     last = at;
-    const int32_t put = V_PutBitmapRow(dst, row.get(), y, dbpl);
+    const int32_t put = V_PutBitmapRow(dst, row.get(), y, int32_t(dbpl));
     return put < 0 ? put : int32_t{RESULT_OK};
   });
 }
