@@ -186,15 +186,16 @@ int32_t shear_bitmap(BitmapHandle* b, int32_t angle, bool horizontal, uint32_t c
   // Reading rows moves the caller's row cache; it is put back unless the
   // result replaces the record.
   op::CacheGuard cache(b);
-  op::Scratch turned, sheared, back;
-  BitmapHandle* src = b;
-  if (!horizontal) {
-    Progress progress(b->Width, false, 0, 20);
-    VK_TRY(progress.start());
-    VK_TRY(turn_quarter(b, 1, turned, progress));
-    src = turned.get();
-  }
+  op::Scratch sheared, back;
   {
+    op::Scratch turned;  // let go before the turn back makes its copy
+    BitmapHandle* src = b;
+    if (!horizontal) {
+      Progress progress(b->Width, false, 0, 20);
+      VK_TRY(progress.start());
+      VK_TRY(turn_quarter(b, 1, turned, progress));
+      src = turned.get();
+    }
     // The mirror of a negative angle counts as 5 percent; after a turn that
     // reported 20 only a mirror has anything new to report before the rows.
     Progress progress(h, false, (horizontal ? 0 : 20) + (negative ? 5 : 0), 100);
