@@ -499,9 +499,7 @@ void row_fs_black_white(DitherContext& c, uint8_t* out, int32_t width) {
   auto pixel = [&](int32_t x) -> uint32_t {
     const int s[3] = {src[x].r, src[x].g, src[x].b};
     int v[3];
-    for (int ch = 0; ch < 3; ++ch) {
-      v[ch] = clamp255(s[ch] + car[ch] / 16);  // truncates toward zero
-    }
+    for (int ch = 0; ch < 3; ++ch) v[ch] = clamp255(s[ch] + car[ch] / KernelFloydSteinberg::D);  // toward zero
     const uint32_t white = uint32_t(2 * v[0] + 5 * v[1] + v[2] + 4) >> 10;
     const int mask = -int(white);
     for (int ch = 0; ch < 3; ++ch) {
