@@ -1,7 +1,8 @@
 // Dithering throughput: a 24-bit photo-like image (gradients plus noise,
 // 4096 x 3072 = 12.6 megapixels) to 8-bit indices, per method, into the
 // fixed 256-entry palette (closed formula) and into an arbitrary 256-entry
-// palette (engine-owned match table, filled lazily during the run).
+// palette (engine-owned match table, filled lazily during the run), and to
+// black and white.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -45,7 +46,7 @@ const RGBQUAD* arbitrary_palette() {
   return pal;
 }
 
-void run(benchmark::State& state, const RGBQUAD* palette) {
+void run(benchmark::State& state, const RGBQUAD* palette, int32_t colors = 256) {
   const std::vector<uint8_t>& img = photo();
   std::vector<uint8_t> out(kWidth);
   BitmapHandle b;
@@ -56,7 +57,7 @@ void run(benchmark::State& state, const RGBQUAD* palette) {
   b.Order = ORDER_RGB;
   b.DitheringMethod = int32_t(state.range(0));
   for (auto _ : state) {
-    if (V_StartDithering(&b, palette, 256) != RESULT_OK) {
+    if (V_StartDithering(&b, palette, colors) != RESULT_OK) {
       state.SkipWithError("start failed");
       break;
     }
@@ -71,9 +72,12 @@ void run(benchmark::State& state, const RGBQUAD* palette) {
 
 void BM_DitherFixed256(benchmark::State& state) { run(state, nullptr); }
 void BM_DitherOwnTable(benchmark::State& state) { run(state, arbitrary_palette()); }
+// Black and white (fixed 2-entry palette, 1-bit rows), the commonest reduction.
+void BM_DitherBlackWhite(benchmark::State& state) { run(state, nullptr, 2); }
 
 // Argument: the dithering method 0 (none) .. 8 (clustered).
 BENCHMARK(BM_DitherFixed256)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DitherOwnTable)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DitherBlackWhite)->Arg(DITHER_FLOYD_STEINBERG)->Arg(DITHER_ORDERED)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -479,6 +479,64 @@ void row_diffuse(DitherContext& c, uint8_t* out, int32_t width) {
   pk.finish();
 }
 
+// Black and white Floyd-Steinberg: every index is 0 (black) or 1 (white).
+// The sums are those of the general row function; the error row's slots
+// roll through registers (`left`: column x - 1, `here`: column x, both still
+// collecting for the next line) and the numerator carried to the next pixel
+// is computed for both outcomes before the index is known, then selected.
+template <bool OneBit>
+void row_fs_black_white(DitherContext& c, uint8_t* out, int32_t width) {
+  int32_t* rows[3];
+  int car[3], left[3] = {0, 0, 0}, here[3] = {0, 0, 0};
+  for (int ch = 0; ch < 3; ++ch) {
+    rows[ch] = c.ErrorRows[ch * 3] + c.Margin;
+    rows[ch][-1] = 0;
+    car[ch] = rows[ch][0];
+    rows[ch][0] = 0;
+  }
+  if (width < 1) return;
+  const Rgb8* src = c.RowRgb;
+  auto pixel = [&](int32_t x) -> uint32_t {
+    const int s[3] = {src[x].r, src[x].g, src[x].b};
+    int v[3];
+    for (int ch = 0; ch < 3; ++ch) v[ch] = clamp255(s[ch] + car[ch] / KernelFloydSteinberg::D);  // toward zero
+    const uint32_t white = uint32_t(2 * v[0] + 5 * v[1] + v[2] + 4) >> 10;
+    const int mask = -int(white);
+    for (int ch = 0; ch < 3; ++ch) {
+      int32_t* row = rows[ch];
+      const int e = v[ch] - (mask & 255);
+      row[x - 1] = left[ch] + 3 * e;
+      left[ch] = here[ch] + 5 * e;
+      here[ch] = e;
+      car[ch] = (row[x + 1] + 7 * v[ch]) - (mask & 7 * 255);
+    }
+    return white;
+  };
+  int32_t x = 0;
+  if constexpr (OneBit) {
+    for (; x + 8 <= width; x += 8) {
+      uint32_t byte = 0;
+      for (int k = 0; k < 8; ++k) byte = byte << 1 | pixel(x + k);
+      *out++ = uint8_t(byte);
+    }
+    if (x < width) {  // the last partial byte keeps its other (low) bits
+      const int n = width - x;
+      uint32_t byte = 0;
+      for (; x < width; ++x) byte = byte << 1 | pixel(x);
+      const uint8_t keep = uint8_t(0xFFu >> n);
+      *out = uint8_t(((byte << (8 - n)) & ~uint32_t(keep)) | (*out & keep));
+    }
+  } else {
+    Packer pk(out, c.OutputBits);
+    for (; x < width; ++x) pk.put(pixel(x));
+    pk.finish();
+  }
+  for (int ch = 0; ch < 3; ++ch) {
+    rows[ch][width - 1] = left[ch];
+    rows[ch][width] = here[ch];
+  }
+}
+
 // ---- picking the row function (once, at start) ---------------------------------------------
 
 struct Plain {
@@ -516,7 +574,11 @@ DitherRowFn by_mode_ordered(int32_t mode) {
   }
 }
 
-DitherRowFn pick_row(int32_t method, int32_t mode) {
+DitherRowFn pick_row(int32_t method, int32_t mode, uint32_t colors, uint32_t outputBits) {
+  // Black and white, the commonest error diffusion (black alone takes the
+  // general path).
+  if (method == DITHER_FLOYD_STEINBERG && mode == MATCH_FIXED_2 && colors == 2)
+    return outputBits == 1 ? &row_fs_black_white<true> : &row_fs_black_white<false>;
   switch (method) {
     case DITHER_FLOYD_STEINBERG: return by_mode<Diffuse<KernelFloydSteinberg>>(mode);
     case DITHER_STUCKI: return by_mode<Diffuse<KernelStucki>>(mode);
@@ -677,7 +739,7 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
   }
   if (order == ORDER_GRAY && bits != 12 && bits != 16) gray_range(bits, 8, bm->LowBit, bm->HighBit, *c);
 
-  c->Row = pick_row(method, mode);
+  c->Row = pick_row(method, mode, c->ColorCount, c->OutputBits);
 
   // Pre-seed: exact palette colours resolve without a search; the first
   // entry that falls in a cell wins.  A caller's table is seeded in place,

@@ -212,6 +212,8 @@ TEST(Dither, HandComputedNumeratorsForARowOfTen) {
 
 TEST(Dither, DiffusionKernelsMatchWholeImageReference) {
   const RGBQUAD* fixed8 = V_IntGetFixedPalette(3);
+  const RGBQUAD* black_white = V_IntGetFixedPalette(1);
+  auto bw_match = [](int r, int g, int b) { return (2 * r + 5 * g + b + 4) >> 10; };
   // Own palette on cell corners with distinct cells: the table answer is the
   // nearest entry of the pixel's cell corner.
   std::vector<RGBQUAD> own = {q(0, 0, 0), q(248, 248, 248), q(200, 40, 16), q(32, 160, 64), q(64, 96, 224),
@@ -231,6 +233,13 @@ TEST(Dither, DiffusionKernelsMatchWholeImageReference) {
       const RefResult gotOwn = engine(img, k.method, own.data(), int(own.size()), 3);
       EXPECT_EQ(gotOwn.index, wantOwn.index);
       EXPECT_EQ(gotOwn.pending, wantOwn.pending);
+      // Black and white, packed eight to a byte and one to a byte.
+      const RefResult wantBw = reference(img, k, black_white, bw_match);
+      for (int bits : {1, 8}) {
+        const RefResult gotBw = engine(img, k.method, black_white, 2, bits);
+        EXPECT_EQ(gotBw.index, wantBw.index) << bits << " bits";
+        EXPECT_EQ(gotBw.pending, wantBw.pending) << bits << " bits";
+      }
     }
   }
 }
