@@ -114,6 +114,12 @@ class CliFormats : public ::testing::Test {
   }
   std::string vk() const { return "'" + program() + "'"; }
   static bool have(const char* tool) { return sh(std::string("command -v ") + tool + " >/dev/null 2>&1") == 0; }
+  static std::string slurp(const std::string& p) {
+    std::ifstream in(p);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
   fs::path dir_;
 };
 
@@ -281,7 +287,7 @@ TEST(CliBmp, MasksInsideALongHeaderAndAGapBeforeThePixels) {
     put(2, uint32_t(f.size() + pixels.size()), 4);
     put(10, uint32_t(f.size()), 4);
     put(14, header, 4), put(18, 2, 4), put(22, 1, 4), put(26, 1, 2), put(28, bits, 2), put(30, compression, 4);
-    put(54, 0xF800, 4), put(58, 0x7E0, 4), put(62, 0x1F, 4);  // masks, used with compression 3 only
+    if (compression == 3) put(54, 0xF800, 4), put(58, 0x7E0, 4), put(62, 0x1F, 4);  // masks at byte 40 of the header
     f.insert(f.end(), pixels.begin(), pixels.end());
     return f;
   };
@@ -313,11 +319,9 @@ TEST_F(CliFormats, DamagedBmpFailsNamingTheFile) {
     vkimg::write_file(path(c.name), bad);
     const int r = sh(vk() + " " + path(c.name) + " " + path("o.png") + " 2>" + path("err.txt"));
     EXPECT_EQ(1, r) << c.name;
-    std::ifstream err(path("err.txt"));
-    std::stringstream text;
-    text << err.rdbuf();
-    EXPECT_NE(std::string::npos, text.str().find(path(c.name))) << text.str();
-    EXPECT_NE(std::string::npos, text.str().find(c.says)) << text.str();
+    const std::string err = slurp(path("err.txt"));
+    EXPECT_NE(std::string::npos, err.find(path(c.name))) << err;
+    EXPECT_NE(std::string::npos, err.find(c.says)) << err;
     EXPECT_FALSE(fs::exists(path("o.png")));
   }
 }
@@ -369,10 +373,8 @@ TEST_F(CliFormats, CorruptJpegAndTiffFailNamingTheFile) {
   vkimg::write_file(path("cut.jpg"), std::vector<uint8_t>(jpg.begin(), jpg.begin() + ptrdiff_t(jpg.size() / 2)));
   const int r = sh(vk() + " " + path("cut.jpg") + " " + path("o.png") + " 2>" + path("err.txt"));
   EXPECT_EQ(1, r);
-  std::ifstream err(path("err.txt"));
-  std::stringstream text;
-  text << err.rdbuf();
-  EXPECT_NE(std::string::npos, text.str().find(path("cut.jpg"))) << text.str();
+  const std::string err = slurp(path("err.txt"));
+  EXPECT_NE(std::string::npos, err.find(path("cut.jpg"))) << err;
   EXPECT_FALSE(fs::exists(path("o.png")));
 }
 

@@ -187,6 +187,7 @@ class BmpDecoder final : public Decoder {
     describe();
     check_size(name, info_.width, info_.height, info_.bits);
   }
+
   void read_rows(uint8_t* dst, ptrdiff_t stride, int count) override {
     const auto line = static_cast<int32_t>(bm_.h.BytesPerLine);
     for (int k = 0; k < count; ++k, ++done_) {
