@@ -213,7 +213,12 @@ int32_t dpi_of(int32_t ppm, bool horizontal) {
   return int32_t((m * 254 + 5000) / 10000);
 }
 
-int32_t ppm_of(int32_t dpi) { return int32_t((int64_t{dpi} * 10000 + 127) / 254); }
+// A resolution too fine for the 32-bit field is held at its largest value
+// rather than wrapped.
+int32_t ppm_of(int32_t dpi) {
+  const int64_t ppm = (int64_t{dpi} * 10000 + 127) / 254;
+  return int32_t(ppm > INT32_MAX ? INT32_MAX : ppm < INT32_MIN ? INT32_MIN : ppm);
+}
 
 void rewrite_row(const Info& d, uint8_t* row, uint32_t pixels) {
   using Fn = void (*)(const Field*, uint8_t*, uint32_t);

@@ -1,5 +1,5 @@
-// The command-line program's JPEG and TIFF codecs, standard input and
-// output, and multi-page files.  JPEG is checked against libjpeg-turbo's own
+// The command-line program's JPEG, TIFF and BMP codecs, alpha, standard
+// input and output, and multi-page files.  JPEG is checked against libjpeg-turbo's own
 // command-line tools (cjpeg, djpeg).  Built only with the tools.
 #ifdef VKIMG_HAVE_TOOL
 
@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -112,6 +114,12 @@ class CliFormats : public ::testing::Test {
   }
   std::string vk() const { return "'" + program() + "'"; }
   static bool have(const char* tool) { return sh(std::string("command -v ") + tool + " >/dev/null 2>&1") == 0; }
+  static std::string slurp(const std::string& p) {
+    std::ifstream in(p);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
   fs::path dir_;
 };
 
@@ -234,6 +242,88 @@ TEST_F(CliFormats, MultiPageTiffIsAList) {
   }
   // One palette for all: the pages of the first file share it.
   EXPECT_EQ(vkimg::read_image(path("out/all.tif")).palette, vkimg::read_image(path("out/all-page3.tif")).palette);
+}
+
+// BMP goes through the library's device-independent bitmaps both ways:
+// every depth a BMP holds comes back pixel for pixel through the program,
+// the fourth byte of 32-bit pixels too, so PNG alpha survives BMP as it
+// survives PNG (8 and 16 bits per channel).
+TEST_F(CliFormats, BmpDepthsAndAlphaRoundTripThroughTheProgram) {
+  const struct {
+    const char* in;
+    const char* out;
+    Image img;
+  } kCases[] = {
+      {"1.bmp", "1b.bmp", palette_image(1, colours(2, 1), 33, 7, 1)},
+      {"4.bmp", "4b.bmp", palette_image(4, colours(16, 2), 31, 7, 2)},
+      {"8.bmp", "8b.bmp", palette_image(8, colours(256, 3), 13, 7, 3)},
+      {"16.bmp", "16b.bmp", photo(13, 7, 16, vkimg::kOrderBgr, 4)},
+      {"24.bmp", "24b.bmp", photo(13, 7, 24, vkimg::kOrderBgr, 5)},
+      {"32.bmp", "32b.bmp", photo(13, 7, 32, vkimg::kOrderBgr, 6)},
+      {"rgba.png", "rgba.bmp", photo(13, 7, 32, vkimg::kOrderBgr, 7)},
+      {"rgba.png", "rgba2.png", photo(13, 7, 32, vkimg::kOrderRgb, 8)},
+      {"rgba64.png", "rgba64b.png", photo(13, 7, 64, vkimg::kOrderBgr, 9)},
+  };
+  for (auto c : kCases) {
+    c.img.xdpi = c.img.ydpi = 300;
+    vkimg::write_image(path(c.in), c.img);
+    ASSERT_EQ(0, sh(vk() + " " + path(c.in) + " " + path(c.out))) << c.in << " -> " << c.out;
+    const Image back = vkimg::read_image(path(c.out));
+    EXPECT_EQ(c.img.bits, back.bits) << c.out;
+    EXPECT_EQ(colours_of(c.img), colours_of(back)) << c.out;
+    EXPECT_EQ(300, back.xdpi) << c.out;
+  }
+}
+
+// What other writers do: a 108-byte header with 5-6-5 masks inside it (read
+// as 5-5-5 pixels), and a gap between the header and the pixels.
+TEST(CliBmp, MasksInsideALongHeaderAndAGapBeforeThePixels) {
+  auto file = [](uint32_t header, uint16_t bits, uint32_t compression, uint32_t gap, std::vector<uint8_t> pixels) {
+    std::vector<uint8_t> f(14 + header + gap, 0);
+    auto put = [&](size_t at, uint32_t v, int n) {
+      for (int i = 0; i < n; ++i) f[at + size_t(i)] = uint8_t(v >> (8 * i));
+    };
+    f[0] = 'B', f[1] = 'M';
+    put(2, uint32_t(f.size() + pixels.size()), 4);
+    put(10, uint32_t(f.size()), 4);
+    put(14, header, 4), put(18, 2, 4), put(22, 1, 4), put(26, 1, 2), put(28, bits, 2), put(30, compression, 4);
+    if (compression == 3) put(54, 0xF800, 4), put(58, 0x7E0, 4), put(62, 0x1F, 4);  // masks at byte 40 of the header
+    f.insert(f.end(), pixels.begin(), pixels.end());
+    return f;
+  };
+  const Image v4 = vkimg::decode(file(108, 16, 3, 0, {0x00, 0xF8, 0x1F, 0x00}), Format::bmp, "v4.bmp");
+  ASSERT_EQ(16, v4.bits);
+  EXPECT_EQ((std::vector<uint8_t>{0x00, 0x7C, 0x1F, 0x00}), std::vector<uint8_t>(v4.row(0), v4.row(0) + 4));
+  const Image gap = vkimg::decode(file(40, 24, 0, 6, {1, 2, 3, 4, 5, 6, 0, 0}), Format::bmp, "gap.bmp");
+  ASSERT_EQ(24, gap.bits);
+  EXPECT_EQ((std::vector<uint8_t>{1, 2, 3, 4, 5, 6}), std::vector<uint8_t>(gap.row(0), gap.row(0) + 6));
+}
+
+// Damaged BMP files: exit 1 with the file named, whatever the header claims.
+TEST_F(CliFormats, DamagedBmpFailsNamingTheFile) {
+  const auto good = vkimg::encode(photo(40, 20, 24, vkimg::kOrderBgr, 1), Format::bmp, "x");
+  // Kept bytes; a 32-bit value written at `at` (0: none).
+  const struct {
+    const char* name;
+    size_t keep, at;
+    uint32_t value;
+    const char* says;
+  } kCases[] = {
+      {"cut.bmp", good.size() / 2, 0, 0, "truncated"},
+      {"huge-header.bmp", good.size(), 14, 0x7FFFFFF0, "header"},  // the info header's size
+      {"rle.bmp", good.size(), 30, 1, "RLE8"},                     // its compression
+  };
+  for (const auto& c : kCases) {
+    std::vector<uint8_t> bad(good.begin(), good.begin() + ptrdiff_t(c.keep));
+    for (size_t i = 0; c.at && i < 4; ++i) bad[c.at + i] = uint8_t(c.value >> (8 * i));
+    vkimg::write_file(path(c.name), bad);
+    const int r = sh(vk() + " " + path(c.name) + " " + path("o.png") + " 2>" + path("err.txt"));
+    EXPECT_EQ(1, r) << c.name;
+    const std::string err = slurp(path("err.txt"));
+    EXPECT_NE(std::string::npos, err.find(path(c.name))) << err;
+    EXPECT_NE(std::string::npos, err.find(c.says)) << err;
+    EXPECT_FALSE(fs::exists(path("o.png")));
+  }
 }
 
 // "-" reads standard input and writes standard output; the format of the

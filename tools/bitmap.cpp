@@ -96,17 +96,14 @@ class StorageView {
   bool locked_ = false;
 };
 
-// Storage row of file row k is first + step * k: the file may run bottom
-// up, the bitmap's view perspective may too.
+// Storage row of file row k (files run top row first) is first + step * k:
+// the bitmap's view perspective may run bottom up.
 struct RowMap {
   int32_t first, step;
   int32_t operator()(int32_t k) const { return first + step * k; }
 };
-RowMap row_map(const BitmapHandle& bm, bool file_bottom_up) {
-  const int32_t seen0 = file_bottom_up ? bm.Height - 1 : 0;
-  const int32_t first = storage_row(bm, seen0);
-  const bool down = (file_bottom_up ? -1 : 1) * (bm.ViewPerspective == 2 ? -1 : 1) > 0;
-  return RowMap{first, down ? 1 : -1};
+RowMap row_map(const BitmapHandle& bm) {
+  return bm.ViewPerspective == 2 ? RowMap{bm.Height - 1, -1} : RowMap{0, 1};
 }
 
 int32_t block_rows(size_t line) { return static_cast<int32_t>(std::max<size_t>(1, kBlockBytes / std::max<size_t>(line, 1))); }
@@ -154,8 +151,8 @@ ImageInfo saved_info(BitmapHandle& bm) {
 // storage when nothing needs converting, else copied and converted.
 class RowSource {
  public:
-  RowSource(BitmapHandle& bm, const ImageInfo& out, bool bottom_up)
-      : bm_(bm), view_(bm), map_(row_map(bm, bottom_up)), out_stride_(out.stride()) {
+  RowSource(BitmapHandle& bm, const ImageInfo& out)
+      : bm_(bm), view_(bm), map_(row_map(bm)), out_stride_(out.stride()) {
     const int bits = bm.BitsPerPixel;
     widen12_ = bits == 12;
     order5_ = bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
@@ -201,7 +198,7 @@ class RowSource {
 // alpha (conversions write that channel as 0): saved without it.
 bool alpha_used(BitmapHandle& bm, const ImageInfo& info) {
   if (info.bits != 32 && info.bits != 64) return false;
-  RowSource src(bm, info, false);
+  RowSource src(bm, info);
   const size_t n = static_cast<size_t>(info.bits / 8);
   for (int32_t k = 0; k < bm.Height; k += src.block()) {
     const int32_t count = std::min(src.block(), bm.Height - k);
@@ -236,10 +233,19 @@ namespace {
 
 // The decoder's current page into a new bitmap.
 Bitmap read_page(Decoder& dec, int memory_type) {
+  // A decoder that holds a library bitmap already (BMP) hands it over when
+  // plain memory is wanted; other storage gets a copy of its rows.
+  if (memory_type == TYPE_CONVENTIONAL) {
+    Bitmap taken;
+    if (dec.take_bitmap(taken.get())) {
+      taken.adopt();
+      return taken;
+    }
+  }
   const ImageInfo& info = dec.info();
   Bitmap bm = create_bitmap(info, memory_type);
   BitmapHandle& h = *bm.get();
-  const RowMap map = row_map(h, dec.bottom_up());
+  const RowMap map = row_map(h);
   const size_t line = h.BytesPerLine;
   StorageView view(h);
   if (view.direct() && line == info.stride()) {
@@ -269,7 +275,8 @@ Bitmap read_page(Decoder& dec, int memory_type) {
 }
 
 void write_page(Encoder& enc, BitmapHandle& bm, const ImageInfo& info) {
-  RowSource src(bm, info, enc.bottom_up());
+  if (enc.write_bitmap(bm, progress_step)) return;
+  RowSource src(bm, info);
   for (int32_t k = 0; k < bm.Height; k += src.block()) {
     const int32_t n = std::min(src.block(), bm.Height - k);
     ptrdiff_t stride = 0;
@@ -289,8 +296,8 @@ ImageInfo page_info(BitmapHandle& bm) {
 
 Bitmap load_bitmap(const std::string& path, int memory_type) {
   InStream in(path);
-  auto dec = open_decoder(in);
   progress_begin("loading " + file_label(path));
+  auto dec = open_decoder(in, progress_step);
   Bitmap bm = read_page(*dec, memory_type);
   dec->finish();
   progress_end();
@@ -299,7 +306,8 @@ Bitmap load_bitmap(const std::string& path, int memory_type) {
 
 std::vector<Bitmap> load_pages(const std::string& path, int memory_type) {
   InStream in(path);
-  auto dec = open_decoder(in);
+  progress_begin("loading " + file_label(path));
+  auto dec = open_decoder(in, progress_step);
   std::vector<Bitmap> pages;
   do {
     progress_begin("loading " + file_label(path) + (pages.empty() ? "" : " page " + std::to_string(pages.size() + 1)));

@@ -1,230 +1,345 @@
-// codec_bmp.cpp - uncompressed BMP, a block of rows at a time.
+// codec_bmp.cpp - BMP: a 14-byte file header in front of a packed
+// device-independent bitmap (DIB), which the library reads and writes.
 //
-// BMP rows are padded to 4 bytes like the library's, so most depths go
-// straight between the file and the caller's rows.  Files store the bottom
-// row first (unless the height is negative); both sides say so through
-// bottom_up() and the caller walks its rows that way.
+// Reading puts the rest of the file into one movable block, checked against
+// the file header, and V_ChangeFromDIB makes that block the bitmap's own
+// storage: loading costs the file's size and nothing more, and the library
+// checks every size the DIB claims against the block.  Writing is
+// V_ConvertToDIB (which narrows what a DIB cannot hold) with the file header
+// put in front.
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 #include "codec_internal.h"
+#include "result_names.h"
+#include "vkkrn_platform.h"
 
 namespace vkimg::codec {
 namespace {
 
-constexpr uint32_t kBiRgb = 0, kBiBitfields = 3;
+constexpr uint32_t kFileHeader = 14;
+constexpr uint32_t kCoreHeader = 12, kInfoHeader = 40, kBitFields = 3;
+// Files move in steps of this size, so that progress shows and Ctrl-C is prompt.
+constexpr size_t kStep = size_t(4) << 20;
+
+void put16(uint8_t* p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+}
+void put32(uint8_t* p, uint32_t v) {
+  put16(p, v & 0xFFFF);
+  put16(p + 2, v >> 16);
+}
+
+// A movable block, freed unless handed on.
+class Block {
+ public:
+  explicit Block(VK_HGLOBAL h = nullptr) : h_(h) {}
+  Block(Block&& o) noexcept : h_(o.release()) {}
+  Block& operator=(const Block&) = delete;
+  ~Block() {
+    if (h_) VKP_GlobalFree(h_);
+  }
+  VK_HGLOBAL get() const { return h_; }
+  VK_HGLOBAL release() { return std::exchange(h_, nullptr); }
+  // Resizes the (unlocked) block; false when there is no memory for it.
+  bool resize(size_t size) {
+    VK_HGLOBAL n = VKP_GlobalReAlloc(h_, std::max<size_t>(size, 1), VKP_GMEM_MOVEABLE);
+    if (n) h_ = n;
+    return n != nullptr;
+  }
+
+ private:
+  VK_HGLOBAL h_;
+};
+
+// A library bitmap record that frees its storage unless handed on.
+struct OwnedBitmap {
+  BitmapHandle h{};
+  bool owned = false;
+  OwnedBitmap() = default;
+  OwnedBitmap(const OwnedBitmap&) = delete;
+  OwnedBitmap& operator=(const OwnedBitmap&) = delete;
+  ~OwnedBitmap() {
+    if (owned) V_FreeBitmap(&h);
+  }
+};
+
+// A block's memory while the lock lives.
+class Locked {
+ public:
+  explicit Locked(VK_HGLOBAL h) : h_(h), p_(static_cast<uint8_t*>(VKP_GlobalLock(h))) {}
+  Locked(const Locked&) = delete;
+  Locked& operator=(const Locked&) = delete;
+  ~Locked() {
+    if (p_) VKP_GlobalUnlock(h_);
+  }
+  uint8_t* get() const { return p_; }
+
+ private:
+  VK_HGLOBAL h_;
+  uint8_t* p_;
+};
+
+// The rest of the input in one block: a regular file's known size at once,
+// a pipe in growing steps.  *size gets the bytes read.
+Block read_rest(InStream& in, const Progress& progress, size_t* size) {
+  const std::string& name = in.name();
+  const int64_t known = in.remaining();
+  // Header and palette come on top of the largest raster accepted.
+  const uint64_t limit = max_image_bytes + (uint64_t(1) << 16);
+  if (known > 0 && static_cast<uint64_t>(known) > limit) fail(name, "image too large");
+  size_t capacity = known >= 0 ? static_cast<size_t>(known) : kStep;
+  Block block(VKP_GlobalAlloc(VKP_GMEM_MOVEABLE, std::max<size_t>(capacity, 1)));
+  if (!block.get()) fail(name, "out of memory");
+  size_t got = 0;
+  for (;;) {
+    if (got == capacity) {
+      if (known >= 0) break;
+      if (capacity >= limit) fail(name, "image too large");
+      capacity *= 2;
+      if (!block.resize(capacity)) fail(name, "out of memory");
+    }
+    const size_t want = std::min(capacity - got, kStep);
+    size_t n = 0;
+    {
+      Locked p(block.get());
+      if (!p.get()) fail(name, "out of memory");
+      n = in.read(p.get() + got, want);
+    }
+    got += n;
+    if (!in.error().empty()) fail(name, "read error: " + in.error());
+    if (progress && known > 0) progress(static_cast<int64_t>(got), known);
+    if (n < want) break;
+  }
+  *size = got;
+  return block;
+}
+
+// Where the library looks for the pixels of a packed DIB: after the header,
+// the three masks of a bit-field DIB and the palette (colours used, 0
+// meaning 2^bits up to 8 bits; 3-byte entries after a core header).  0 when
+// the header is one the library refuses anyway.
+uint64_t packed_pixel_offset(const uint8_t* h, size_t size) {
+  const uint32_t header = rd32le(h);
+  const bool core = header == kCoreHeader;
+  if (!core && (header < kInfoHeader || header > size)) return 0;
+  const uint32_t bits = rd16le(h + (core ? 10 : 14));
+  const uint32_t compression = core ? 0 : rd32le(h + 16);
+  const uint32_t used = core ? 0 : rd32le(h + 32);
+  const uint64_t entries = bits >= 1 && bits <= 8 && used == 0 ? uint64_t(1) << bits : used;
+  if (entries > 256) return 0;
+  return header + (compression == kBitFields ? 12 : 0) + entries * (core ? 3 : 4);
+}
+
+std::string compression_name(uint32_t c) {
+  static const char* const kNames[] = {"none", "RLE8", "RLE4", "bit fields", "JPEG", "PNG", "alpha bit fields"};
+  return c < 7 ? kNames[c] : std::to_string(c);
+}
 
 class BmpDecoder final : public Decoder {
  public:
-  explicit BmpDecoder(InStream& in) : in_(in) {
-    const std::string& name = in.name();
-    uint8_t head[14 + 124 + 12] = {};
-    if (!in.read_exact(head, 18)) fail(name, head[0] == 'B' ? "truncated header" : "not a BMP file");
-    if (head[0] != 'B' || head[1] != 'M') fail(name, "not a BMP file");
-    const uint32_t off_bits = rd32le(head + 10);
-    const uint32_t hsize = rd32le(head + 14);
-    if (hsize != 12 && (hsize < 40 || hsize > 124)) fail(name, "unsupported BMP header size " + std::to_string(hsize));
-    if (!in.read_exact(head + 18, hsize - 4)) fail(name, "truncated header");
-    size_t pos = 14 + hsize;
-    const uint8_t* h = head + 14;
-    int64_t width = 0, height = 0;
-    uint32_t bits = 0, compression = kBiRgb, used = 0, xppm = 0, yppm = 0;
-    if (hsize == 12) {
-      width = rd16le(h + 4);
-      height = rd16le(h + 6);
-      bits = rd16le(h + 10);
-    } else {
-      width = static_cast<int32_t>(rd32le(h + 4));
-      height = static_cast<int32_t>(rd32le(h + 8));
-      bits = rd16le(h + 14);
-      compression = rd32le(h + 16);
-      xppm = rd32le(h + 24);
-      yppm = rd32le(h + 28);
-      used = rd32le(h + 32);
-    }
-    bottom_up_ = height > 0;
-    if (height < 0) height = -height;
-    if (width < 1 || height < 1 || width > kMaxSide || height > kMaxSide)
-      fail(name, "unsupported size " + std::to_string(width) + "x" + std::to_string(height));
-    if (bits != 1 && bits != 4 && bits != 8 && bits != 16 && bits != 24 && bits != 32)
-      fail(name, "unsupported bits per pixel " + std::to_string(bits));
-    info_.order = kOrderBgr;
-    if (compression == kBiBitfields && (bits == 16 || bits == 32)) {
-      // Masks live in the header (52 bytes and more) or right after a 40-byte one.
-      if (pos < 14 + 40 + 12) {
-        if (!in.read_exact(head + pos, 14 + 40 + 12 - pos)) fail(name, "truncated header: colour masks missing");
-        pos = 14 + 40 + 12;
+  BmpDecoder(InStream& in, const Progress& progress) : name_(in.name()) {
+    const std::string& name = name_;
+    uint8_t file[kFileHeader];
+    if (!in.read_exact(file, kFileHeader)) fail(name, "truncated file header");
+    if (file[0] != 'B' || file[1] != 'M') fail(name, "not a BMP file");
+    const uint32_t declared = rd32le(file + 2), offset = rd32le(file + 10);
+    size_t size = 0;
+    Block block = read_rest(in, progress, &size);
+    const uint64_t total = kFileHeader + uint64_t{size};
+    if (declared > total)
+      fail(name, "truncated: the file header gives " + std::to_string(declared) + " bytes, the file has " +
+                     std::to_string(total));
+    if (offset < kFileHeader + kCoreHeader || offset > total)
+      fail(name, "corrupt file header: pixel data offset " + std::to_string(offset) + " outside the file (" +
+                     std::to_string(total) + " bytes)");
+    const uint64_t at = offset - kFileHeader;  // the pixels in the block
+    uint32_t header = 0, bits = 0, compression = 0;
+    {
+      Locked p(block.get());
+      if (!p.get()) fail(name, "out of memory");
+      header = rd32le(p.get());
+      if (header > at)
+        fail(name, "corrupt header: " + std::to_string(header) + " bytes long, but the pixel data starts " +
+                       std::to_string(at) + " bytes after it begins");
+      if (header >= kInfoHeader) {
+        bits = rd16le(p.get() + 14);
+        compression = rd32le(p.get() + 16);
+        // A longer header carries the bit-field masks at byte 40 of itself:
+        // read as the 40-byte form (as the library reads it anyway), the
+        // masks follow the header where a packed DIB has them.
+        if (header > kInfoHeader && compression == kBitFields) put32(p.get(), kInfoHeader);
       }
-      const uint8_t* m = head + 14 + 40;
-      const uint32_t r = rd32le(m), g = rd32le(m + 4), bl = rd32le(m + 8);
-      const bool ok = bits == 16 ? (r == 0x7C00 && g == 0x3E0 && bl == 0x1F) : (r == 0xFF0000 && g == 0xFF00 && bl == 0xFF);
-      if (!ok) fail(name, "unsupported colour masks (only 5-5-5 and 8-8-8 layouts)");
-    } else if (compression != kBiRgb) {
-      static const char* const kNames[] = {"none", "RLE8", "RLE4", "bit fields", "JPEG", "PNG"};
-      fail(name, std::string("unsupported compression ") +
-                     (compression < 6 ? kNames[compression] : std::to_string(compression).c_str()));
     }
-    info_.width = static_cast<int>(width);
-    info_.height = static_cast<int>(height);
-    info_.bits = static_cast<int>(bits);
-    check_size(name, width, height, info_.bits);
-    if (bits <= 8) {
-      const size_t entry = hsize == 12 ? 3 : 4;
-      size_t count = used ? used : (size_t(1) << bits);
-      count = std::min(count, size_t(1) << bits);
-      // The palette ends where the pixels start: files with fewer entries than
-      // their depth allows (and core headers, which carry no count) say so only there.
-      if (off_bits > pos) count = std::min(count, (off_bits - pos) / entry);
-      uint8_t pal[256 * 4];
-      if (!in.read_exact(pal, count * entry)) fail(name, "truncated palette");
-      pos += count * entry;
-      info_.palette.resize(count);
-      for (size_t i = 0; i < count; ++i)
-        info_.palette[i] = Colour{pal[i * entry], pal[i * entry + 1], pal[i * entry + 2], 0};
-      info_.order = kOrderRgb;
-    }
-    info_.xdpi = dpi_from_ppm(xppm);
-    info_.ydpi = dpi_from_ppm(yppm);
-    // Whatever lies between the headers and the pixels is skipped.
-    if (off_bits < pos) fail(name, "corrupt header: pixel data overlaps the header");
-    for (size_t skip = off_bits - pos; skip > 0;) {
-      uint8_t junk[4096];
-      const size_t n = std::min(skip, sizeof junk);
-      if (!in.read_exact(junk, n)) fail(name, "truncated: no pixel data");
-      skip -= n;
-    }
-    const uint64_t need = static_cast<uint64_t>(info_.stride()) * static_cast<uint64_t>(height);
-    const int64_t have = in.remaining();
-    if (have >= 0 && static_cast<uint64_t>(have) < need)
-      fail(name, "truncated: pixel data ends after " + std::to_string(have) + " of " + std::to_string(need) + " bytes");
+    fit_pixels(block, size, at, name);
+    int32_t r = V_ChangeFromDIB(&bm_.h, block.get());
+    if (r != RESULT_OK) fail(name, refusal(r, header, bits, compression));
+    block.release();  // the bitmap's storage now
+    bm_.owned = true;
+    // Global-memory storage has its rows in reach only while locked; it
+    // stays locked for the bitmap's life, as plain memory is (freeing unlocks).
+    V_LockBitmap(&bm_.h);
+    // Every reader gives the top row first.
+    r = V_ChangeBitmapViewPerspective(nullptr, &bm_.h, 0);
+    if (r != RESULT_OK) fail(name, "cannot turn the rows top first: " + describe_result(r));
+    describe();
+    check_size(name, info_.width, info_.height, info_.bits);
   }
-
-  bool bottom_up() const override { return bottom_up_; }
 
   void read_rows(uint8_t* dst, ptrdiff_t stride, int count) override {
-    const size_t row = info_.stride();
-    if (stride == static_cast<ptrdiff_t>(row)) {
-      take(dst, row * static_cast<size_t>(count), count);
-      return;
+    const auto line = static_cast<int32_t>(bm_.h.BytesPerLine);
+    for (int k = 0; k < count; ++k, ++done_) {
+      const int32_t r = V_GetBitmapRow(&bm_.h, dst + k * stride, static_cast<uint32_t>(done_), line);
+      if (r != line) fail(name_, "cannot read row " + std::to_string(done_) + ": " + describe_result(r));
     }
-    for (int k = 0; k < count; ++k) take(dst + k * stride, row, 1);
+  }
+
+  bool take_bitmap(BitmapHandle* out) override {
+    if (!bm_.owned) return false;
+    *out = bm_.h;
+    bm_.owned = false;
+    return true;
   }
 
  private:
-  void take(uint8_t* dst, size_t n, int rows) {
-    read_raster(in_, dst, n, done_, info_.height);
-    done_ += rows;
+  // Moves the pixels to where the library looks for them, when the file
+  // leaves a gap before them or holds fewer palette entries than the
+  // header implies (the missing ones become black).
+  static void fit_pixels(Block& block, size_t& size, uint64_t at, const std::string& name) {
+    uint64_t want = 0;
+    {
+      Locked p(block.get());
+      want = packed_pixel_offset(p.get(), size);
+      if (want == 0 || want == at) return;
+      if (want < at) {
+        std::memmove(p.get() + want, p.get() + at, size - at);
+        size -= static_cast<size_t>(at - want);
+      }
+    }
+    if (want < at) {
+      // Shrunk, so that the bytes left behind cannot pass for pixels.
+      if (!block.resize(size)) fail(name, "out of memory");
+      return;
+    }
+    const size_t grown = size + static_cast<size_t>(want - at);
+    if (!block.resize(grown)) fail(name, "out of memory");
+    Locked p(block.get());
+    if (!p.get()) fail(name, "out of memory");
+    std::memmove(p.get() + want, p.get() + at, size - at);
+    std::memset(p.get() + at, 0, static_cast<size_t>(want - at));
+    size = grown;
   }
 
-  InStream& in_;
-  bool bottom_up_ = true;
-  int done_ = 0;
+  static std::string refusal(int32_t r, uint32_t header, uint32_t bits, uint32_t compression) {
+    if (r == RESULT_FAIL) return "out of memory";
+    if (r == RESULT_BAD_PARAMETER) return "corrupt header: no pixels (width or height 0, or a negative width)";
+    if (compression != 0 && compression != kBitFields && header >= kInfoHeader && bits <= 32)
+      return "unsupported compression " + compression_name(compression);
+    return "unsupported or damaged BMP (header of " + std::to_string(header) +
+           " bytes): a layout the library does not read, or pixel data cut short";
+  }
+
+  void describe() {
+    BitmapHandle& b = bm_.h;
+    info_.width = b.Width;
+    info_.height = b.Height;
+    info_.bits = b.BitsPerPixel;
+    info_.order = b.Order;
+    info_.xdpi = std::max(0, b.XResolution);  // the file's field is signed
+    info_.ydpi = std::max(0, b.YResolution);
+    if (b.BitsPerPixel <= 8) {
+      RGBQUAD pal[256] = {};
+      const int32_t n = V_GetBitmapPaletteEntries(&b, 0, 1 << b.BitsPerPixel, pal);
+      const size_t count = std::min<size_t>(b.ColorCount ? b.ColorCount : 256, n > 0 ? size_t(n) : 0);
+      for (size_t i = 0; i < count; ++i) info_.palette.push_back(Colour{pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, 0});
+    }
+  }
+
+  std::string name_;
+  OwnedBitmap bm_;
+  int32_t done_ = 0;
 };
 
-void put16(std::vector<uint8_t>& out, uint32_t v) {
-  out.push_back(static_cast<uint8_t>(v));
-  out.push_back(static_cast<uint8_t>(v >> 8));
-}
-void put32(std::vector<uint8_t>& out, uint32_t v) {
-  put16(out, v & 0xFFFF);
-  put16(out, v >> 16);
+// A whole bitmap as a BMP file: the library's DIB of it behind the file header.
+void write_dib(OutStream& out, BitmapHandle& bm, const Progress& progress) {
+  const std::string& name = out.name();
+  Block dib(V_ConvertToDIB(&bm));
+  if (!dib.get()) fail(name, "the library could not make a DIB of the bitmap (out of memory?)");
+  Locked p(dib.get());
+  if (!p.get()) fail(name, "out of memory");
+  const uint8_t* d = p.get();
+  // What the block holds: header, palette of 4-byte entries, rows.
+  const uint64_t at = rd32le(d) + uint64_t{rd32le(d + 32)} * 4;
+  const uint64_t size = at + rd32le(d + 20);
+  if (kFileHeader + size > 0xFFFFFFFFu) fail(name, "image too large for BMP");
+  uint8_t file[kFileHeader] = {'B', 'M'};
+  put32(file + 2, static_cast<uint32_t>(kFileHeader + size));
+  put32(file + 10, static_cast<uint32_t>(kFileHeader + at));
+  out.write(file, kFileHeader);
+  for (uint64_t done = 0; done < size;) {
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(size - done, kStep));
+    out.write(d + done, n);
+    done += n;
+    if (progress) progress(static_cast<int64_t>(done), static_cast<int64_t>(size));
+  }
 }
 
+// Pictures given as rows go into a bitmap first, from which the library makes
+// the DIB; a bitmap given whole goes straight.
 class BmpEncoder final : public Encoder {
  public:
-  BmpEncoder(OutStream& out, const ImageInfo& src, std::vector<std::string>* notes) : out_(out), src_(src) {
-    const std::string& name = out.name();
+  BmpEncoder(OutStream& out, const ImageInfo& info, std::vector<std::string>* notes) : out_(out), info_(info) {
     auto note = [&](const std::string& s) {
-      if (notes) notes->push_back(name + ": " + s);
+      if (notes) notes->push_back(out.name() + ": " + s);
     };
-    bits_ = src.bits;
-    if (src.bits == 2 || src.bits == 3) bits_ = 4;
-    else if (src.bits >= 5 && src.bits <= 7) bits_ = 8;
-    else if (src.bits == 16 && src.order == kOrderGray) {
-      note("BMP has no 16-bit gray; saved as 8-bit gray");
-      bits_ = 8;
-    } else if (src.bits == 48 || src.bits == 64) {
-      note("BMP has no 16-bit channels; saved with 8 bits per channel");
-      bits_ = src.bits / 2;
-    }
-    std::vector<Colour> palette = src.palette;
-    if (src.bits == 16 && src.order == kOrderGray) palette = gray_ramp(8);
-    direct_ = bits_ == src.bits && (bits_ <= 8 || src.order == kOrderBgr);
-    stride_ = ImageInfo::stride_for(src.width, bits_);
-    size_t colours = 0;
-    if (bits_ <= 8) colours = std::clamp<size_t>(palette.size(), 1, size_t(1) << bits_);
-    const uint64_t pixels = static_cast<uint64_t>(stride_) * static_cast<uint64_t>(src.height);
-    const uint32_t off_bits = static_cast<uint32_t>(14 + 40 + 4 * colours);
-    if (pixels + off_bits > 0xFFFFFFFFu) fail(name, "image too large for BMP");
-    std::vector<uint8_t> h = {'B', 'M'};
-    put32(h, static_cast<uint32_t>(off_bits + pixels));
-    put32(h, 0);
-    put32(h, off_bits);
-    put32(h, 40);
-    put32(h, static_cast<uint32_t>(src.width));
-    put32(h, static_cast<uint32_t>(src.height));  // bottom-up
-    put16(h, 1);
-    put16(h, static_cast<uint32_t>(bits_));
-    put32(h, kBiRgb);
-    put32(h, static_cast<uint32_t>(pixels));
-    put32(h, ppm_from_dpi(src.xdpi));
-    put32(h, ppm_from_dpi(src.ydpi));
-    put32(h, static_cast<uint32_t>(colours));
-    put32(h, 0);
-    for (size_t i = 0; i < colours; ++i) {
-      const Colour c = i < palette.size() ? palette[i] : Colour{};
-      h.insert(h.end(), {c.b, c.g, c.r, 0});
-    }
-    out.write(h.data(), h.size());
-    if (!direct_) row_.assign(stride_, 0);
+    if (info.bits == 48 || info.bits == 64) note("BMP has no 16-bit channels; saved with 8 bits per channel");
+    if (info.bits == 16 && info.order == kOrderGray) note("BMP has no 16-bit gray; saved as 24-bit colour");
   }
-
-  bool bottom_up() const override { return true; }
-
   void write_rows(const uint8_t* src, ptrdiff_t stride, int count) override {
-    if (direct_ && stride == static_cast<ptrdiff_t>(stride_)) {
-      out_.write(src, stride_ * static_cast<size_t>(count));
-      return;
-    }
-    for (int k = 0; k < count; ++k) {
-      const uint8_t* s = src + k * stride;
-      if (direct_) {
-        out_.write(s, stride_);
-        continue;
-      }
-      uint8_t* d = row_.data();
-      const int w = src_.width;
-      if (bits_ <= 8 && src_.bits <= 8) {
-        std::fill(row_.begin(), row_.end(), 0);
-        repack_row(s, src_.bits, d, bits_, w);
-      } else if (src_.bits == 16 && src_.order == kOrderGray) {
-        for (int x = 0; x < w; ++x) d[x] = s[2 * x + 1];  // the high byte
-      } else if (src_.bits == 16) {
-        // BMP 16-bit is 5-5-5 with red high: order 0 swaps the outer fields.
-        for (int x = 0; x < w; ++x) {
-          const uint16_t v = rd16le(s + 2 * x);
-          const unsigned o = ((v & 31u) << 10) | (v & 0x3E0u) | ((v >> 10) & 31u);
-          d[2 * x] = static_cast<uint8_t>(o);
-          d[2 * x + 1] = static_cast<uint8_t>(o >> 8);
-        }
-      } else {
-        row_to_bgr8(src_, s, d, bits_ == 32);
-      }
-      out_.write(d, stride_);
-    }
+    if (!bm_.owned) stage();
+    const auto line = static_cast<int32_t>(bm_.h.BytesPerLine);
+    for (int k = 0; k < count; ++k, ++done_)
+      if (V_PutBitmapRow(&bm_.h, src + k * stride, static_cast<uint32_t>(done_), line) != line)
+        fail(out_.name(), "cannot store row " + std::to_string(done_));
+  }
+  void finish() override {
+    if (bm_.owned) write_dib(out_, bm_.h, {});
+  }
+  bool write_bitmap(BitmapHandle& bm, const Progress& progress) override {
+    write_dib(out_, bm, progress);
+    return true;
   }
 
  private:
+  void stage() {
+    RGBQUAD pal[256] = {};
+    for (size_t i = 0; i < info_.palette.size() && i < 256; ++i) {
+      const Colour& c = info_.palette[i];
+      pal[i] = RGBQUAD{c.b, c.g, c.r, 0};
+    }
+    BitmapHandle& b = bm_.h;
+    const int32_t r = V_CreateBitmap(&b, TYPE_CONVENTIONAL, info_.width, info_.height, info_.bits,
+                                     info_.bits <= 8 ? ORDER_RGB : info_.order, info_.bits <= 8 ? pal : nullptr,
+                                     /*viewPerspective=*/0, nullptr, 0);
+    bm_.owned = (b.Flags & BITMAP_ALLOCATED) != 0;
+    if (r != RESULT_OK) fail(out_.name(), "cannot make a bitmap of the picture: " + describe_result(r));
+    if (info_.xdpi > 0) b.XResolution = info_.xdpi;
+    if (info_.ydpi > 0) b.YResolution = info_.ydpi;
+  }
+
   OutStream& out_;
-  const ImageInfo src_;
-  int bits_ = 0;
-  bool direct_ = false;
-  size_t stride_ = 0;
-  std::vector<uint8_t> row_;
+  const ImageInfo info_;
+  OwnedBitmap bm_;
+  int32_t done_ = 0;
 };
 
 }  // namespace
 
-std::unique_ptr<Decoder> open_bmp(InStream& in) { return std::make_unique<BmpDecoder>(in); }
+std::unique_ptr<Decoder> open_bmp(InStream& in, const Progress& progress) {
+  return std::make_unique<BmpDecoder>(in, progress);
+}
 
 std::unique_ptr<Encoder> bmp_encoder(OutStream& out, const ImageInfo& info, std::vector<std::string>* notes) {
   return std::make_unique<BmpEncoder>(out, info, notes);

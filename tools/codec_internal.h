@@ -60,13 +60,13 @@ void repack_row(const uint8_t* src, int src_bits, uint8_t* dst, int dst_bits, in
 // One row as 8-bit (wide = false) or big-endian 16-bit (wide = true) red,
 // green, blue: what PPM holds.  Common layouts take a direct path.
 void row_to_rgb(const ImageInfo& info, const uint8_t* row, uint8_t* out, bool wide);
-// One row as 8-bit blue, green, red (and alpha when alpha is set): what BMP holds.
+// One row as 8-bit blue, green, red (and alpha when alpha is set).
 void row_to_bgr8(const ImageInfo& info, const uint8_t* row, uint8_t* out, bool alpha);
 
 // The format codecs.
 std::unique_ptr<Decoder> open_png(InStream& in);
 std::unique_ptr<Decoder> open_pnm(InStream& in);
-std::unique_ptr<Decoder> open_bmp(InStream& in);
+std::unique_ptr<Decoder> open_bmp(InStream& in, const Progress& progress);
 std::unique_ptr<Decoder> open_jpeg(InStream& in);
 std::unique_ptr<Decoder> open_tiff(InStream& in);
 std::unique_ptr<Encoder> jpeg_encoder(OutStream& out, const ImageInfo& info, const EncodeOptions& options,

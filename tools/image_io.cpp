@@ -231,8 +231,7 @@ Image decode_all(InStream& in) {
     static_cast<ImageInfo&>(img) = dec->info();
     img.data.assign(img.stride() * static_cast<size_t>(img.height), 0);
     const auto stride = static_cast<ptrdiff_t>(img.stride());
-    if (dec->bottom_up()) dec->read_rows(img.row(img.height - 1), -stride, img.height);
-    else dec->read_rows(img.data.data(), stride, img.height);
+    dec->read_rows(img.data.data(), stride, img.height);
     dec->finish();
     return img;
   } catch (const std::bad_alloc&) {
@@ -248,8 +247,7 @@ void encode_all(OutStream& out, const Image& image, Format format, std::vector<s
   info.alpha = alpha_is_used(image);
   auto enc = open_encoder(out, format, info, notes, options);
   const auto stride = static_cast<ptrdiff_t>(image.stride());
-  if (enc->bottom_up()) enc->write_rows(image.row(image.height - 1), -stride, image.height);
-  else enc->write_rows(image.data.data(), stride, image.height);
+  enc->write_rows(image.data.data(), stride, image.height);
   enc->finish();
 }
 
@@ -294,11 +292,11 @@ const char* format_name(Format f) {
   return "?";
 }
 
-std::unique_ptr<Decoder> open_decoder(InStream& in) {
+std::unique_ptr<Decoder> open_decoder(InStream& in, const Progress& progress) {
   const uint8_t* p = nullptr;
   const size_t n = in.peek(&p, 8);
   if (n >= 8 && png_sig_cmp(p, 0, 8) == 0) return codec::open_png(in);
-  if (n >= 2 && p[0] == 'B' && p[1] == 'M') return codec::open_bmp(in);
+  if (n >= 2 && p[0] == 'B' && p[1] == 'M') return codec::open_bmp(in, progress);
   if (n >= 2 && p[0] == 'P' && p[1] >= '1' && p[1] <= '6') return codec::open_pnm(in);
   if (n >= 3 && p[0] == 0xFF && p[1] == 0xD8 && p[2] == 0xFF) return codec::open_jpeg(in);
   if (n >= 4 && ((p[0] == 'I' && p[1] == 'I' && p[2] == 42 && p[3] == 0) || (p[0] == 'M' && p[1] == 'M' && p[2] == 0 && p[3] == 42)))

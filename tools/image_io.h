@@ -1,18 +1,22 @@
 // image_io.h - the command-line program's own image file codec.
 //
-// PNG (libpng), JPEG (libjpeg-turbo), TIFF (libtiff), binary PNM (P4, P5,
-// P6) and BMP, decoded and encoded
-// a block of rows at a time in the library's own row layouts, so that rows
-// move between a file and a bitmap with no whole-image copy in between.
-// The codec does not call the library; it only shares its row layouts.
+// PNG (libpng), JPEG (libjpeg-turbo), TIFF (libtiff) and binary PNM (P4,
+// P5, P6) are decoded and encoded a block of rows at a time in the
+// library's own row layouts, so that rows move between a file and a bitmap
+// with no whole-image copy in between.  BMP is a file header in front of
+// the library's device-independent bitmap: the library reads it (the file
+// becomes the bitmap's storage) and writes it (from a whole bitmap).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "vkkrn.h"
 
 namespace vkimg {
 
@@ -78,6 +82,10 @@ struct EncodeOptions {
 class InStream;
 class OutStream;
 
+// Told (bytes or rows done, of total) as a codec that moves a whole file at
+// once goes along; may throw to stop it.
+using Progress = std::function<void(int64_t done, int64_t total)>;
+
 // A failure that names the file; the message is ready to print.
 struct IoError : std::runtime_error {
   using std::runtime_error::runtime_error;
@@ -96,13 +104,11 @@ const char* format_name(Format f);
 
 // ---- streaming: rows move between a file and the caller's memory ----
 
-// Reads the header on construction; then the rows in blocks, in the order
-// bottom_up() says (BMP stores the bottom row first).
+// Reads the header on construction; then the rows in blocks, top row first.
 class Decoder {
  public:
   virtual ~Decoder() = default;
   const ImageInfo& info() const { return info_; }
-  virtual bool bottom_up() const { return false; }
   // Interlaced files give their rows only all at once (count = height).
   virtual bool whole_image() const { return false; }
   // The next `count` rows in file order; row k at dst + k * stride.
@@ -112,6 +118,9 @@ class Decoder {
   // Moves to the file's next page (TIFF), after all rows of this one were
   // read; false when there is none.
   virtual bool next_page() { return false; }
+  // A decoder whose pixels already lie in a library bitmap (BMP) hands that
+  // bitmap over instead of giving rows (the caller frees it); once only.
+  virtual bool take_bitmap(BitmapHandle*) { return false; }
 
  protected:
   ImageInfo info_;
@@ -120,16 +129,19 @@ class Decoder {
 class Encoder {
  public:
   virtual ~Encoder() = default;
-  virtual bool bottom_up() const { return false; }
-  // The next `count` rows in the order bottom_up() says, in info's layout.
+  // The next `count` rows, top row first, in info's layout.
   virtual void write_rows(const uint8_t* src, ptrdiff_t stride, int count) = 0;
   virtual void finish() {}
   // Starts another page (TIFF) after all rows of this one were written.
   virtual void add_page(const ImageInfo&);
+  // An encoder that writes from a library bitmap (BMP) takes the whole
+  // bitmap instead of rows (then finish() adds nothing); false: give rows.
+  virtual bool write_bitmap(BitmapHandle&, const Progress&) { return false; }
 };
 
-// The format is recognised from the first bytes; throws IoError naming the input.
-std::unique_ptr<Decoder> open_decoder(InStream& in);
+// The format is recognised from the first bytes; throws IoError naming the
+// input.  A BMP is read whole here, telling `progress`.
+std::unique_ptr<Decoder> open_decoder(InStream& in, const Progress& progress = {});
 // Narrowing a picture the format cannot hold (for example 48 bits into BMP)
 // is described in *notes.  The header is written at once.
 std::unique_ptr<Encoder> open_encoder(OutStream& out, Format format, const ImageInfo& info,
