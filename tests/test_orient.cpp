@@ -323,10 +323,7 @@ int32_t VK_CALL turn_hook(BitmapHandle*, int32_t w, int32_t h, int32_t angle) {
 }
 
 TEST_F(OrientTest, RegionHooksHearOfTurnsAndRectangleCopies) {
-  VK_DISPATCHPROC table[VK_DISPATCH_ENTRIES] = {};
-  table[1] = reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(copy_hook));
-  table[12] = reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(turn_hook));
-  ASSERT_EQ(V_SetDisDispatch(table), RESULT_OK);
+  const Hooks hooks{{1, hook(copy_hook)}, {12, hook(turn_hook)}};
   BitmapHandle b = make(Store::memory, 7, 5, 8), d;
   using Calls = std::vector<std::array<int32_t, 4>>;
   const std::pair<std::function<int32_t()>, Calls> cases[] = {
@@ -351,8 +348,6 @@ TEST_F(OrientTest, RegionHooksHearOfTurnsAndRectangleCopies) {
   EXPECT_TRUE(snap.unchanged());
   EXPECT_EQ(d.Width, 0x5A5A5A5A);
   g_copy_hook_result = RESULT_OK;
-  VK_DISPATCHPROC none[VK_DISPATCH_ENTRIES] = {};
-  V_SetDisDispatch(none);
   V_FreeBitmap(&b);
 }
 

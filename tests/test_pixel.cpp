@@ -262,20 +262,14 @@ TEST_F(Pixel, CompressedRowsMatchFlatRows) {
 // ---- the pixel-position hook -------------------------------------------------------------
 
 int32_t VK_CALL allow_even_columns(BitmapHandle*, int32_t, int32_t column) { return (column & 1) == 0; }
-int32_t VK_CALL marker() { return RESULT_OK; }
 
 TEST_F(Pixel, PositionHookReplacesRangeCheck) {
-  VK_DISPATCHPROC table[VK_DISPATCH_ENTRIES] = {};
-  table[0] = marker;
-  table[16] = reinterpret_cast<VK_DISPATCHPROC>(allow_even_columns);
-  ASSERT_EQ(V_SetDisDispatch(table), RESULT_OK);
+  const vkt::Hooks hooks{{16, vkt::hook(allow_even_columns)}};
   BitmapHandle b;
   ASSERT_EQ(V_CreateBitmap(&b, 1, 4, 2, 8, 0, nullptr, 2, nullptr, 0), RESULT_OK);
   const int32_t odd = V_PutPixelColor(&b, 0, 1, 0);
   const int32_t even = V_PutPixelColor(&b, 0, 2, 0);
   const int32_t outside = V_PutPixelColor(&b, 0, 4, 0);  // allowed by the hook, still outside
-  const VK_DISPATCHPROC none[VK_DISPATCH_ENTRIES] = {};
-  V_SetDisDispatch(none);
   EXPECT_EQ(odd, RESULT_BAD_AREA);
   EXPECT_EQ(even, RESULT_OK);
   EXPECT_EQ(outside, RESULT_BAD_AREA);

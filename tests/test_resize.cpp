@@ -209,11 +209,6 @@ TEST(ResizeStream, RowsAreResizedInPlaceLikeTheScanLine) {
 
 class Resize : public OrientTest {
  protected:
-  void TearDown() override {
-    VK_DISPATCHPROC none[VK_DISPATCH_ENTRIES] = {};
-    V_SetDisDispatch(none);
-    OrientTest::TearDown();
-  }
   // A bitmap whose pixels are given row-major (values of the depth).
   BitmapHandle from_values(int32_t w, int32_t h, int32_t bits, const std::vector<uint64_t>& v, bool gray = true) {
     BitmapHandle b = init(w, h, bits);
@@ -287,7 +282,6 @@ int32_t VK_CALL scale_hook(BitmapHandle*, int32_t, int32_t) {
   ++g_scale_calls;
   return g_scale_result;
 }
-int32_t VK_CALL present() { return RESULT_OK; }
 
 TEST_F(Resize, ResultCodesAndTheRegionHook) {
   BitmapHandle b = make(Store::memory, 9, 7, 8), blank = init(9, 7, 8);
@@ -300,10 +294,7 @@ TEST_F(Resize, ResultCodesAndTheRegionHook) {
   EXPECT_EQ(V_ResizeBitmap(&blank, &b), RESULT_NO_BITMAP);  // the shared routine's code
   EXPECT_EQ(V_ResizeBitmap(&b, &blank), RESULT_NO_BITMAP);
 
-  VK_DISPATCHPROC table[VK_DISPATCH_ENTRIES] = {};
-  table[0] = present;
-  table[5] = reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(scale_hook));
-  V_SetDisDispatch(table);
+  const Hooks hooks{{5, hook(scale_hook)}};
   g_scale_result = RESULT_FAIL;
   const Snapshot snap(&b);
   EXPECT_EQ(V_SizeBitmap(&b, 0, 14, SIZE_RESAMPLE), RESULT_FAIL);
