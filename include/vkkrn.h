@@ -19,7 +19,7 @@
  *                 grayscale, pixel access, DIBs in, alpha channel out
  *   5. reduce/    palette lookup, dithering, colour count, optimised
  *                 palettes, colour resolution
- *   6. geometry/  duplication, copies, orientation, turns, trim, DIBs out,
+ *   6. geometry/  duplication, copies, orientation, turns, shear, trim, DIBs out,
  *                 alpha channel in
  *
  * How to read the comments:
@@ -756,6 +756,7 @@ typedef int32_t (VK_CALL* VK_DISPATCHPROC)();
 #define VK_DISPATCH_ENTRIES 20
 typedef int32_t (VK_CALL* VK_REGIONHOOK)(BitmapHandle* destination, BitmapHandle* source, int32_t dx, int32_t dy);   /* entry 2  */
 typedef int32_t (VK_CALL* VK_SCALEREGIONHOOK)(BitmapHandle* bitmap, int32_t width, int32_t height);                 /* entry 6  */
+typedef int32_t (VK_CALL* VK_SHEARREGIONHOOK)(BitmapHandle* bitmap, int32_t regionCopied);                        /* entry 12 */
 typedef int32_t (VK_CALL* VK_ROTATEREGIONHOOK)(BitmapHandle* bitmap, int32_t oldWidth, int32_t oldHeight, int32_t angle); /* entry 13 */
 typedef int32_t (VK_CALL* VK_PIXELPOSHOOK)(BitmapHandle* bitmap, int32_t row, int32_t column);                    /* entry 17 */
 
@@ -1394,6 +1395,30 @@ VK_API int32_t VK_CALL V_IntRotateBitmap(BitmapHandle* bitmap, int32_t angle, ui
  * RESULT_BAD_PARAMETER, RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL (memory),
  * row I/O errors, the callback's refusal. */
 VK_API int32_t VK_CALL V_FillBitmap(BitmapHandle* bitmap, uint32_t color);
+
+/* Slants the bitmap in place by angle hundredths of a degree (-8999..8999):
+ * with horizontal non-zero each stored row slides along itself by a whole
+ * number of pixels, tan(angle) more per row: the first row processed (view
+ * perspectives 2, 3, 5, 7: stored row 0; the others: the last stored row)
+ * stays put.  With 0 the columns slide, through a quarter turn and back.  A
+ * negative angle slants the other way (mirror, shear, mirror back).  The
+ * width grows by (sine x height) / cosine from the integer sine table; the
+ * uncovered triangles take `fill` (a colour value converted as
+ * V_PutPixelColor converts it; compressed 1-bit rows stay compressed, the
+ * fill all 1-bits when the converted value is non-zero).  Nothing is
+ * blended.  A result row that would take more than 32768 bytes is not made:
+ * RESULT_OK with the bitmap unchanged.  Progress 0 to 100 (the quarter turn
+ * of a vertical shear reports 0 to 20).  On success display dispatch entry
+ * 2, when set, copies the old region onto the result (result, old bitmap,
+ * 0, 0), then entry 12, when set, is given the result and whether it has a
+ * region (VK_SHEARREGIONHOOK).
+ * Returns: RESULT_OK, RESULT_NO_BITMAP (null or unallocated),
+ * RESULT_BAD_PARAMETER (angle out of range, record with inconsistent
+ * numbers, the index form of a colour for a depth without palette),
+ * RESULT_BAD_BITS_PER_PIXEL, RESULT_FAIL (memory), row I/O errors, a hook's
+ * or the callback's refusal; the record is unchanged on failure.
+ * See also: V_RotateBitmap, V_ReverseBitmap. */
+VK_API int32_t VK_CALL V_ShearBitmap(BitmapHandle* bitmap, int32_t angle, int32_t horizontal, uint32_t fill);
 
 /* Packed buffers, rows padded to 4 bytes.  RotateBuffer90: height rows of
  * width pixels into width rows of height pixels, destination row r = source

@@ -827,7 +827,7 @@ TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {
       "compressed-1.pbm",  "storage-disk.png",   "height-half.png",        "put-pixel.png",
       "list-0.png",        "list-1.png",         "list-2.png",             "report.txt",
       "flip.png",          "mirror.png",         "rotate-90.png",          "rotate-180.png",
-      "rotate-270.png",    "view-perspective-5.png", "crop.png",      "trim.png",
+      "rotate-270.png",    "view-perspective-5.png", "crop.png",      "trim.png",         "shear-30.png",
       "resize-nearest.png", "resize-smooth.png", "resize-average.png",   "resize-density.pbm"};
   for (const char* m : {"none", "floyd-steinberg", "stucki", "burkes", "sierra", "stevenson-arce", "jarvis", "ordered",
                         "clustered"})
@@ -835,6 +835,7 @@ TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {
   for (const std::string& o : outputs) EXPECT_TRUE(fs::exists(path("demo/" + o))) << o;
   EXPECT_EQ(16, vkimg::read_image(path("demo/height-half.png")).height);
   EXPECT_EQ(48, vkimg::read_image(path("demo/rotate-90.png")).height);
+  EXPECT_EQ(66, vkimg::read_image(path("demo/shear-30.png")).width);  // 48 + 8192 x 32 / 14189
   EXPECT_EQ(40, vkimg::read_image(path("demo/crop.png")).width);
   EXPECT_EQ(40, vkimg::read_image(path("demo/trim.png")).width);
   EXPECT_EQ(192, vkimg::read_image(path("demo/resize-smooth.png")).width);  // the 48-pixel trim, 400 %

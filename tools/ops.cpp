@@ -422,6 +422,32 @@ void op_rotate(Context& ctx, const std::string& arg) {
   check_result(V_RotateBitmap(&bm, angle, flags, fill), "--rotate " + arg);
 }
 
+// ANGLE[:vertical][:COLOUR]: the rows slide (the columns with vertical) by
+// tan(ANGLE) pixels more per row; the uncovered triangles take COLOUR.
+void op_shear(Context& ctx, const std::string& arg) {
+  BitmapHandle& bm = need_bitmap(ctx, "--shear");
+  size_t colon = arg.find(':');
+  const int32_t angle = parse_angle(arg.substr(0, colon), "--shear");
+  if (angle <= -9000 || angle >= 9000) throw UsageError("--shear takes an angle between -89.99 and 89.99 degrees");
+  int32_t horizontal = 1;
+  uint32_t fill = 0;
+  while (colon != std::string::npos) {
+    const size_t next = arg.find(':', colon + 1);
+    const std::string part = arg.substr(colon + 1, next == std::string::npos ? std::string::npos : next - colon - 1);
+    if (part == "vertical") horizontal = 0;
+    else fill = parse_colour(part);
+    colon = next;
+  }
+  // The library leaves a bitmap whose sheared rows would pass 32768 bytes as
+  // it is and succeeds; say so instead of writing the image unchanged.
+  const int32_t a = angle < 0 ? -angle : angle;
+  const int64_t along = horizontal ? bm.Width : bm.Height, across = horizontal ? bm.Height : bm.Width;
+  const int64_t width = along + int64_t{V_SinValue(a)} * across / V_CosValue(a);
+  if (width * bm.BitsPerPixel / 8 > 32768)
+    throw UsageError("--shear " + arg + ": the sheared rows would take more than 32768 bytes");
+  check_result(V_ShearBitmap(&bm, angle, horizontal, fill), "--shear " + arg);
+}
+
 void op_fill(Context& ctx, const std::string& arg) {
   check_result(V_FillBitmap(&need_bitmap(ctx, "--fill"), parse_colour(arg)), "--fill " + arg);
 }
@@ -594,6 +620,9 @@ const std::vector<OpInfo>& operations() {
       {"--rotate", "ANGLE[:resize][:linear|:spline][:COLOUR]",
        "turn by degrees (two decimals); keep the size or resize; nearest, linear or spline; corners in COLOUR",
        op_rotate},
+      {"--shear", "ANGLE[:vertical][:COLOUR]",
+       "slant by degrees (two decimals, below 90): rows slide, or columns with vertical; triangles in COLOUR",
+       op_shear},
       {"--fill", "COLOUR", "set every pixel to COLOUR", op_fill},
       {"--crop", "X,Y,W,H", "keep the W x H rectangle at X,Y (black where it leaves the image)", op_crop},
       {"--trim", "X,Y,W,H", "keep the part of the rectangle at X,Y that lies inside the image", op_trim},

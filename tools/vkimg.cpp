@@ -500,6 +500,8 @@ std::vector<DemoStep> demo_steps() {
   for (const char* q : {"nearest", "linear", "spline"})
     d.push_back({std::string("rotate-30-") + q + ".png",
                  {{"--rotate", std::string("30:resize") + (q[0] == 'n' ? "" : std::string(":") + q) + ":#ffffff"}}});
+  // Rows slid by tan(30 degrees) pixels more per row, white triangles.
+  d.push_back({"shear-30.png", {{"--shear", "30:#ffffff"}}});
   d.push_back({"fill.png", {{"--fill", "#3080c0"}}});
   d.push_back({"crop.png", {{"--crop", "-8,4,40,24"}}});  // a black strip on the left
   d.push_back({"trim.png", {{"--trim", "8,4,1000,1000"}}});
