@@ -400,32 +400,34 @@ TEST_F(OrientTest, ExactTurnsOfTheGeneralTurn) {
 
 // ---- buffers -------------------------------------------------------------------------------
 
-TEST(RotateBuffer, QuarterAndHalfTurnsAgainstAPlainReference) {
+// The buffer calls share their kernels with the bitmap turns; what is their
+// own is the walk from the bottom, the transposing walk from the top and the
+// half turn in place.
+TEST(RotateBuffer, QuarterAndHalfTurnsAgainstThePixelReferences) {
+  auto read = [](const std::vector<uint8_t>& buf, int32_t w, int32_t h, int32_t bits) {
+    const size_t stride = ((size_t(w) * bits + 31) / 32) * 4;
+    Pixels p{w, h, {}};
+    for (int32_t y = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x) p.v.push_back(ref_pixel(&buf[y * stride], bits, uint32_t(x)));
+    return p;
+  };
   std::mt19937 rng(3);
   for (int32_t bits : kDepths)
     for (int32_t w : kWidths)
       for (int32_t h : {1, 9, 35}) {
         SCOPED_TRACE(std::to_string(bits) + " bits " + std::to_string(w) + " x " + std::to_string(h));
-        const uint32_t ss = ((uint32_t(w) * bits + 31) / 32) * 4, ds = ((uint32_t(h) * bits + 31) / 32) * 4;
-        std::vector<uint8_t> src(size_t(ss) * h), dst(size_t(ds) * w), half(src.size());
+        std::vector<uint8_t> src(((size_t(w) * bits + 31) / 32) * 4 * h), dst(((size_t(h) * bits + 31) / 32) * 4 * w);
         for (auto& b : src) b = uint8_t(rng());
+        const Pixels p = read(src, w, h, bits);
         for (int32_t from_bottom : {0, 1}) {
           ASSERT_EQ(V_RotateBuffer90(src.data(), dst.data(), from_bottom, w, h, bits), RESULT_OK);
-          for (int32_t r = 0; r < w; ++r)
-            for (int32_t c = 0; c < h; ++c) {
-              const int32_t sr = from_bottom ? h - 1 - c : c;
-              ASSERT_EQ(ref_pixel(&dst[size_t(r) * ds], bits, c), ref_pixel(&src[size_t(sr) * ss], bits, r));
-            }
+          ASSERT_EQ(read(dst, h, w, bits), from_bottom ? quarter(p, 1) : mirrored(quarter(p, 1)));
         }
+        std::vector<uint8_t> half(src.size()), same = src;
         ASSERT_EQ(V_RotateBuffer180(src.data(), half.data(), w, h, bits), RESULT_OK);
-        for (int32_t y = 0; y < h; ++y)
-          for (int32_t x = 0; x < w; ++x)
-            ASSERT_EQ(ref_pixel(&half[size_t(h - 1 - y) * ss], bits, w - 1 - x), ref_pixel(&src[size_t(y) * ss], bits, x));
-        std::vector<uint8_t> same = src;
+        ASSERT_EQ(read(half, w, h, bits), mirrored(flipped(p)));
         ASSERT_EQ(V_RotateBuffer180(same.data(), same.data(), w, h, bits), RESULT_OK);
-        for (int32_t y = 0; y < h; ++y)
-          for (int32_t x = 0; x < w; ++x)
-            ASSERT_EQ(ref_pixel(&same[size_t(y) * ss], bits, x), ref_pixel(&half[size_t(y) * ss], bits, x));
+        ASSERT_EQ(read(same, w, h, bits), mirrored(flipped(p)));
       }
   uint8_t b[4] = {};
   EXPECT_EQ(V_RotateBuffer90(nullptr, b, 0, 1, 1, 8), RESULT_BAD_PARAMETER);
