@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <functional>
 #include <initializer_list>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core.h"
