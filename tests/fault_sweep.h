@@ -113,6 +113,39 @@ inline void expect_kept(const SweepRun& run, const Snapshot& before, int32_t cod
   EXPECT_TRUE(before.unchanged());
 }
 
+// The sweep of an operation on one bitmap: `make` builds it afresh for every
+// run; a run that failed had a point fail, returned `code` and left the
+// bitmap as it was; the bitmap is freed after every run.
+inline void sweep_kept(const std::function<BitmapHandle()>& make, const std::function<int32_t(BitmapHandle*)>& op,
+                       int32_t code = RESULT_FAIL) {
+  BitmapHandle b{};
+  Snapshot before;
+  fault_sweep([&] { b = make(), before = Snapshot(&b); }, [&] { return op(&b); },
+              [&](const SweepRun& run) {
+                if (run.result != RESULT_OK) EXPECT_TRUE(run.fired);
+                expect_kept(run, before, code);
+                V_FreeBitmap(&b);
+              });
+}
+
+// A status callback that stops the operation (returns 0) at its `at`-th
+// call, installed for its lifetime.
+class CancelAt {
+ public:
+  explicit CancelAt(int at) : at_(at) { V_SetStatusCallBack(&stop, reinterpret_cast<intptr_t>(this)); }
+  ~CancelAt() { V_SetStatusCallBack(nullptr, 0); }
+  CancelAt(const CancelAt&) = delete;
+  CancelAt& operator=(const CancelAt&) = delete;
+  int calls = 0;
+
+ private:
+  static int32_t VK_CALL stop(int32_t, intptr_t data) {
+    auto* c = reinterpret_cast<CancelAt*>(data);
+    return ++c->calls == c->at_ ? 0 : RESULT_OK;
+  }
+  int at_;
+};
+
 // Names the exports a sweep covers; the coverage check reads these marks
 // from the test sources.
 #define VKT_SWEEPS(...) static_assert(true, "")

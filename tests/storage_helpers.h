@@ -11,7 +11,9 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core.h"
@@ -131,6 +133,28 @@ inline BitmapHandle global_bitmap(int32_t width, int32_t height, int32_t bits, u
   b.Flags = BITMAP_ALLOCATED | BITMAP_IN_MEMORY | BITMAP_GLOBAL_MEMORY;
   return b;
 }
+
+// Display-table hooks (entry, function) installed for the object's
+// lifetime; entry 0 marks the table as present.
+inline int32_t VK_CALL present_hook() { return RESULT_OK; }
+template <class F>
+VK_DISPATCHPROC hook(F* f) {
+  return reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(f));
+}
+class Hooks {
+ public:
+  Hooks(std::initializer_list<std::pair<int, VK_DISPATCHPROC>> entries) {
+    VK_DISPATCHPROC table[VK_DISPATCH_ENTRIES] = {present_hook};
+    for (const auto& [i, f] : entries) table[i] = f;
+    EXPECT_EQ(V_SetDisDispatch(table), RESULT_OK);
+  }
+  ~Hooks() {
+    VK_DISPATCHPROC none[VK_DISPATCH_ENTRIES] = {};
+    V_SetDisDispatch(none);
+  }
+  Hooks(const Hooks&) = delete;
+  Hooks& operator=(const Hooks&) = delete;
+};
 
 // Every test runs with its own temp directory, a generous fixed memory
 // status and the initial thresholds, and must give back every block,

@@ -129,20 +129,14 @@ TEST_F(AlphaTest, EdgeCases) {
 
 VKT_SWEEPS(V_GetBitmapAlpha, V_SetBitmapAlpha);
 TEST_F(AlphaTest, FaultSweeps) {
-  BitmapHandle b{}, a{}, out{};
+  vkt::sweep_kept([&] { return make(Store::memory, 9, 4, 32); }, [](BitmapHandle* b) {
+    BitmapHandle out;
+    const int32_t r = V_GetBitmapAlpha(b, &out);
+    if (r == RESULT_OK) V_FreeBitmap(&out);
+    return r;
+  });
+  BitmapHandle b{}, a{};
   vkt::Snapshot before;
-  vkt::fault_sweep(
-      [&] {
-        b = make(Store::memory, 9, 4, 32);
-        std::memset(&out, 0x5A, sizeof out);
-        before = vkt::Snapshot(&b);
-      },
-      [&] { return V_GetBitmapAlpha(&b, &out); },
-      [&](const vkt::SweepRun& run) {
-        vkt::expect_kept(run, before);
-        if (run.result == RESULT_OK) V_FreeBitmap(&out);
-        V_FreeBitmap(&b);
-      });
   // A 24-bit target (conversion) and a colour alpha in another view (working copy).
   for (int32_t bits : {32, 24}) {
     vkt::fault_sweep(

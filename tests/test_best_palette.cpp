@@ -1,6 +1,5 @@
 // Best palette: the exact-colours shortcut, every source depth read alike,
-// where the entries go (evenly along a gradient, by error not by spread,
-// around fixed entries), lists sharing one histogram, the golden palette
+// entries around fixed ones, lists sharing one histogram, the golden palette
 // that must match in every build, and the all-or-nothing rule under
 // allocation failures.
 #include <gtest/gtest.h>
@@ -132,8 +131,10 @@ TEST(BestPalette, ArgumentChecks) {
   EXPECT_EQ(V_CreateBitmapListBestPal(nullptr, nullptr, 0, pal, &colors, &needs), RESULT_BAD_PARAMETER);
 }
 
-// At most n distinct colours give exactly those, sorted, at every depth;
-// a two-colour image asked for two colours gives those two.
+// At most n distinct colours give exactly those, sorted, at every depth
+// (rows are read through the row conversion, so no depth is read apart);
+// a two-colour image asked for two colours gives those two.  How the
+// entries are placed otherwise is pinned by the golden palettes below.
 TEST(BestPalette, ExactColoursAtEveryDepth) {
   const Image two = make(33, 3, [](int x, int y) { return (x + y) % 3 ? Rgb{255, 0, 0} : Rgb{0, 255, 255}; });
   const Image ten = make(31, 2, [](int x, int) { return Rgb{c5(31 - 3 * (x % 10)), c5(4), c5(9)}; });
@@ -158,71 +159,6 @@ TEST(BestPalette, ExactColoursAtEveryDepth) {
       }
       V_FreeBitmap(&b);
     }
-}
-
-// Quantised palettes do not depend on how the pixels are stored.
-TEST(BestPalette, EveryDepthGivesTheTwentyFourBitPalette) {
-  const Image im = make(37, 29, mosaic);
-  BitmapHandle ref = store(im, 24);
-  const Result want = best(&ref, 12);
-  ASSERT_EQ(want.code, RESULT_OK);
-  EXPECT_EQ(want.needs, 1);
-  EXPECT_EQ(want.pal.size(), 12u);
-  V_FreeBitmap(&ref);
-  for (int32_t bits : {16, 32, 48, 64}) {
-    BitmapHandle b = store(im, bits);
-    EXPECT_TRUE(same(best(&b, 12).pal, want.pal)) << bits;
-    V_FreeBitmap(&b);
-  }
-}
-
-// 1024 grays, stored with 16 bits per channel: 256 levels at 8 bits, which
-// all fit; fewer entries are spread evenly with none wasted.
-TEST(BestPalette, GrayGradientSpreadsEntriesEvenly) {
-  BitmapHandle b{};
-  ASSERT_EQ(V_InitBitmap(&b, 1024, 2, 48), RESULT_OK);
-  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
-  b.Order = ORDER_BGR;
-  std::vector<uint8_t> row(b.BytesPerLine);
-  for (int x = 0; x < 1024; ++x)
-    for (int k = 0; k < 3; ++k) row[6 * x + 2 * k] = uint8_t(x << 6), row[6 * x + 2 * k + 1] = uint8_t(x >> 2);
-  for (uint32_t y = 0; y < 2; ++y) V_PutBitmapRow(&b, row.data(), y, int32_t(b.BytesPerLine));
-  for (uint32_t n : {256u, 64u, 16u, 2u}) {
-    SCOPED_TRACE(n);
-    const Result r = best(&b, n);
-    ASSERT_EQ(r.code, RESULT_OK);
-    ASSERT_EQ(r.pal.size(), n);
-    EXPECT_EQ(r.needs, n == 256 ? 0 : 1);
-    const int step = 256 / int(n);
-    EXPECT_LE(r.pal[0].rgbRed, step);
-    EXPECT_GE(r.pal[n - 1].rgbRed, 255 - step);
-    for (uint32_t i = 0; i < n; ++i) {
-      EXPECT_EQ(r.pal[i].rgbGreen, r.pal[i].rgbRed);
-      EXPECT_EQ(r.pal[i].rgbBlue, r.pal[i].rgbRed);
-      if (i == 0) continue;
-      const int gap = r.pal[i].rgbRed - r.pal[i - 1].rgbRed;
-      EXPECT_GE(gap, step - (step + 3) / 4) << i;
-      EXPECT_LE(gap, step + (step + 3) / 4) << i;
-    }
-  }
-  V_FreeBitmap(&b);
-}
-
-// A large smooth sky and a small spot of saturated colours: the sky's error
-// outweighs the spot's, so it gets most of the entries.
-TEST(BestPalette, LargeSmoothAreaGetsMoreEntriesThanSmallSpot) {
-  const Image im = make(160, 120, [](int x, int y) {
-    if (x >= 70 && x < 80 && y >= 50 && y < 60) return Rgb{255, uint8_t(x * 25 % 256), uint8_t(y * 40 % 256)};
-    return Rgb{uint8_t(60 + x / 4), uint8_t(120 + y / 3), uint8_t(200 + (x + y) / 10)};
-  });
-  BitmapHandle b = store(im, 24);
-  const Result r = best(&b, 16);
-  ASSERT_EQ(r.code, RESULT_OK);
-  uint32_t sky = 0, spot = 0;
-  for (const RGBQUAD& q : r.pal) (q.rgbRed >= 200 ? spot : sky)++;
-  EXPECT_GE(sky, 12u);
-  EXPECT_GE(spot, 1u);
-  V_FreeBitmap(&b);
 }
 
 // Fixed entries stay and the chosen colours serve the rest: with black kept,

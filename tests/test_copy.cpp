@@ -23,24 +23,13 @@ int32_t VK_CALL region_hook(BitmapHandle* destination, BitmapHandle* source, int
   if (g_hook_result == RESULT_OK) destination->Region = reinterpret_cast<VK_HRGN>(uintptr_t{0xC0DE});
   return g_hook_result;
 }
-int32_t VK_CALL present() { return RESULT_OK; }
 
 class StorageCopy : public StorageTest {
  protected:
   void TearDown() override {
-    VK_DISPATCHPROC none[VK_DISPATCH_ENTRIES] = {};
-    V_SetDisDispatch(none);
     V_SetCopyStatusCallBack(nullptr, 0);
     V_SetStatusCallBack(nullptr, 0);
     StorageTest::TearDown();
-  }
-  void install_hook() {
-    VK_DISPATCHPROC table[VK_DISPATCH_ENTRIES] = {};
-    table[0] = present;
-    table[1] = reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(region_hook));
-    V_SetDisDispatch(table);
-    g_hook_calls = 0;
-    g_hook_result = RESULT_OK;
   }
   BitmapHandle make(int32_t type, int32_t width = 13, int32_t height = 10, int32_t bits = 24) {
     BitmapHandle b = init(width, height, bits);
@@ -114,7 +103,8 @@ TEST_F(StorageCopy, OwnRegionComesFromTheHookOrIsNone) {
   EXPECT_EQ(d.Region, nullptr);  // no hook: no region
   V_FreeDuplicateBitmap(&d, DUP_OWN_REGION);
 
-  install_hook();
+  g_hook_calls = 0, g_hook_result = RESULT_OK;
+  const Hooks hooks{{1, hook(region_hook)}};
   ASSERT_EQ(V_DupBitmapNewDim(&d, &src, 4, 4, 8, DUP_OWN_REGION), RESULT_OK);
   EXPECT_EQ(g_hook_calls, 1);
   EXPECT_EQ(d.Region, reinterpret_cast<VK_HRGN>(uintptr_t{0xC0DE}));

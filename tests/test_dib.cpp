@@ -418,24 +418,17 @@ TEST_F(DibTest, FaultSweepToDib) {
   for (const Case& c : cases) {
     for (bool change : {false, true}) {
       SCOPED_TRACE(std::to_string(c.bits) + (change ? " change" : " convert"));
-      BitmapHandle src{};
-      vkt::Snapshot before;
-      VK_HGLOBAL block = nullptr;
-      vkt::fault_sweep(
+      vkt::sweep_kept(
           [&] {
-            src = make(Store::memory, 9, 4, c.bits);
-            src.Order = c.order;
-            src.ViewPerspective = c.vp;
-            before = vkt::Snapshot(&src);
+            BitmapHandle b = make(Store::memory, 9, 4, c.bits);
+            b.Order = c.order;
+            b.ViewPerspective = c.vp;
+            return b;
           },
-          [&] {
-            block = change ? V_ChangeToDIB2(&src, 1) : V_ConvertToDIB2(&src, 1);
-            return block ? int32_t{RESULT_OK} : int32_t{RESULT_FAIL};
-          },
-          [&](const vkt::SweepRun& run) {
-            if (run.result != RESULT_OK) EXPECT_TRUE(before.unchanged());
+          [&](BitmapHandle* b) {
+            VK_HGLOBAL block = change ? V_ChangeToDIB2(b, 1) : V_ConvertToDIB2(b, 1);
             if (block) VKP_GlobalFree(block);
-            V_FreeBitmap(&src);
+            return block ? int32_t{RESULT_OK} : int32_t{RESULT_FAIL};
           });
     }
   }

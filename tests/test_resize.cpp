@@ -94,23 +94,6 @@ TEST(ResizeScanLine, EveryDepthFollowsTheMappingFormulaForwardAndInReverse) {
   }
 }
 
-TEST(ResizeScanLine, TheReverseWalkGrowsARowInPlace) {
-  std::mt19937 rng(3);
-  for (int32_t bits : kDepths) {
-    for (int32_t old_w : {1, 7, 33}) {
-      const int32_t new_w = old_w * 3 + 2;
-      std::vector<uint8_t> row(size_t(new_w) * 8 + 8);
-      for (size_t i = 0; i < size_t(old_w) * 8; ++i) row[i] = uint8_t(rng());
-      const std::vector<uint8_t> orig = row;
-      const Walk w{0, old_w / new_w, 0, old_w % new_w, new_w, new_w};
-      V_ReverseGetResizedScanLine(bits, 0, 0, w.step, 0, w.rem, row.data(), row.data(), new_w, new_w, 1);
-      for (int32_t i = 0; i < new_w; ++i)
-        ASSERT_EQ(ref_pixel(row.data(), bits, uint32_t(i)), ref_pixel(orig.data(), bits, uint32_t(mapped(w, i, true))))
-            << bits << " bits, width " << old_w << ", pixel " << i;
-    }
-  }
-}
-
 TEST(ResizeScanLine, UnsupportedDepthsAndBadArgumentsWriteNothing) {
   uint8_t src[16] = {1, 2, 3}, dst[16];
   for (int32_t bits : {0, 9, 10, 11, 13, 17, 33, 65}) {
@@ -226,11 +209,6 @@ TEST(ResizeStream, RowsAreResizedInPlaceLikeTheScanLine) {
 
 class Resize : public OrientTest {
  protected:
-  void TearDown() override {
-    VK_DISPATCHPROC none[VK_DISPATCH_ENTRIES] = {};
-    V_SetDisDispatch(none);
-    OrientTest::TearDown();
-  }
   // A bitmap whose pixels are given row-major (values of the depth).
   BitmapHandle from_values(int32_t w, int32_t h, int32_t bits, const std::vector<uint64_t>& v, bool gray = true) {
     BitmapHandle b = init(w, h, bits);
@@ -254,30 +232,6 @@ class Resize : public OrientTest {
     return d;
   }
 };
-
-TEST_F(Resize, AreaAveragingWeighsInHundredthsOfAPixel) {
-  // 3 pixels to 2: boxes {100 p0 + 50 p1} and {50 p1 + 100 p2}, over 150.
-  BitmapHandle row = from_values(3, 1, 8, {10, 41, 100});
-  ASSERT_EQ(V_SizeBitmap(&row, 2, 1, SIZE_RESAMPLE), RESULT_OK);
-  EXPECT_EQ(pixels_of(&row).v, (std::vector<uint64_t>{20, 80}));  // 3050/150, 12050/150
-  V_FreeBitmap(&row);
-  // 5 x 5 to 2 x 2: weights 100, 100, 50 | 50, 100, 100 along each axis; rows
-  // first (x 20 + y 40 gives 40y + 16 and 40y + 64), then the columns.
-  for (int32_t bits : {8, 16, 24}) {
-    std::vector<uint64_t> v;
-    for (int32_t y = 0; y < 5; ++y)
-      for (int32_t x = 0; x < 5; ++x) {
-        const uint64_t g = uint64_t(x * 20 + y * 40);
-        v.push_back(bits == 24 ? g * 0x010101 : bits == 16 ? g * 257 : g);
-      }
-    BitmapHandle b = from_values(5, 5, bits, v);
-    ASSERT_EQ(V_SizeBitmap(&b, 2, 2, SIZE_RESAMPLE), RESULT_OK);
-    std::vector<uint64_t> want = {48, 96, 144, 192};
-    for (auto& w : want) w = bits == 24 ? w * 0x010101 : bits == 16 ? w * 257 : w;
-    EXPECT_EQ(pixels_of(&b).v, want) << bits << " bits";
-    V_FreeBitmap(&b);
-  }
-}
 
 TEST_F(Resize, AConstantImageStaysConstantUnderEveryMethodAndDepth) {
   const uint32_t methods[] = {SIZE_NEAREST, SIZE_ONE_BIT_DENSITY, SIZE_RESAMPLE, SIZE_SMOOTH};
@@ -323,51 +277,11 @@ TEST_F(Resize, NearestPicksTheSteppedPixelAndWritesBottomUpBetweenViews0And2) {
     }
 }
 
-TEST_F(Resize, TheSplineOfALinearRampIsTheRamp) {
-  // Along x: 12 samples 10 + 20 x to 30 (ratio 0.4; the first sample is
-  // repeated once), and the same down the columns.
-  std::vector<uint64_t> v;
-  for (int32_t y = 0; y < 12; ++y)
-    for (int32_t x = 0; x < 12; ++x) v.push_back(uint64_t(10 + 10 * x + 10 * y));
-  BitmapHandle b = from_values(12, 12, 8, v);
-  ASSERT_EQ(V_SizeBitmap(&b, 30, 30, SIZE_SMOOTH), RESULT_OK);
-  const Pixels p = pixels_of(&b);
-  for (int32_t y = 2; y < 27; ++y)
-    for (int32_t x = 2; x < 27; ++x) {
-      const double want = 10 + 10 * (x - 1) * 0.4 + 10 * (y - 1) * 0.4;
-      ASSERT_NEAR(double(p.at(x, y)), want, 1.0) << x << "," << y;
-    }
-  V_FreeBitmap(&b);
-}
-
-TEST_F(Resize, TheDensityMethodCountsTheDarkPixelsOfEachBox) {
-  // 8 x 8 to 4 x 4: boxes of 2 x 2, threshold sqrt(4) - 1 = 1: one black
-  // pixel (index 0 of a rising gray palette) makes the box black.
-  std::vector<uint64_t> v(64, 1);
-  v[0] = 0;           // box (0, 0)
-  v[8 * 3 + 5] = 0;   // box (2, 1)
-  BitmapHandle b = from_values(8, 8, 1, v);
-  ASSERT_EQ(V_SizeBitmap(&b, 4, 4, SIZE_ONE_BIT_DENSITY | SIZE_RESAMPLE), RESULT_OK);
-  std::vector<uint64_t> want(16, 1);
-  want[0] = 0;
-  want[4 * 1 + 2] = 0;
-  EXPECT_EQ(pixels_of(&b).v, want);
-  V_FreeBitmap(&b);
-  // Flag 1 on 24 bits is nearest neighbour.
-  BitmapHandle c = make(Store::memory, 17, 9, 24, 4), d = make(Store::memory, 17, 9, 24, 4);
-  ASSERT_EQ(V_SizeBitmap(&c, 6, 20, SIZE_ONE_BIT_DENSITY), RESULT_OK);
-  ASSERT_EQ(V_SizeBitmap(&d, 6, 20, SIZE_NEAREST), RESULT_OK);
-  EXPECT_EQ(pixels_of(&c), pixels_of(&d));
-  V_FreeBitmap(&c);
-  V_FreeBitmap(&d);
-}
-
 int32_t g_scale_calls = 0, g_scale_result = RESULT_OK;
 int32_t VK_CALL scale_hook(BitmapHandle*, int32_t, int32_t) {
   ++g_scale_calls;
   return g_scale_result;
 }
-int32_t VK_CALL present() { return RESULT_OK; }
 
 TEST_F(Resize, ResultCodesAndTheRegionHook) {
   BitmapHandle b = make(Store::memory, 9, 7, 8), blank = init(9, 7, 8);
@@ -380,10 +294,7 @@ TEST_F(Resize, ResultCodesAndTheRegionHook) {
   EXPECT_EQ(V_ResizeBitmap(&blank, &b), RESULT_NO_BITMAP);  // the shared routine's code
   EXPECT_EQ(V_ResizeBitmap(&b, &blank), RESULT_NO_BITMAP);
 
-  VK_DISPATCHPROC table[VK_DISPATCH_ENTRIES] = {};
-  table[0] = present;
-  table[5] = reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(scale_hook));
-  V_SetDisDispatch(table);
+  const Hooks hooks{{5, hook(scale_hook)}};
   g_scale_result = RESULT_FAIL;
   const Snapshot snap(&b);
   EXPECT_EQ(V_SizeBitmap(&b, 0, 14, SIZE_RESAMPLE), RESULT_FAIL);
@@ -403,36 +314,19 @@ TEST_F(Resize, FailuresAndCancellationLeaveTheBitmapAsItWas) {
                         {1, SIZE_ONE_BIT_DENSITY, Store::compressed}, {12, SIZE_SMOOTH, Store::tiles}};
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << c.bits << " bits, flags " << c.flags << ", " << name(c.store));
-    BitmapHandle b;
-    std::unique_ptr<Snapshot> snap;
-    fault_sweep(
+    sweep_kept(
         [&] {
-          b = make(c.store, 21, 9, c.bits);
+          BitmapHandle b = make(c.store, 21, 9, c.bits);
           if (c.bits <= 8) V_CreateBitmapGrayPalette(&b);
-          snap = std::make_unique<Snapshot>(&b);
+          return b;
         },
-        [&] { return V_SizeBitmap(&b, 9, 20, c.flags); },
-        [&](const SweepRun& run) {
-          if (run.result != RESULT_OK) {
-            EXPECT_EQ(run.result, RESULT_FAIL);
-            EXPECT_TRUE(snap->unchanged());
-          }
-          snap.reset();
-          V_FreeBitmap(&b);
-        });
-    struct Stop { int calls, at; };
-    auto stop = [](int32_t, intptr_t data) -> int32_t {
-      Stop* s = reinterpret_cast<Stop*>(data);
-      return ++s->calls == s->at ? 0 : RESULT_OK;
-    };
+        [&](BitmapHandle* b) { return V_SizeBitmap(b, 9, 20, c.flags); });
     for (int at : {1, 3}) {
-      b = make(c.store, 21, 9, c.bits);
-      const Snapshot snap2(&b);
-      Stop st{0, at};
-      V_SetStatusCallBack(stop, reinterpret_cast<intptr_t>(&st));
+      BitmapHandle b = make(c.store, 21, 9, c.bits);
+      const Snapshot before(&b);
+      const CancelAt cancel(at);
       EXPECT_EQ(V_SizeBitmap(&b, 9, 20, c.flags), 0);
-      V_SetStatusCallBack(nullptr, 0);
-      EXPECT_TRUE(snap2.unchanged());
+      EXPECT_TRUE(before.unchanged());
       V_FreeBitmap(&b);
     }
   }
