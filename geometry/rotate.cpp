@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <type_traits>
 
 #include "dispatch.h"
 #include "geometry.h"
@@ -126,6 +127,67 @@ struct Whole {
   static void put(uint8_t* row, int32_t x, uint32_t v) { L::put(row, size_t(x), v); }
 };
 
+// ---- the walk along a row -----------------------------------------------------
+// Along a destination row each coordinate moves by one constant step per
+// pixel, so pixel i's position (whole x 16384 + fraction) is exactly the row
+// start's plus i steps, and the walk's whole part is that position rounded
+// to the nearest pixel.  On an exact half pixel the walk stands on the pixel
+// it was heading for (the step's sign); a step of whole pixels (or none)
+// never changes the fraction, so there the row start's side stays.  Adding
+// the bias that rounds half pixels to that side makes pixel i's whole part
+// one shift of the running sum; the row start (pixel 0) keeps its own side,
+// which may differ, and is read from the walk itself.
+struct Track {
+  int64_t at;  // pixel 0's position plus the bias
+  int32_t bias;
+  int64_t pos(int32_t i, int32_t step) const { return at + int64_t(i) * step; }
+};
+Track track(const Axis& a, int32_t step) {
+  const bool up = step % kOne == 0 ? a.frac != kHalf : step > 0;
+  const int32_t bias = up ? kHalf : kHalf - 1;
+  return Track{int64_t(a.whole) * kOne + a.frac + bias, bias};
+}
+
+// a / d rounded down, d > 0.
+int64_t floor_div(int64_t a, int64_t d) { return a / d - (a % d < 0); }
+
+// Narrows [from, to) to the pixels whose whole part lies in lo..hi: the
+// sums in lo x 16384 .. (hi + 1) x 16384 - 1, a run since the sum moves one
+// way.
+void narrow(const Track& t, int32_t step, int32_t lo, int32_t hi, int32_t& from, int32_t& to) {
+  const int64_t l = int64_t(lo) * kOne - t.at, u = (int64_t(hi) + 1) * kOne - t.at;  // l <= i x step < u
+  int64_t a = from, b = to;
+  if (lo > hi) b = a;
+  else if (step > 0) a = -floor_div(-l, step), b = -floor_div(-u, step);
+  else if (step < 0) a = floor_div(-u, -step) + 1, b = floor_div(-l, -step) + 1;
+  else if (l > 0 || u <= 0) b = a;
+  from = int32_t(std::clamp<int64_t>(a, from, to));
+  to = std::max(from, int32_t(std::clamp<int64_t>(b, from, to)));
+}
+
+// Walks one destination row.  pixel(checked, i, x whole, x fraction,
+// y whole, y fraction) renders pixel i; checked is std::true_type where its
+// samples may leave the source (within Reach pixels of the whole position)
+// and must be tested, std::false_type in the run between, which reads the
+// source without tests.
+template <int Reach, class Pixel>
+inline void walk_row(const Job& j, Axis x, Axis y, Pixel pixel) {
+  pixel(std::true_type{}, 0, x.whole, x.frac, y.whole, y.frac);
+  const Track tx = track(x, j.cs), ty = track(y, j.sn);
+  int32_t from = 1, to = j.dw;
+  narrow(tx, j.cs, Reach, j.w - 1 - Reach, from, to);
+  narrow(ty, j.sn, Reach, j.h - 1 - Reach, from, to);
+  auto run = [&](auto checked, int32_t first, int32_t end) {
+    int64_t px = tx.pos(first, j.cs), py = ty.pos(first, j.sn);
+    for (int32_t i = first; i < end; ++i, px += j.cs, py += j.sn)
+      pixel(checked, i, int32_t(px >> 14), int32_t(px & (kOne - 1)) - tx.bias, int32_t(py >> 14),
+            int32_t(py & (kOne - 1)) - ty.bias);
+  };
+  run(std::true_type{}, 1, from);
+  run(std::false_type{}, from, to);
+  run(std::true_type{}, to, j.dw);
+}
+
 // ---- row kernels ------------------------------------------------------------
 // Each renders destination row `out` from the row start (x, y).
 
@@ -133,54 +195,41 @@ template <int S>
 void nearest_bytes(const Job& j, uint8_t* out, Axis x, Axis y) {
   uint8_t fill[8];
   for (int i = 0; i < 8; ++i) fill[i] = uint8_t(j.fill >> (8 * i));
-  for (int32_t i = 0; i < j.dw; ++i, out += S) {
-    const uint8_t* p = inside(j, x.whole, y.whole) ? j.src + size_t(y.whole) * j.bpl + size_t(x.whole) * S : fill;
-    std::memcpy(out, p, S);
-    x.add(j.cs);
-    y.add(j.sn);
-  }
+  walk_row<0>(j, x, y, [&](auto checked, int32_t i, int32_t xw, int32_t, int32_t yw, int32_t) {
+    const uint8_t* p = !checked || inside(j, xw, yw) ? j.src + size_t(yw) * j.bpl + size_t(xw) * S : fill;
+    std::memcpy(out + size_t(i) * S, p, S);
+  });
 }
 
-// Packed pixels: the source row pointer is found again only when the row
-// changes.
 template <class L>
 void nearest_packed(const Job& j, uint8_t* out, Axis x, Axis y) {
-  const uint32_t fill = uint32_t(j.fill);
-  int32_t at = -1;
-  const uint8_t* row = nullptr;
-  for (int32_t i = 0; i < j.dw; ++i) {
-    uint32_t v = fill;
-    if (inside(j, x.whole, y.whole)) {
-      if (y.whole != at) row = j.src + size_t(at = y.whole) * j.bpl;
-      v = Whole<L>::get(row, x.whole);
-    }
+  walk_row<0>(j, x, y, [&](auto checked, int32_t i, int32_t xw, int32_t, int32_t yw, int32_t) {
+    const uint32_t v =
+        !checked || inside(j, xw, yw) ? Whole<L>::get(j.src + size_t(yw) * j.bpl, xw) : uint32_t(j.fill);
     Whole<L>::put(out, i, v);
-    x.add(j.cs);
-    y.add(j.sn);
-  }
+  });
 }
 
-// A pixel's components, or the fill's outside the source.
-template <class F>
+// A pixel's components; with Checked, the fill's outside the source.
+template <class F, class Checked>
 inline void fetch(const Job& j, const int32_t* fill, int32_t x, int32_t y, int32_t* c) {
-  if (inside(j, x, y)) F::get(j.src + size_t(y) * j.bpl, x, c);
+  if (!Checked::value || inside(j, x, y)) F::get(j.src + size_t(y) * j.bpl, x, c);
   else std::memcpy(c, fill, sizeof(int32_t) * F::kN);
 }
 
-// Walks one destination row: outside the source a pixel takes the fill,
-// inside `sample` computes its components (a lambda, inlined per family).
-template <class F, class Sample>
+// Walks one destination row of interpolated pixels: a pixel whose whole
+// position is outside the source takes the fill, any other gets its
+// components from sample(checked, fill, x, y) (a lambda, inlined per family).
+template <class F, int Reach, class Sample>
 void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) {
   int32_t fill[F::kN];
   F::of_value(j.fill, fill);
-  for (int32_t i = 0; i < j.dw; ++i) {
+  walk_row<Reach>(j, x, y, [&](auto checked, int32_t i, int32_t xw, int32_t xf, int32_t yw, int32_t yf) {
     int32_t p[F::kN];
-    if (!inside(j, x.whole, y.whole)) std::memcpy(p, fill, sizeof p);
-    else sample(fill, x, y, p);
+    if (checked && !inside(j, xw, yw)) std::memcpy(p, fill, sizeof p);
+    else sample(checked, fill, Axis{xw, xf}, Axis{yw, yf}, p);
     F::put(out, i, p);
-    x.add(j.cs);
-    y.add(j.sn);
-  }
+  });
 }
 
 // The nearest pixel P, blended toward its horizontal neighbour Q by the x
@@ -189,11 +238,12 @@ void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) 
 // P += ((P - Q) x f) / 16384 with Q on the left: the same product.)
 template <class F>
 void linear(const Job& j, uint8_t* out, Axis x, Axis y) {
-  interpolate_row<F>(j, out, x, y, [&j](const int32_t* fill, const Axis& x, const Axis& y, int32_t* p) {
+  interpolate_row<F, 1>(j, out, x, y, [&j](auto checked, const int32_t* fill, Axis x, Axis y, int32_t* p) {
+    using C = decltype(checked);
     int32_t q[F::kN], r[F::kN];
     F::get(j.src + size_t(y.whole) * j.bpl, x.whole, p);
-    fetch<F>(j, fill, x.whole + (x.frac < 0 ? -1 : 1), y.whole, q);
-    fetch<F>(j, fill, x.whole, y.whole + (y.frac < 0 ? -1 : 1), r);
+    fetch<F, C>(j, fill, x.whole + (x.frac < 0 ? -1 : 1), y.whole, q);
+    fetch<F, C>(j, fill, x.whole, y.whole + (y.frac < 0 ? -1 : 1), r);
     const int32_t fx = x.frac < 0 ? -x.frac : x.frac, fy = y.frac < 0 ? -y.frac : y.frac;
     for (int k = 0; k < F::kN; ++k) {
       p[k] += ((q[k] - p[k]) * fx) / kOne;
@@ -207,6 +257,12 @@ void linear(const Job& j, uint8_t* out, Axis x, Axis y) {
 // equations m0 + 4 m1 + m2 = 6 d1, m1 + 4 m2 + m3 = 6 d2 with free ends
 // (m0 = m3 = 0) by elimination; a zero second difference keeps its
 // derivative at zero.  wl and wr are the derivative weights at t.
+//
+// Up to four components go through it side by side, one per lane of a
+// vector: each lane takes the same operations in the same order as a
+// single float would, so the pixels do not depend on the lanes.
+typedef float Lanes __attribute__((vector_size(16)));
+typedef int32_t IntLanes __attribute__((vector_size(16)));
 struct SplineT {
   float t, u, wl, wr;
 };
@@ -214,38 +270,40 @@ inline SplineT spline_at(int32_t frac) {
   const float t = float(frac) * 0.000061035156f, u = 1.0f - t;
   return SplineT{t, u, (u * u - 1.0f) * u * 0.16666667f, (t * t - 1.0f) * t * 0.16666667f};
 }
-inline float spline(const float* s, const SplineT& w) {
-  const float d1 = s[0] - 2.0f * s[1] + s[2], d2 = s[1] - 2.0f * s[2] + s[3];
-  const float m2 = (6.0f * d2 - 1.5f * d1) * 0.266667f;
-  const float m1 = 1.5f * d1 - 0.25f * m2;
-  const float a = d1 == 0.0f ? 0.0f : m1, b = d2 == 0.0f ? 0.0f : m2;
+inline Lanes spline(const Lanes* s, const SplineT& w) {
+  const Lanes d1 = s[0] - 2.0f * s[1] + s[2], d2 = s[1] - 2.0f * s[2] + s[3];
+  const Lanes m2 = (6.0f * d2 - 1.5f * d1) * 0.266667f;
+  const Lanes m1 = 1.5f * d1 - 0.25f * m2;
+  const Lanes zero{};
+  // The derivative where the second difference is not zero, else +0.
+  const Lanes a = Lanes(IntLanes(m1) & (d1 != zero)), b = Lanes(IntLanes(m2) & (d2 != zero));
   return w.u * s[1] + w.t * s[2] + w.wl * a + w.wr * b;
 }
 
 template <class F>
 void cubic(const Job& j, uint8_t* out, Axis x, Axis y) {
-  interpolate_row<F>(j, out, x, y, [&j](const int32_t* fill, const Axis& x, const Axis& y, int32_t* p) {
-    constexpr int N = F::kN;
+  static_assert(F::kN <= 4, "a component per lane");
+  interpolate_row<F, 2>(j, out, x, y, [&j](auto checked, const int32_t* fill, Axis x, Axis y, int32_t* p) {
     // The fraction made non-negative: the samples run from one pixel
     // before the whole part to two after it.
     int32_t x0 = x.whole - 1, fx = x.frac, y0 = y.whole - 1, fy = y.frac;
     if (fx < 0) fx += kOne, --x0;
     if (fy < 0) fy += kOne, --y0;
     const SplineT tx = spline_at(fx), ty = spline_at(fy);
-    float rows[N][4];
+    Lanes rows[4];
     for (int r = 0; r < 4; ++r) {
-      float s[N][4];
+      Lanes s[4];
       for (int c = 0; c < 4; ++c) {
-        int32_t v[N];
-        fetch<F>(j, fill, x0 + c, y0 + r, v);
-        for (int k = 0; k < N; ++k) s[k][c] = float(v[k]);
+        int32_t v[F::kN];
+        fetch<F, decltype(checked)>(j, fill, x0 + c, y0 + r, v);
+        IntLanes l{};
+        for (int k = 0; k < F::kN; ++k) l[k] = v[k];
+        s[c] = __builtin_convertvector(l, Lanes);
       }
-      for (int k = 0; k < N; ++k) rows[k][r] = spline(s[k], tx);
+      rows[r] = spline(s, tx);
     }
-    for (int k = 0; k < N; ++k) {
-      const int32_t v = int32_t(spline(rows[k], ty) + 0.5f);
-      p[k] = std::clamp(v, 0, F::kMax);
-    }
+    const IntLanes v = __builtin_convertvector(spline(rows, ty) + 0.5f, IntLanes);
+    for (int k = 0; k < F::kN; ++k) p[k] = std::clamp(v[k], 0, F::kMax);
   });
 }
 
