@@ -397,6 +397,27 @@ inline void fetch_four(const Job& j, const IntLanes& fill, int32_t x0, int32_t y
   for (int c = 0; c < 4; ++c) s[c] = __builtin_convertvector(fetch<F, Checked>(j, fill, x0 + c, y), Lanes);
 }
 
+// The 4 x 4 samples of a one-component image from (x0, y0), by column:
+// the lanes of cols[c] are rows y0 to y0 + 3.
+template <class F, class Checked>
+inline void fetch_columns(const Job& j, const IntLanes& fill, int32_t x0, int32_t y0, Lanes* cols) {
+#if defined(__SSE2__)
+  if constexpr (!Checked::value && F::kMax == 255) {
+    __m128 r[4];
+    for (int k = 0; k < 4; ++k) {
+      int32_t four;
+      std::memcpy(&four, j.src + size_t(y0 + k) * j.bpl + x0, 4);
+      r[k] = _mm_cvtepi32_ps(widen_bytes(_mm_cvtsi32_si128(four)));
+    }
+    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+    for (int c = 0; c < 4; ++c) cols[c] = Lanes(r[c]);
+    return;
+  }
+#endif
+  for (int c = 0; c < 4; ++c)
+    for (int r = 0; r < 4; ++r) cols[c][r] = float(fetch<F, Checked>(j, fill, x0 + c, y0 + r)[0]);
+}
+
 template <class F>
 void cubic(const Job& job, uint8_t* out, Axis x, Axis y) {
   static_assert(F::kN <= 4, "a component per lane");
@@ -408,6 +429,15 @@ void cubic(const Job& job, uint8_t* out, Axis x, Axis y) {
     if (fx < 0) fx += kOne, --x0;
     if (fy < 0) fy += kOne, --y0;
     const SplineT tx = spline_at(fx), ty = spline_at(fy);
+    if constexpr (F::kN == 1) {
+      // One component: the four rows go side by side through the lanes,
+      // then each row's result, spread over the lanes, through the column.
+      Lanes cols[4]{}, rows[4];
+      fetch_columns<F, decltype(checked)>(j, fill, x0, y0, cols);
+      const Lanes across = spline(cols, tx);
+      for (int r = 0; r < 4; ++r) rows[r] = Lanes{across[r], across[r], across[r], across[r]};
+      return __builtin_convertvector(spline(rows, ty) + 0.5f, IntLanes);
+    }
     Lanes rows[4];
     for (int r = 0; r < 4; ++r) {
       Lanes s[4];
