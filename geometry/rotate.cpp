@@ -254,7 +254,11 @@ inline IntLanes get_lanes(const uint8_t* row, int32_t x) {
   if constexpr (F::kMax == 255) {
     const uint8_t* p = row + size_t(x) * F::kN;
     uint32_t bytes = p[0];
-    if constexpr (F::kN >= 3) bytes = le16(p) | uint32_t(p[2]) << 16;
+    if constexpr (F::kN == 3) {
+      uint16_t low;
+      std::memcpy(&low, p, 2);
+      bytes = low | uint32_t(p[2]) << 16;
+    }
     if constexpr (F::kN == 4) std::memcpy(&bytes, p, 4);
     return IntLanes(widen_bytes(_mm_cvtsi32_si128(int32_t(bytes))));
   }
@@ -274,7 +278,13 @@ inline void put_lanes(uint8_t* row, int32_t x, IntLanes v) {
     const __m128i w = _mm_packs_epi32(__m128i(v), __m128i(v));
     const uint32_t bytes = uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(w, w)));
     uint8_t* p = row + size_t(x) * F::kN;
-    for (int k = 0; k < F::kN; ++k) p[k] = uint8_t(bytes >> (8 * k));
+    if constexpr (F::kN == 3) {
+      const uint16_t low = uint16_t(bytes);
+      std::memcpy(p, &low, 2);
+      p[2] = uint8_t(bytes >> 16);
+    } else {
+      std::memcpy(p, &bytes, F::kN);
+    }
     return;
   }
 #endif
