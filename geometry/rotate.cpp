@@ -270,7 +270,7 @@ inline IntLanes get_lanes(const uint8_t* row, int32_t x) {
 }
 
 // Stores a pixel's components, each clamped to 0..kMax (whole bytes by
-// saturating packs, which clamp the same).
+// saturating packs, which clamp the same; x86 stores the low byte first).
 template <class F>
 inline void put_lanes(uint8_t* row, int32_t x, IntLanes v) {
 #if defined(__SSE2__)
@@ -328,8 +328,9 @@ void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) 
 }
 
 // d x f for a difference of two components and a fraction's size (at most
-// 8192).  Components below 32768 fit in 16 bits, where one multiply-add per
-// lane (d times f plus d's sign half times zero) gives the exact product.
+// 8192).  Differences of components below 32768 fit in 16 bits, where one
+// multiply-add per lane (d times f plus d's sign half times zero) gives the
+// exact product.
 template <class F>
 inline IntLanes times(IntLanes d, int32_t f) {
 #if defined(__SSE2__)
