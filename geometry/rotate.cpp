@@ -11,6 +11,11 @@
 // pixel.  Everything but the spline is integer; the spline is single
 // precision with no contraction of products into sums, so every build gives
 // the same pixels.
+//
+// For speed a row is rendered in runs: the pixels outside the source take
+// the fill, those near its edges are sampled with a test per sample, and
+// the run between reads the source with no tests; the blends take the
+// components side by side in vector lanes.
 #include <algorithm>
 #include <array>
 #include <cstring>
