@@ -316,7 +316,7 @@ void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) 
     F::of_value(j.fill, c);
     for (int k = 0; k < F::kN; ++k) fill[k] = c[k];
   }
-  uint8_t stored[8 + 4];
+  uint8_t stored[8 + 4] = {};
   put_lanes<F>(stored, 0, fill);
   walk_row<Reach>(
       j, x, y,
