@@ -1,8 +1,5 @@
-// Allocators, fault injection, per-thread settings and progress reporting.
+// Allocators and fault injection.
 #include <gtest/gtest.h>
-
-#include <thread>
-#include <vector>
 
 #include "core.h"
 #include "fault_sweep.h"
@@ -70,44 +67,6 @@ TEST(Alloc, ReallocNullAllocatesAndFreeNullIsHarmless) {
   ASSERT_NE(p, nullptr);
   V_Free(p);
   V_Free(nullptr);
-}
-
-TEST(Settings, ThreadsKeepIndependentRecordsReleasedAtExit) {
-  ThreadSettings* mine = &vk::settings();
-  const long base = vk::fault::live_total();
-  ThreadSettings* theirs = nullptr;
-  std::thread t([&] {
-    theirs = &vk::settings();
-    EXPECT_EQ(theirs->DefaultDithering, DITHER_ORDERED);
-    EXPECT_EQ(theirs->MappedTileLimit, 1);
-    EXPECT_EQ(theirs->MemoryTileLimit, -100);
-    EXPECT_EQ(theirs->TiledThreshold, 0x7FFFFFFF);
-    EXPECT_NE(theirs->Slots, nullptr);
-    theirs->DefaultXResolution = 999;
-  });
-  t.join();
-  EXPECT_NE(mine, theirs);
-  EXPECT_EQ(mine->DefaultXResolution, 150);
-  EXPECT_EQ(vk::fault::live_total(), base);  // the thread's record went with it
-}
-
-int32_t VK_CALL record_percent(int32_t percent, intptr_t data) {
-  reinterpret_cast<std::vector<int>*>(data)->push_back(percent);
-  return RESULT_OK;
-}
-
-TEST(Progress, CarriesTheRemainderAgainstTheTotal) {
-  std::vector<int> seen;
-  StatusCallback old = V_SetStatusCallBack(record_percent, reinterpret_cast<intptr_t>(&seen));
-  {
-    vk::Progress p(3);
-    EXPECT_EQ(p.start(), RESULT_OK);
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(p.step(), RESULT_OK);
-    EXPECT_EQ(p.finish(), RESULT_OK);
-  }
-  V_SetStatusCallBack(old, 0);
-  // 100 / 3 = 33 remainder 1: 33, 66, and the carried thirds reach 100.
-  EXPECT_EQ(seen, (std::vector<int>{0, 33, 66, 100}));
 }
 
 }  // namespace

@@ -421,21 +421,16 @@ class CliProgram : public ::testing::Test {
   fs::path dir_;
 };
 
-TEST_F(CliProgram, HelpListsEveryOperationAndVersionPrints) {
+// Every operation is listed, and every option row's help text starts in one
+// column, continuation lines too.
+TEST_F(CliProgram, HelpListsEveryOperationInOneColumnAndVersionPrints) {
   const Outcome help = run({"--help"});
   EXPECT_EQ(0, help.status);
   EXPECT_NE(std::string::npos, help.out.find("usage: vkimg"));
   for (const char* op : {"--info", "--convert", "--gray", "--get-pixel", "--put-pixel", "--reduce", "--count-colors",
                          "--optimised-palette", "--compress", "--decompress", "--storage", "--height"})
     EXPECT_NE(std::string::npos, help.out.find(std::string("  ") + op + " ")) << op;
-  const Outcome v = run({"--version"});
-  EXPECT_EQ(0, v.status);
-  EXPECT_NE(std::string::npos, v.out.find("13.0"));
-}
-
-// Every option row's help text starts in one column, continuation lines too.
-TEST_F(CliProgram, HelpColumnsLineUp) {
-  const Outcome help = run({"--help"});
+  EXPECT_NE(std::string::npos, help.out.find("Floyd-Steinberg, the default"));
   // The column of the first row's text; every other row has a blank just
   // before it and text at it.
   const size_t info = help.out.find("\n  --info ");
@@ -452,7 +447,9 @@ TEST_F(CliProgram, HelpColumnsLineUp) {
     ++rows;
   }
   EXPECT_GT(rows, 20u);
-  EXPECT_NE(std::string::npos, help.out.find("Floyd-Steinberg, the default"));
+  const Outcome v = run({"--version"});
+  EXPECT_EQ(0, v.status);
+  EXPECT_NE(std::string::npos, v.out.find("13.0"));
 }
 
 // Settings that name something missing or unsupported say what, not what
@@ -739,17 +736,6 @@ TEST_F(CliProgram, StorageMovesThePixelsAndHeightKeepsTheTopRows) {
   for (int y = 0; y < 5; ++y) EXPECT_EQ(0, std::memcmp(a.row(y), c.row(y), 90)) << "row " << y;
 }
 
-TEST_F(CliProgram, ListSharesOnePalette) {
-  save("a.png", random_image(24, 1, {}, 6, 20, 10));
-  save("b.png", random_image(24, 1, {}, 7, 12, 14));
-  const Outcome r = run({"--list", path("a.png"), path("b.png"), "--reduce", "8", "-o", path("lists")});
-  ASSERT_EQ(0, r.status) << r.err;
-  const Image a = vkimg::read_image(path("lists/a.png")), b = vkimg::read_image(path("lists/b.png"));
-  EXPECT_EQ(12, b.width);
-  ASSERT_EQ(8, a.bits);
-  EXPECT_EQ(a.palette, b.palette);
-}
-
 // Outputs of --list never replace an input; inputs of one name from two
 // folders get numbered outputs.
 TEST_F(CliProgram, ListKeepsInputsAndNumbersSameNames) {
@@ -875,19 +861,6 @@ TEST_F(CliProgram, DemoCompressesADocumentPage) {
   ASSERT_GT(plain, 0u);
   ASSERT_GT(packed, 0u);
   EXPECT_LT(packed * 4, plain * 3) << report.substr(at, 600);
-}
-
-// The demo script builds the program alone (no tests, no benchmarks).
-TEST(CliScripts, RunBuildsOnlyTheProgram) {
-  const char* src = std::getenv("VK_SOURCE_DIR");
-  if (!src) GTEST_SKIP() << "VK_SOURCE_DIR not set";
-  std::ifstream in(std::string(src) + "/scripts/run.sh");
-  std::stringstream text;
-  text << in.rdbuf();
-  const std::string s = text.str();
-  EXPECT_NE(std::string::npos, s.find("--target vkimg"));
-  EXPECT_NE(std::string::npos, s.find("-DVK_BUILD_TESTS=OFF"));
-  EXPECT_NE(std::string::npos, s.find("-DVK_BUILD_BENCH=OFF"));
 }
 
 }  // namespace

@@ -172,15 +172,6 @@ TEST(CompressRow, MatchesTheByteRuleOnRandomAndLongRunRows) {
   }
 }
 
-TEST(CompressRow, StartColumnGivesTheRunsOfTheShiftedRow) {
-  std::mt19937 g(11);
-  const Bytes row = random_row(g, 200, false);
-  Bytes shifted(row.size() + 1, 0);
-  for (int i = 0; i < 200; ++i) put_bit(shifted, i + 5, bit(row, i));
-  shifted[0] |= 0xF8;  // bits before the start column do not matter
-  EXPECT_EQ(compress(shifted, 5, 200), compress(row, 0, 200));
-}
-
 TEST(CompressRow, RoundTripsAtEveryStartColumnAndOddWidth) {
   std::mt19937 g(3);
   for (bool long_runs : {false, true}) {

@@ -74,8 +74,9 @@ TEST_F(CppApi, RowsRangeReadsEveryStoredRow) {
   EXPECT_EQ(empty.rows().begin(), empty.rows().end());
 }
 
-// Each member on one bitmap and its C call on an identical one: same record
-// shape, same pixels.
+// Each member that maps its arguments or makes a new record, on one bitmap,
+// and its C call on an identical one: same record shape, same pixels.  (The
+// members that pass their arguments straight to one call are left out.)
 TEST_F(CppApi, MembersDoWhatTheirCallDoes) {
   struct Case {
     const char* name;
@@ -88,19 +89,12 @@ TEST_F(CppApi, MembersDoWhatTheirCallDoes) {
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 4, RESOLVE_FIXED, nullptr, nullptr, 0, nullptr, 0); }},
       {"reduce optimised", 24, [](vk::Bitmap& b) { b.reduce(8, RESOLVE_OPTIMISED, 20); },
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 8, 0, nullptr, nullptr, 20, nullptr, 0); }},
-      {"to_gray", 24, [](vk::Bitmap& b) { b.to_gray(16); }, [](BitmapHandle* h) { return V_GrayScaleBitmap(h, 16); }},
       {"convert rgb", 8, [](vk::Bitmap& b) { b.convert(48, ORDER_RGB); },
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 48, 0, nullptr, nullptr, 0, nullptr, 0); }},
       {"convert gray", 24, [](vk::Bitmap& b) { b.convert(16, ORDER_GRAY); },
        [](BitmapHandle* h) { return V_ColorResBitmap(h, h, 16, RESOLVE_GRAY, nullptr, nullptr, 0, nullptr, 0); }},
-      {"flip", 4, [](vk::Bitmap& b) { b.flip(); }, [](BitmapHandle* h) { return V_FlipBitmap(h); }},
-      {"mirror", 12, [](vk::Bitmap& b) { b.mirror(); }, [](BitmapHandle* h) { return V_ReverseBitmap(h); }},
       {"rotate", 1, [](vk::Bitmap& b) { b.rotate(27000); },
        [](BitmapHandle* h) { return V_RotateBitmap(h, 27000, ROTATE_RESIZE, 0); }},
-      {"view", 32, [](vk::Bitmap& b) { b.set_view_perspective(5); },
-       [](BitmapHandle* h) { return V_ChangeBitmapViewPerspective(nullptr, h, 5); }},
-      {"trim", 8, [](vk::Bitmap& b) { b.trim(3, 2, 20, 40); },
-       [](BitmapHandle* h) { return V_TrimBitmap(h, 3, 2, 20, 40); }},
       {"copy_rect", 2, [](vk::Bitmap& b) { b = b.copy_rect(-3, 1, 12, 5); },
        [](BitmapHandle* h) {
          BitmapHandle out{};
@@ -184,6 +178,12 @@ TEST_F(CppApi, FailuresCarryTheResultCode) {
   EXPECT_TRUE(ec);
   EXPECT_FALSE(refused);
   EXPECT_THROW(vk::Bitmap(4, 4, 9), vk::Error);
+  try {  // a failure, not a refusal: super-compressed storage is not available
+    vk::Bitmap super(4, 4, 24, ORDER_BGR, 1024);
+    ADD_FAILURE() << "no exception";
+  } catch (const vk::Error& e) {
+    EXPECT_EQ(e.result(), RESULT_FAIL);
+  }
   EXPECT_FALSE(vk::make_error_code(RESULT_OK));
 }
 
@@ -211,41 +211,6 @@ TEST_F(CppApi, ProgressScopeCancelsAndRestoresTheCallback) {
   EXPECT_EQ(data, 0);
   b.reduce(8);
   EXPECT_EQ(b.bits_per_pixel(), 8);
-}
-
-// Every allocation inside a member fails once: the exception carries
-// RESULT_FAIL, the bitmap is unchanged and nothing is left behind.
-TEST(CppApiFaults, FailedAllocationThrowsAndLeaksNothing) {
-  const std::pair<const char*, std::function<void(vk::Bitmap&)>> ops[] = {
-      {"reduce", [](vk::Bitmap& b) { b.reduce(8); }},
-      {"copy", [](vk::Bitmap& b) { (void)b.copy(); }},
-      {"rotate", [](vk::Bitmap& b) { b.rotate(9000); }},
-  };
-  for (const auto& [name, op] : ops) {
-    SCOPED_TRACE(name);
-    vk::Bitmap b;
-    vkt::Snapshot before;
-    int failures = 0;
-    vkt::fault_sweep(
-        [&] {
-          b = random_bitmap(9, 5, 24);
-          before = vkt::Snapshot(b.get());
-        },
-        [&]() -> int32_t {
-          try {
-            op(b);
-            return RESULT_OK;
-          } catch (const vk::Error& e) {
-            return e.result();
-          }
-        },
-        [&](const vkt::SweepRun& run) {
-          failures += run.result != RESULT_OK;  // some points are benign: the call falls back
-          vkt::expect_kept(run, before);
-          b.reset();
-        });
-    EXPECT_GT(failures, 0) << "no failure came through as an exception";
-  }
 }
 
 }  // namespace

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <thread>
 
 #include "core.h"
 #include "fault_sweep.h"
@@ -483,23 +482,6 @@ TEST(BufferRedirect, NestedStartsRestoreTheTablesTheyReplaced) {
   g_log = {};
   EXPECT_EQ(V_RedirectedOpen("f", 0, 0), 8);
   EXPECT_EQ(g_log.data, 9);
-}
-
-TEST(BufferRedirect, ARedirectionStaysOnItsThread) {
-  DefaultTable restore;
-  BufferRedirect* ctx = nullptr;
-  ASSERT_EQ(V_StartRedirectToBuffer(&ctx, nullptr, REDIRECT_GROW, nullptr, 0), RESULT_OK);
-  std::thread t([] {
-    VK_WRITEPROC w = nullptr;
-    V_FilterIO(nullptr, nullptr, &w, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-    EXPECT_EQ(w, V_OsWrite);
-    EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "x", 1), -1);  // 5 is no file here
-  });
-  t.join();
-  EXPECT_EQ(V_RedirectedWrite(REDIRECT_HANDLE, "x", 1), 1);
-  void* buffer = nullptr;
-  V_StopRedirectToBuffer(ctx, &buffer, nullptr);
-  V_OsFree(buffer);
 }
 
 // Every allocation of a buffer redirection (the context, the first block,

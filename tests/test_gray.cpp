@@ -108,25 +108,6 @@ TEST_F(Gray, ArgumentChecks) {
   V_FreeBitmap(&b);
 }
 
-TEST_F(Gray, PureBlueBecomesLevel32) {
-  BitmapHandle b;
-  ASSERT_EQ(V_CreateBitmap(&b, 1, 5, 3, 24, 1, nullptr, 2, nullptr, 0), RESULT_OK);
-  std::vector<uint8_t> px(b.Size, 0);
-  for (int y = 0; y < 3; ++y)
-    for (int x = 0; x < 5; ++x) px[y * b.BytesPerLine + 3 * x] = 255;  // blue first
-  vkt::write_pixels(&b, px);
-  ASSERT_EQ(V_GrayScaleBitmap(&b, 8), RESULT_OK);
-  EXPECT_EQ(b.BitsPerPixel, 8);
-  EXPECT_EQ(b.ColorCount, 256u);
-  std::vector<RGBQUAD> pal(256);
-  ASSERT_EQ(V_GetBitmapPaletteEntries(&b, 0, 256, pal.data()), 256);
-  EXPECT_EQ(V_IsGrayScalePalette(pal.data(), 256), 1);
-  const std::vector<uint8_t> out = vkt::read_pixels(&b);
-  for (int y = 0; y < 3; ++y)
-    for (int x = 0; x < 5; ++x) EXPECT_EQ(out[y * b.BytesPerLine + x], 32);
-  V_FreeBitmap(&b);
-}
-
 int32_t VK_CALL count_calls(int32_t percent, intptr_t data) {
   auto* seen = reinterpret_cast<std::vector<int32_t>*>(data);
   seen->push_back(percent);

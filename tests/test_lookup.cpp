@@ -55,18 +55,6 @@ TEST(Lookup, EdgeCases) {
   EXPECT_EQ(V_FindPaletteIndex(nullptr, 16, 7, 7, 7), 0u);
 }
 
-TEST(Lookup, FixedPaletteSearchFindsExactEntries) {
-  // Every entry of a fixed palette with distinct colours is found at its own
-  // index (first exact match, shortcuts agree).
-  for (int bits = 1; bits <= 8; ++bits) {
-    const RGBQUAD* p = V_IntGetFixedPalette(bits);
-    ASSERT_NE(p, nullptr);
-    const uint32_t n = 1u << bits;
-    for (uint32_t i = 0; i < n; ++i)
-      EXPECT_EQ(V_FindPaletteIndex(p, n, p[i].rgbRed, p[i].rgbGreen, p[i].rgbBlue), i) << bits << " " << i;
-  }
-}
-
 TEST(Lookup, UserMatchTableAgreesOnCellCorners) {
   std::vector<RGBQUAD> pal;
   for (int i = 0; i < 37; ++i) pal.push_back(q((i * 97) & 255, (i * 53 + 11) & 255, (i * 31 + 7) & 255));
@@ -173,10 +161,6 @@ TEST(FixedPalettes, Tables) {
   for (int i = 216; i < 256; ++i) EXPECT_EQ(rgb(cube[i]), (std::vector<int>{0, 0, 0, 0}));
 }
 
-}  // namespace
-
-namespace {
-
 TEST(Lookup, PreparedMatcherAgreesWithSearch) {
   std::mt19937 rng(21);
   std::vector<std::vector<RGBQUAD>> palettes;
@@ -208,10 +192,6 @@ TEST(Lookup, PreparedMatcherAgreesWithSearch) {
     ASSERT_EQ(m.find(255, 255, 255), brute_nearest(p, 255, 255, 255));
   }
 }
-
-}  // namespace
-
-namespace {
 
 // The test command runs the matching a second time with the switch set; this
 // proves that second run really took the plain path.

@@ -23,16 +23,9 @@ using namespace vkt;
 enum class Kind { memory, disk, tiles_disk, tiles_mixed, tiles_unmapped, user, global };
 
 const char* name(Kind k) {
-  switch (k) {
-    case Kind::memory: return "memory";
-    case Kind::disk: return "disk";
-    case Kind::tiles_disk: return "tiles on disk, one mapped";
-    case Kind::tiles_mixed: return "tiles, two in memory";
-    case Kind::tiles_unmapped: return "tiles never mapped";
-    case Kind::user: return "user";
-    case Kind::global: return "global";
-  }
-  return "?";
+  static const char* const names[] = {"memory", "disk", "tiles on disk, one mapped", "tiles, two in memory",
+                                      "tiles never mapped", "user", "global"};
+  return names[static_cast<int>(k)];
 }
 constexpr Kind kAllKinds[] = {Kind::memory, Kind::disk,  Kind::tiles_disk, Kind::tiles_mixed,
                               Kind::tiles_unmapped, Kind::user, Kind::global};
@@ -730,12 +723,6 @@ TEST_F(Storage, FailedMemoryInfoChangesLeaveTheBitmapWhole) {
   }
 }
 
-}  // namespace
-
-namespace {
-
-using namespace vkt;
-
 // A rebuild stopped part-way by the copy callback has read some rows of the
 // bitmap: the row cache they moved comes back with the rest of the record.
 int32_t VK_CALL stop_at_half(int32_t percent, intptr_t) { return percent >= 50 ? 7 : RESULT_OK; }
@@ -798,12 +785,6 @@ TEST_F(Storage, CompressedStorageWorksThroughTheSameCalls) {
   V_FreeBitmap(&b);
 }
 
-}  // namespace
-
-namespace {
-
-using namespace vkt;
-
 // A tile attempt that fails (here: one temp file) is retried with tiles of
 // half the size while memory would hold the bitmap.
 TEST_F(Storage, FailedTileAttemptIsRetriedWithHalvedTiles) {
@@ -829,12 +810,6 @@ TEST_F(Storage, FailedTileAttemptIsRetriedWithHalvedTiles) {
         });
   EXPECT_TRUE(halved);
 }
-
-}  // namespace
-
-namespace {
-
-using namespace vkt;
 
 // A rebuild into tiles given only a tile count splits the rows evenly.
 TEST_F(Storage, RebuildIntoTilesFromATileCount) {
