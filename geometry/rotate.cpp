@@ -11,9 +11,18 @@
 // pixel.  Everything but the spline is integer; the spline is single
 // precision with no contraction of products into sums, so every build gives
 // the same pixels.
+//
+// For speed a row is rendered in runs: the pixels outside the source take
+// the fill, those near its edges are sampled with a test per sample, and
+// the run between reads the source with no tests; the blends take the
+// components side by side in vector lanes.
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <type_traits>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "dispatch.h"
 #include "geometry.h"
@@ -126,61 +135,213 @@ struct Whole {
   static void put(uint8_t* row, int32_t x, uint32_t v) { L::put(row, size_t(x), v); }
 };
 
+// ---- the walk along a row -----------------------------------------------------
+// Along a destination row each coordinate moves by one constant step per
+// pixel, so pixel i's position (whole x 16384 + fraction) is exactly the row
+// start's plus i steps, and the walk's whole part is that position rounded
+// to the nearest pixel.  On an exact half pixel the walk stands on the pixel
+// it was heading for (the step's sign); a step of whole pixels (or none)
+// never changes the fraction, so there the row start's side stays.  Adding
+// the bias that rounds half pixels to that side makes pixel i's whole part
+// one shift of the running sum; the row start (pixel 0) keeps its own side,
+// which may differ, and is read from the walk itself.
+struct Track {
+  int64_t at;  // pixel 0's position plus the bias
+  int32_t bias;
+  int64_t pos(int32_t i, int32_t step) const { return at + int64_t(i) * step; }
+};
+Track track(const Axis& a, int32_t step) {
+  const bool up = step % kOne == 0 ? a.frac != kHalf : step > 0;
+  const int32_t bias = up ? kHalf : kHalf - 1;
+  return Track{int64_t(a.whole) * kOne + a.frac + bias, bias};
+}
+
+// a / d rounded down, d > 0.
+int64_t floor_div(int64_t a, int64_t d) { return a / d - (a % d < 0); }
+
+// Narrows [from, to) to the pixels whose whole part lies in lo..hi: the
+// sums in lo x 16384 .. (hi + 1) x 16384 - 1, a run since the sum moves one
+// way.
+void narrow(const Track& t, int32_t step, int32_t lo, int32_t hi, int32_t& from, int32_t& to) {
+  const int64_t l = int64_t(lo) * kOne - t.at, u = (int64_t(hi) + 1) * kOne - t.at;  // l <= i x step < u
+  int64_t a = from, b = to;
+  if (lo > hi) b = a;
+  else if (step > 0) a = -floor_div(-l, step), b = -floor_div(-u, step);
+  else if (step < 0) a = floor_div(-u, -step) + 1, b = floor_div(-l, -step) + 1;
+  else if (l > 0 || u <= 0) b = a;
+  from = int32_t(std::clamp<int64_t>(a, from, to));
+  to = std::max(from, int32_t(std::clamp<int64_t>(b, from, to)));
+}
+
+// Walks one destination row.  Pixels whose whole position is outside the
+// source go to fill(first, end) in runs.  The others go to pixel(checked,
+// i, x whole, x fraction, y whole, y fraction): checked is std::true_type
+// where samples within Reach pixels of the whole position may leave the
+// source and must be tested, std::false_type in the run between, which
+// reads the source without tests.
+template <int Reach, class Pixel, class Fill>
+inline void walk_row(const Job& j, Axis x, Axis y, Pixel pixel, Fill fill) {
+  if (inside(j, x.whole, y.whole)) pixel(std::true_type{}, 0, x.whole, x.frac, y.whole, y.frac);
+  else fill(0, 1);
+  const Track tx = track(x, j.cs), ty = track(y, j.sn);
+  int32_t in = 1, in_end = j.dw;
+  narrow(tx, j.cs, 0, j.w - 1, in, in_end);
+  narrow(ty, j.sn, 0, j.h - 1, in, in_end);
+  int32_t from = in, to = in_end;
+  if (Reach) {
+    narrow(tx, j.cs, Reach, j.w - 1 - Reach, from, to);
+    narrow(ty, j.sn, Reach, j.h - 1 - Reach, from, to);
+  }
+  auto run = [&](auto checked, int32_t first, int32_t end) {
+    int64_t px = tx.pos(first, j.cs), py = ty.pos(first, j.sn);
+    for (int32_t i = first; i < end; ++i, px += j.cs, py += j.sn)
+      pixel(checked, i, int32_t(px >> 14), int32_t(px & (kOne - 1)) - tx.bias, int32_t(py >> 14),
+            int32_t(py & (kOne - 1)) - ty.bias);
+  };
+  fill(1, in);
+  run(std::true_type{}, in, from);
+  run(std::false_type{}, from, to);
+  run(std::true_type{}, to, in_end);
+  fill(in_end, j.dw);
+}
+
 // ---- row kernels ------------------------------------------------------------
-// Each renders destination row `out` from the row start (x, y).
+// Each renders destination row `out` from the row start (x, y).  Each works
+// on a local copy of the job, which stores to the row cannot change.
 
 template <int S>
-void nearest_bytes(const Job& j, uint8_t* out, Axis x, Axis y) {
+void nearest_bytes(const Job& job, uint8_t* out, Axis x, Axis y) {
+  const Job j = job;
   uint8_t fill[8];
   for (int i = 0; i < 8; ++i) fill[i] = uint8_t(j.fill >> (8 * i));
-  for (int32_t i = 0; i < j.dw; ++i, out += S) {
-    const uint8_t* p = inside(j, x.whole, y.whole) ? j.src + size_t(y.whole) * j.bpl + size_t(x.whole) * S : fill;
-    std::memcpy(out, p, S);
-    x.add(j.cs);
-    y.add(j.sn);
-  }
+  walk_row<0>(
+      j, x, y,
+      [&](auto, int32_t i, int32_t xw, int32_t, int32_t yw, int32_t) {
+        std::memcpy(out + size_t(i) * S, j.src + size_t(yw) * j.bpl + size_t(xw) * S, S);
+      },
+      [&](int32_t first, int32_t end) {
+        for (int32_t i = first; i < end; ++i) std::memcpy(out + size_t(i) * S, fill, S);
+      });
 }
 
-// Packed pixels: the source row pointer is found again only when the row
-// changes.
 template <class L>
-void nearest_packed(const Job& j, uint8_t* out, Axis x, Axis y) {
-  const uint32_t fill = uint32_t(j.fill);
-  int32_t at = -1;
-  const uint8_t* row = nullptr;
-  for (int32_t i = 0; i < j.dw; ++i) {
-    uint32_t v = fill;
-    if (inside(j, x.whole, y.whole)) {
-      if (y.whole != at) row = j.src + size_t(at = y.whole) * j.bpl;
-      v = Whole<L>::get(row, x.whole);
-    }
-    Whole<L>::put(out, i, v);
-    x.add(j.cs);
-    y.add(j.sn);
-  }
+void nearest_packed(const Job& job, uint8_t* out, Axis x, Axis y) {
+  const Job j = job;
+  walk_row<0>(
+      j, x, y,
+      [&](auto, int32_t i, int32_t xw, int32_t, int32_t yw, int32_t) {
+        Whole<L>::put(out, i, Whole<L>::get(j.src + size_t(yw) * j.bpl, xw));
+      },
+      [&](int32_t first, int32_t end) {
+        for (int32_t i = first; i < end; ++i) Whole<L>::put(out, i, uint32_t(j.fill));
+      });
 }
 
-// A pixel's components, or the fill's outside the source.
+// Up to four components go through the blends side by side, one per lane of
+// a vector: each lane takes the same operations in the same order as a
+// single number would, so the pixels do not depend on the lanes.
+typedef int32_t IntLanes __attribute__((vector_size(16)));
+typedef float Lanes __attribute__((vector_size(16)));
+
+#if defined(__SSE2__)
+// The low four bytes of v, one per 32-bit lane.
+inline __m128i widen_bytes(__m128i v) {
+  const __m128i z = _mm_setzero_si128();
+  return _mm_unpacklo_epi16(_mm_unpacklo_epi8(v, z), z);
+}
+#endif
+
+// A pixel's components in lanes.
 template <class F>
-inline void fetch(const Job& j, const int32_t* fill, int32_t x, int32_t y, int32_t* c) {
-  if (inside(j, x, y)) F::get(j.src + size_t(y) * j.bpl, x, c);
-  else std::memcpy(c, fill, sizeof(int32_t) * F::kN);
+inline IntLanes get_lanes(const uint8_t* row, int32_t x) {
+  IntLanes l{};
+#if defined(__SSE2__)
+  if constexpr (F::kMax == 255) {
+    const uint8_t* p = row + size_t(x) * F::kN;
+    uint32_t bytes = p[0];
+    if constexpr (F::kN == 3) {
+      uint16_t low;
+      std::memcpy(&low, p, 2);
+      bytes = low | uint32_t(p[2]) << 16;
+    }
+    if constexpr (F::kN == 4) std::memcpy(&bytes, p, 4);
+    return IntLanes(widen_bytes(_mm_cvtsi32_si128(int32_t(bytes))));
+  }
+#endif
+  int32_t c[F::kN];
+  F::get(row, x, c);
+  for (int k = 0; k < F::kN; ++k) l[k] = c[k];
+  return l;
 }
 
-// Walks one destination row: outside the source a pixel takes the fill,
-// inside `sample` computes its components (a lambda, inlined per family).
-template <class F, class Sample>
-void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) {
-  int32_t fill[F::kN];
-  F::of_value(j.fill, fill);
-  for (int32_t i = 0; i < j.dw; ++i) {
-    int32_t p[F::kN];
-    if (!inside(j, x.whole, y.whole)) std::memcpy(p, fill, sizeof p);
-    else sample(fill, x, y, p);
-    F::put(out, i, p);
-    x.add(j.cs);
-    y.add(j.sn);
+// Stores a pixel's components, each clamped to 0..kMax (whole bytes by
+// saturating packs, which clamp the same; x86 stores the low byte first).
+template <class F>
+inline void put_lanes(uint8_t* row, int32_t x, IntLanes v) {
+#if defined(__SSE2__)
+  if constexpr (F::kMax == 255) {
+    const __m128i w = _mm_packs_epi32(__m128i(v), __m128i(v));
+    const uint32_t bytes = uint32_t(_mm_cvtsi128_si32(_mm_packus_epi16(w, w)));
+    uint8_t* p = row + size_t(x) * F::kN;
+    if constexpr (F::kN == 3) {
+      const uint16_t low = uint16_t(bytes);
+      std::memcpy(p, &low, 2);
+      p[2] = uint8_t(bytes >> 16);
+    } else {
+      std::memcpy(p, &bytes, F::kN);
+    }
+    return;
   }
+#endif
+  int32_t c[F::kN];
+  for (int k = 0; k < F::kN; ++k) c[k] = std::clamp(int32_t(v[k]), 0, F::kMax);
+  F::put(row, x, c);
+}
+
+// A pixel's components; with Checked, the fill's outside the source.
+template <class F, class Checked>
+inline IntLanes fetch(const Job& j, const IntLanes& fill, int32_t x, int32_t y) {
+  if (Checked::value && !inside(j, x, y)) return fill;
+  return get_lanes<F>(j.src + size_t(y) * j.bpl, x);
+}
+
+// Walks one destination row of interpolated pixels: a pixel whose whole
+// position is outside the source takes the fill, any other the components
+// that sample(checked, fill, x, y) gives (a lambda, inlined per family).
+template <class F, int Reach, class Sample>
+void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) {
+  IntLanes fill{};
+  {
+    int32_t c[F::kN];
+    F::of_value(j.fill, c);
+    for (int k = 0; k < F::kN; ++k) fill[k] = c[k];
+  }
+  uint8_t stored[8 + 4] = {};
+  put_lanes<F>(stored, 0, fill);
+  walk_row<Reach>(
+      j, x, y,
+      [&](auto checked, int32_t i, int32_t xw, int32_t xf, int32_t yw, int32_t yf) {
+        put_lanes<F>(out, i, sample(checked, fill, Axis{xw, xf}, Axis{yw, yf}));
+      },
+      [&](int32_t first, int32_t end) {
+        if constexpr (F::kSize > 0) {  // whole bytes: the fill pixel's, copied
+          for (int32_t i = first; i < end; ++i) std::memcpy(out + size_t(i) * F::kSize, stored, F::kSize);
+        } else {
+          for (int32_t i = first; i < end; ++i) put_lanes<F>(out, i, fill);
+        }
+      });
+}
+
+// d x f for a difference of two components and a fraction's size (at most
+// 8192).  Differences of components below 32768 fit in 16 bits, where one
+// multiply-add per lane (d times f plus d's sign half times zero) gives the
+// exact product.
+template <class F>
+inline IntLanes times(IntLanes d, int32_t f) {
+#if defined(__SSE2__)
+  if constexpr (F::kMax < 32768) return IntLanes(_mm_madd_epi16(__m128i(d), _mm_set1_epi32(f)));
+#endif
+  return d * f;
 }
 
 // The nearest pixel P, blended toward its horizontal neighbour Q by the x
@@ -188,17 +349,17 @@ void interpolate_row(const Job& j, uint8_t* out, Axis x, Axis y, Sample sample) 
 // P += ((Q - P) x |f|) / 16384, truncating toward zero.  (For f < 0 this is
 // P += ((P - Q) x f) / 16384 with Q on the left: the same product.)
 template <class F>
-void linear(const Job& j, uint8_t* out, Axis x, Axis y) {
-  interpolate_row<F>(j, out, x, y, [&j](const int32_t* fill, const Axis& x, const Axis& y, int32_t* p) {
-    int32_t q[F::kN], r[F::kN];
-    F::get(j.src + size_t(y.whole) * j.bpl, x.whole, p);
-    fetch<F>(j, fill, x.whole + (x.frac < 0 ? -1 : 1), y.whole, q);
-    fetch<F>(j, fill, x.whole, y.whole + (y.frac < 0 ? -1 : 1), r);
+void linear(const Job& job, uint8_t* out, Axis x, Axis y) {
+  const Job j = job;
+  interpolate_row<F, 1>(j, out, x, y, [&j](auto checked, const IntLanes& fill, Axis x, Axis y) {
+    using C = decltype(checked);
+    IntLanes p = fetch<F, std::false_type>(j, fill, x.whole, y.whole);
+    const IntLanes q = fetch<F, C>(j, fill, x.whole + (x.frac < 0 ? -1 : 1), y.whole);
+    const IntLanes r = fetch<F, C>(j, fill, x.whole, y.whole + (y.frac < 0 ? -1 : 1));
     const int32_t fx = x.frac < 0 ? -x.frac : x.frac, fy = y.frac < 0 ? -y.frac : y.frac;
-    for (int k = 0; k < F::kN; ++k) {
-      p[k] += ((q[k] - p[k]) * fx) / kOne;
-      p[k] += ((r[k] - p[k]) * fy) / kOne;
-    }
+    p += times<F>(q - p, fx) / kOne;
+    p += times<F>(r - p, fy) / kOne;
+    return p;
   });
 }
 
@@ -214,38 +375,93 @@ inline SplineT spline_at(int32_t frac) {
   const float t = float(frac) * 0.000061035156f, u = 1.0f - t;
   return SplineT{t, u, (u * u - 1.0f) * u * 0.16666667f, (t * t - 1.0f) * t * 0.16666667f};
 }
-inline float spline(const float* s, const SplineT& w) {
-  const float d1 = s[0] - 2.0f * s[1] + s[2], d2 = s[1] - 2.0f * s[2] + s[3];
-  const float m2 = (6.0f * d2 - 1.5f * d1) * 0.266667f;
-  const float m1 = 1.5f * d1 - 0.25f * m2;
-  const float a = d1 == 0.0f ? 0.0f : m1, b = d2 == 0.0f ? 0.0f : m2;
+[[gnu::always_inline]] inline Lanes spline(const Lanes* s, const SplineT& w) {
+  const Lanes d1 = s[0] - 2.0f * s[1] + s[2], d2 = s[1] - 2.0f * s[2] + s[3];
+  const Lanes m2 = (6.0f * d2 - 1.5f * d1) * 0.266667f;
+  const Lanes m1 = 1.5f * d1 - 0.25f * m2;
+  const Lanes zero{};
+  // The derivative where the second difference is not zero, else +0.
+  const Lanes a = Lanes(IntLanes(m1) & (d1 != zero)), b = Lanes(IntLanes(m2) & (d2 != zero));
   return w.u * s[1] + w.t * s[2] + w.wl * a + w.wr * b;
 }
 
-template <class F>
-void cubic(const Job& j, uint8_t* out, Axis x, Axis y) {
-  interpolate_row<F>(j, out, x, y, [&j](const int32_t* fill, const Axis& x, const Axis& y, int32_t* p) {
+// Pixels x0 to x0 + 3 of row y in lanes.
+template <class F, class Checked>
+inline void fetch_four(const Job& j, const IntLanes& fill, int32_t x0, int32_t y, Lanes* s) {
+#if defined(__SSE2__)
+  if constexpr (!Checked::value && F::kMax == 255 && F::kN >= 3) {
+    // The four pixels' bytes in one register, each pixel's widened into the
+    // lanes (of a 3-byte pixel the fourth lane takes the next one's first
+    // byte: a lane never stored).
     constexpr int N = F::kN;
+    const uint8_t* p = j.src + size_t(y) * j.bpl + size_t(x0) * N;
+    __m128i b;
+    if constexpr (N == 4) {
+      b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    } else {
+      int32_t tail;
+      std::memcpy(&tail, p + 8, 4);
+      b = _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)), _mm_cvtsi32_si128(tail));
+    }
+    s[0] = Lanes(_mm_cvtepi32_ps(widen_bytes(b)));
+    s[1] = Lanes(_mm_cvtepi32_ps(widen_bytes(_mm_srli_si128(b, N))));
+    s[2] = Lanes(_mm_cvtepi32_ps(widen_bytes(_mm_srli_si128(b, 2 * N))));
+    s[3] = Lanes(_mm_cvtepi32_ps(widen_bytes(_mm_srli_si128(b, 3 * N))));
+    return;
+  }
+#endif
+  for (int c = 0; c < 4; ++c) s[c] = __builtin_convertvector(fetch<F, Checked>(j, fill, x0 + c, y), Lanes);
+}
+
+// The 4 x 4 samples of a one-component image from (x0, y0), by column:
+// the lanes of cols[c] are rows y0 to y0 + 3.
+template <class F, class Checked>
+inline void fetch_columns(const Job& j, const IntLanes& fill, int32_t x0, int32_t y0, Lanes* cols) {
+#if defined(__SSE2__)
+  if constexpr (!Checked::value && F::kMax == 255) {
+    __m128 r[4];
+    for (int k = 0; k < 4; ++k) {
+      int32_t four;
+      std::memcpy(&four, j.src + size_t(y0 + k) * j.bpl + x0, 4);
+      r[k] = _mm_cvtepi32_ps(widen_bytes(_mm_cvtsi32_si128(four)));
+    }
+    _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+    for (int c = 0; c < 4; ++c) cols[c] = Lanes(r[c]);
+    return;
+  }
+#endif
+  for (int c = 0; c < 4; ++c)
+    for (int r = 0; r < 4; ++r) cols[c][r] = float(fetch<F, Checked>(j, fill, x0 + c, y0 + r)[0]);
+}
+
+template <class F>
+void cubic(const Job& job, uint8_t* out, Axis x, Axis y) {
+  static_assert(F::kN <= 4, "a component per lane");
+  const Job j = job;
+  interpolate_row<F, 2>(j, out, x, y, [&j](auto checked, const IntLanes& fill, Axis x, Axis y) {
     // The fraction made non-negative: the samples run from one pixel
     // before the whole part to two after it.
     int32_t x0 = x.whole - 1, fx = x.frac, y0 = y.whole - 1, fy = y.frac;
     if (fx < 0) fx += kOne, --x0;
     if (fy < 0) fy += kOne, --y0;
     const SplineT tx = spline_at(fx), ty = spline_at(fy);
-    float rows[N][4];
+    if constexpr (F::kN == 1) {
+      // One component: the four rows go side by side through the lanes,
+      // then each row's result, spread over the lanes, through the column.
+      Lanes cols[4]{}, rows[4];
+      fetch_columns<F, decltype(checked)>(j, fill, x0, y0, cols);
+      const Lanes across = spline(cols, tx);
+      for (int r = 0; r < 4; ++r) rows[r] = Lanes{across[r], across[r], across[r], across[r]};
+      return __builtin_convertvector(spline(rows, ty) + 0.5f, IntLanes);
+    }
+    Lanes rows[4];
     for (int r = 0; r < 4; ++r) {
-      float s[N][4];
-      for (int c = 0; c < 4; ++c) {
-        int32_t v[N];
-        fetch<F>(j, fill, x0 + c, y0 + r, v);
-        for (int k = 0; k < N; ++k) s[k][c] = float(v[k]);
-      }
-      for (int k = 0; k < N; ++k) rows[k][r] = spline(s[k], tx);
+      Lanes s[4];
+      fetch_four<F, decltype(checked)>(j, fill, x0, y0 + r, s);
+      rows[r] = spline(s, tx);
     }
-    for (int k = 0; k < N; ++k) {
-      const int32_t v = int32_t(spline(rows[k], ty) + 0.5f);
-      p[k] = std::clamp(v, 0, F::kMax);
-    }
+    // Rounded by adding a half and truncating; put_lanes clamps.
+    return __builtin_convertvector(spline(rows, ty) + 0.5f, IntLanes);
   });
 }
 

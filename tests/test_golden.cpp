@@ -2,8 +2,10 @@
 // and order into every destination depth and order, palettes and gray bit
 // ranges included, at widths 1, 7, 31 and 33 to reach every partial byte and
 // word), of colour resolution with each dithering method, and of the
-// optimiser.  The tables were produced by this code before the pixel readers
-// were shared; any change of a single output bit changes a checksum.  Run with
+// optimiser, and of the general turn in each sampling.  The tables were
+// produced by this code before the pixel readers were shared (the turn's
+// before its row kernels were specialised for speed); any change of a single
+// output bit changes a checksum.  Run with
 // VK_GOLDEN_PRINT=1 to print the tables the current code produces.
 #include <gtest/gtest.h>
 
@@ -255,6 +257,105 @@ TEST(Golden, DitheringAndOptimiser) {
         }
         ++i;
       }
+}
+
+// The general turn of one picture (gradients, hard edges and noise, so the
+// spline clamps and the linear blend meets the fill at the edges) by several
+// angles, with and without ROTATE_RESIZE, into one checksum per depth and
+// sampling.  8 and 16 bits are gray samples, "16c" the 5-5-5 colour.
+struct TurnCase {
+  int32_t bits;
+  bool gray;
+  const char* name;
+};
+constexpr TurnCase kTurnCases[] = {{1, false, "1"},    {4, false, "4"},   {8, true, "8"},   {12, true, "12"},
+                                   {16, true, "16"},   {16, false, "16c"}, {24, false, "24"}, {32, false, "32"},
+                                   {48, false, "48"},  {64, false, "64"}};
+
+uint32_t turn_checksum(const TurnCase& c, uint32_t quality) {
+  uint32_t crc = 0;
+  // 30, 60, 150 and 330 degrees have a sine or cosine of exactly half,
+  // so positions fall on half pixels; within half a degree of a quarter turn
+  // one of them is a whole pixel.
+  constexpr std::pair<int32_t, uint32_t> kTurns[] = {
+      {3000, ROTATE_RESIZE},  {150, ROTATE_RESIZE},   {-4321, 0},           {20017, ROTATE_RESIZE},
+      {9000, 0},              {27350, ROTATE_RESIZE}, {35990, 0},           {15000, ROTATE_RESIZE},
+      {33000, 0},             {6000, ROTATE_RESIZE},  {4500, 0},            {8995, ROTATE_RESIZE},
+      {9005, 0},              {5, ROTATE_RESIZE},     {17995, 0},           {27005, ROTATE_RESIZE}};
+  for (auto [w, h] : {std::pair{53, 41}, {4, 3}, {1, 6}}) {
+    for (auto [angle, flags] : kTurns) {
+      vkt::Bitmap b(w, h, c.bits);
+      if (c.gray) b->Order = ORDER_GRAY;
+      uint32_t seed = 12345;
+      for (int32_t y = 0; y < b->Height; ++y) {
+        std::vector<uint8_t> row(b->BytesPerLine);
+        for (size_t i = 0; i < row.size(); ++i) {
+          seed = seed * 1103515245u + 12345u;
+          const int x = int(i) * 8 / (c.bits < 8 ? 1 : c.bits);
+          const bool edge = (x / 9 + y / 7) % 3 == 0;
+          row[i] = uint8_t(edge ? 250 - (seed >> 28) : x * 4 + y * 3 + ((seed >> 24) & 7));
+        }
+        if (c.bits == 16 && !c.gray)
+          for (size_t i = 1; i < row.size(); i += 2) row[i] &= 0x7F;
+        b.put_row(y, row);
+      }
+      const int32_t r = V_RotateBitmap(b.get(), angle, flags | quality, 0x3C7FB2);
+      crc = crc_word(crc, r);
+      crc = crc_word(crc, b->Width);
+      crc = crc_word(crc, b->Height);
+      const std::vector<uint8_t> px = b.pixels();
+      crc = crc32(crc, px.data(), px.size());
+    }
+  }
+  return crc;
+}
+
+const uint32_t kTurnGolden[] = {
+    0x433D5C87u,  // 1 bits, quality 0
+    0x433D5C87u,  // 1 bits, quality 2
+    0x433D5C87u,  // 1 bits, quality 4
+    0x50589B29u,  // 4 bits, quality 0
+    0x50589B29u,  // 4 bits, quality 2
+    0x50589B29u,  // 4 bits, quality 4
+    0x5B34873Du,  // 8 bits, quality 0
+    0x2E3E3FE5u,  // 8 bits, quality 2
+    0xD21F6F9Fu,  // 8 bits, quality 4
+    0x7225212Eu,  // 12 bits, quality 0
+    0x63253B2Du,  // 12 bits, quality 2
+    0x1760B459u,  // 12 bits, quality 4
+    0x8C07E452u,  // 16 bits, quality 0
+    0x3410E30Du,  // 16 bits, quality 2
+    0xB475A0B7u,  // 16 bits, quality 4
+    0x8B26C304u,  // 16c bits, quality 0
+    0x9AEE29B0u,  // 16c bits, quality 2
+    0x322BA60Bu,  // 16c bits, quality 4
+    0x98015A48u,  // 24 bits, quality 0
+    0x777BBC90u,  // 24 bits, quality 2
+    0x80B616ABu,  // 24 bits, quality 4
+    0x745AD3CBu,  // 32 bits, quality 0
+    0x05A4C663u,  // 32 bits, quality 2
+    0x53B9FED8u,  // 32 bits, quality 4
+    0x2FF7AA03u,  // 48 bits, quality 0
+    0x21F37326u,  // 48 bits, quality 2
+    0x58293B7Bu,  // 48 bits, quality 4
+    0x3815AF01u,  // 64 bits, quality 0
+    0x2153574Eu,  // 64 bits, quality 2
+    0x529C2654u,  // 64 bits, quality 4
+};
+
+TEST(Golden, GeneralTurnInEachSampling) {
+  size_t i = 0;
+  for (const TurnCase& c : kTurnCases)
+    for (uint32_t quality : {0u, ROTATE_LINEAR, ROTATE_SPLINE}) {
+      const uint32_t crc = turn_checksum(c, quality);
+      if (printing()) {
+        std::printf("0x%08Xu,  // %s bits, quality %u\n", crc, c.name, quality);
+      } else {
+        ASSERT_LT(i, sizeof kTurnGolden / sizeof kTurnGolden[0]);
+        EXPECT_EQ(crc, kTurnGolden[i]) << c.name << " bits, quality " << quality;
+      }
+      ++i;
+    }
 }
 
 }  // namespace
