@@ -247,12 +247,14 @@ TEST_F(CliFormats, MultiPageTiffIsAList) {
 // BMP goes through the library's device-independent bitmaps both ways:
 // every depth a BMP holds comes back pixel for pixel through the program,
 // the fourth byte of 32-bit pixels too, so PNG alpha survives BMP as it
-// survives PNG (8 and 16 bits per channel).
+// survives PNG (8 and 16 bits per channel), also from disk storage and
+// rows stored bottom up (the alpha travels in a gray bitmap of its own).
 TEST_F(CliFormats, BmpDepthsAndAlphaRoundTripThroughTheProgram) {
   const struct {
     const char* in;
     const char* out;
     Image img;
+    const char* args = "";
   } kCases[] = {
       {"1.bmp", "1b.bmp", palette_image(1, colours(2, 1), 33, 7, 1)},
       {"4.bmp", "4b.bmp", palette_image(4, colours(16, 2), 31, 7, 2)},
@@ -263,11 +265,13 @@ TEST_F(CliFormats, BmpDepthsAndAlphaRoundTripThroughTheProgram) {
       {"rgba.png", "rgba.bmp", photo(13, 7, 32, vkimg::kOrderBgr, 7)},
       {"rgba.png", "rgba2.png", photo(13, 7, 32, vkimg::kOrderRgb, 8)},
       {"rgba64.png", "rgba64b.png", photo(13, 7, 64, vkimg::kOrderBgr, 9)},
+      {"rgba.png", "disk-vp2.png", photo(13, 7, 32, vkimg::kOrderRgb, 10), "--memory-type 128 --view-perspective 2"},
+      {"rgba64.png", "vp2.png", photo(13, 7, 64, vkimg::kOrderRgb, 11), "--view-perspective 2"},
   };
   for (auto c : kCases) {
     c.img.xdpi = c.img.ydpi = 300;
     vkimg::write_image(path(c.in), c.img);
-    ASSERT_EQ(0, sh(vk() + " " + path(c.in) + " " + path(c.out))) << c.in << " -> " << c.out;
+    ASSERT_EQ(0, sh(vk() + " " + path(c.in) + " " + c.args + " " + path(c.out))) << c.in << " -> " << c.out;
     const Image back = vkimg::read_image(path(c.out));
     EXPECT_EQ(c.img.bits, back.bits) << c.out;
     EXPECT_EQ(colours_of(c.img), colours_of(back)) << c.out;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <vector>
 
 #include "ops.h"
@@ -120,6 +121,92 @@ void widen12(const uint8_t* src, uint8_t* dst, int width) {
   }
 }
 
+// ---- alpha ---------------------------------------------------------------------------
+// A picture with alpha reaches a bitmap through the library's alpha calls:
+// the colour rows go into the 32- or 64-bit bitmap, the alpha samples into a
+// gray bitmap (8 bits, or 16 for 16-bit channels) that V_SetBitmapAlpha
+// writes into the bitmap once every row is in.  Saving takes the channel
+// out with V_GetBitmapAlpha and puts it back into each row on its way to
+// the file.  The one gray bitmap is the only whole-image extra: a quarter of
+// the picture.
+
+bool has_alpha(const ImageInfo& info) { return info.alpha && (info.bits == 32 || info.bits == 64); }
+
+// Sample is the bytes per channel (1 or 2); the alpha channel is the fourth.
+// Moves the alpha samples of a row out into `alpha`, leaving zeros behind.
+template <size_t Sample>
+void split_alpha(uint8_t* row, uint8_t* alpha, int width) {
+  for (size_t x = 0; x < static_cast<size_t>(width); ++x) {
+    uint8_t* p = row + 4 * Sample * x + 3 * Sample;
+    std::memcpy(alpha + Sample * x, p, Sample);
+    std::memset(p, 0, Sample);
+  }
+}
+template <size_t Sample>
+void merge_alpha(uint8_t* row, const uint8_t* alpha, int width) {
+  for (size_t x = 0; x < static_cast<size_t>(width); ++x)
+    std::memcpy(row + 4 * Sample * x + 3 * Sample, alpha + Sample * x, Sample);
+}
+
+// The gray bitmap that holds a picture's alpha while it is read: same
+// geometry, view perspective 0 as every bitmap made for reading.
+class AlphaIn {
+ public:
+  AlphaIn(const ImageInfo& info, int memory_type)
+      : bm_(create_bitmap(gray_info(info), memory_type)), row_(bm_->BytesPerLine), wide_(info.bits == 64) {}
+
+  // Takes the alpha samples out of row `row` (storage row of both bitmaps).
+  void split(uint8_t* pixels, int32_t row) {
+    if (wide_) split_alpha<2>(pixels, row_.data(), bm_->Width);
+    else split_alpha<1>(pixels, row_.data(), bm_->Width);
+    const int32_t r = V_PutBitmapRow(bm_.get(), row_.data(), static_cast<uint32_t>(row), static_cast<int32_t>(row_.size()));
+    if (r < 0) throw LibraryError("cannot write alpha row " + std::to_string(row) + ": " + describe_result(r), r);
+  }
+  void apply(BitmapHandle& bm) {
+    const int32_t r = V_SetBitmapAlpha(&bm, bm_.get());
+    if (r != RESULT_OK) throw LibraryError("cannot set the alpha channel: " + describe_result(r), r);
+  }
+
+ private:
+  static ImageInfo gray_info(const ImageInfo& info) {
+    ImageInfo g;
+    g.width = info.width;
+    g.height = info.height;
+    g.bits = info.bits == 64 ? 16 : 8;
+    g.order = info.bits == 64 ? kOrderGray : kOrderRgb;
+    if (g.bits == 8)
+      for (int i = 0; i < 256; ++i) g.palette.push_back(Colour{uint8_t(i), uint8_t(i), uint8_t(i), 0});
+    return g;
+  }
+
+  Bitmap bm_;
+  std::vector<uint8_t> row_;
+  bool wide_;
+};
+
+// The alpha channel of a bitmap being saved, put back into its rows.
+class AlphaOut {
+ public:
+  explicit AlphaOut(BitmapHandle& bm) : wide_(bm.BitsPerPixel == 64) {
+    const int32_t r = V_GetBitmapAlpha(&bm, bm_.get());
+    if (bm_.allocated()) bm_.adopt();
+    if (r != RESULT_OK) throw LibraryError("cannot take the alpha channel out: " + describe_result(r), r);
+    row_.resize(bm_->BytesPerLine);
+  }
+  // Storage row `row` of the alpha bitmap (it has the bitmap's view perspective).
+  void merge(uint8_t* pixels, int32_t row) {
+    const int32_t r = V_GetBitmapRow(bm_.get(), row_.data(), static_cast<uint32_t>(row), static_cast<int32_t>(row_.size()));
+    if (r < 0) throw LibraryError("cannot read alpha row " + std::to_string(row) + ": " + describe_result(r), r);
+    if (wide_) merge_alpha<2>(pixels, row_.data(), bm_->Width);
+    else merge_alpha<1>(pixels, row_.data(), bm_->Width);
+  }
+
+ private:
+  Bitmap bm_;
+  std::vector<uint8_t> row_;
+  bool wide_;
+};
+
 // What the file gets: the bitmap's layout, or the nearest one the codecs have.
 ImageInfo saved_info(BitmapHandle& bm) {
   if (!(bm.Flags & BITMAP_ALLOCATED)) throw LibraryError("the bitmap has no storage", RESULT_NO_BITMAP);
@@ -148,22 +235,24 @@ ImageInfo saved_info(BitmapHandle& bm) {
 }
 
 // Rows of a bitmap in blocks, as the file needs them: straight from the
-// storage when nothing needs converting, else copied and converted.
+// storage when nothing needs converting and no copy is asked for, else
+// copied and converted.  Only copied rows may be changed by the caller.
 class RowSource {
  public:
-  RowSource(BitmapHandle& bm, const ImageInfo& out)
+  RowSource(BitmapHandle& bm, const ImageInfo& out, bool copy = false)
       : bm_(bm), view_(bm), map_(row_map(bm)), out_stride_(out.stride()) {
     const int bits = bm.BitsPerPixel;
     widen12_ = bits == 12;
     order5_ = bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48);
     rows_ = block_rows(std::max<size_t>(bm.BytesPerLine, out_stride_));
-    if (!view_.direct() || widen12_ || order5_ || out_stride_ != bm.BytesPerLine)
+    if (copy || !view_.direct() || widen12_ || order5_ || out_stride_ != bm.BytesPerLine)
       buffer_.resize(static_cast<size_t>(rows_) * std::max<size_t>(bm.BytesPerLine, out_stride_) + 16);
   }
   int32_t block() const { return rows_; }
+  int32_t storage_row(int32_t k) const { return map_(k); }
 
   // File rows [k, k + n): where they start and their stride.
-  const uint8_t* rows(int32_t k, int32_t n, ptrdiff_t* stride) {
+  uint8_t* rows(int32_t k, int32_t n, ptrdiff_t* stride) {
     if (buffer_.empty()) {
       *stride = map_.step * static_cast<ptrdiff_t>(bm_.BytesPerLine);
       return view_.row(map_(k));
@@ -247,6 +336,8 @@ Bitmap read_page(Decoder& dec, int memory_type) {
   BitmapHandle& h = *bm.get();
   const RowMap map = row_map(h);
   const size_t line = h.BytesPerLine;
+  std::unique_ptr<AlphaIn> alpha;
+  if (has_alpha(info)) alpha = std::make_unique<AlphaIn>(info, memory_type);
   StorageView view(h);
   if (view.direct() && line == info.stride()) {
     // Straight into the storage; an interlaced file takes it all at once.
@@ -254,33 +345,41 @@ Bitmap read_page(Decoder& dec, int memory_type) {
     for (int32_t k = 0; k < h.Height; k += block) {
       const int32_t n = std::min(block, h.Height - k);
       dec.read_rows(view.row(map(k)), map.step * static_cast<ptrdiff_t>(line), n);
+      if (alpha)
+        for (int32_t i = 0; i < n; ++i) alpha->split(view.row(map(k + i)), map(k + i));
       progress_step(k + n, h.Height);
     }
-    return bm;
-  }
-  const size_t stride = info.stride();
-  const int32_t block = dec.whole_image() ? h.Height : block_rows(stride);
-  std::vector<uint8_t> buffer(static_cast<size_t>(block) * stride);
-  for (int32_t k = 0; k < h.Height; k += block) {
-    const int32_t n = std::min(block, h.Height - k);
-    dec.read_rows(buffer.data(), static_cast<ptrdiff_t>(stride), n);
-    for (int32_t i = 0; i < n; ++i) {
-      const int32_t r = V_PutBitmapRow(&h, buffer.data() + static_cast<size_t>(i) * stride,
-                                       static_cast<uint32_t>(map(k + i)), static_cast<int32_t>(line));
-      if (r < 0) throw LibraryError("cannot write row " + std::to_string(map(k + i)) + ": " + describe_result(r), r);
+  } else {
+    const size_t stride = info.stride();
+    const int32_t block = dec.whole_image() ? h.Height : block_rows(stride);
+    std::vector<uint8_t> buffer(static_cast<size_t>(block) * stride);
+    for (int32_t k = 0; k < h.Height; k += block) {
+      const int32_t n = std::min(block, h.Height - k);
+      dec.read_rows(buffer.data(), static_cast<ptrdiff_t>(stride), n);
+      for (int32_t i = 0; i < n; ++i) {
+        uint8_t* row = buffer.data() + static_cast<size_t>(i) * stride;
+        if (alpha) alpha->split(row, map(k + i));
+        const int32_t r = V_PutBitmapRow(&h, row, static_cast<uint32_t>(map(k + i)), static_cast<int32_t>(line));
+        if (r < 0) throw LibraryError("cannot write row " + std::to_string(map(k + i)) + ": " + describe_result(r), r);
+      }
+      progress_step(k + n, h.Height);
     }
-    progress_step(k + n, h.Height);
   }
+  if (alpha) alpha->apply(h);
   return bm;
 }
 
 void write_page(Encoder& enc, BitmapHandle& bm, const ImageInfo& info) {
   if (enc.write_bitmap(bm, progress_step)) return;
-  RowSource src(bm, info);
+  std::unique_ptr<AlphaOut> alpha;
+  if (has_alpha(info)) alpha = std::make_unique<AlphaOut>(bm);
+  RowSource src(bm, info, /*copy=*/alpha != nullptr);
   for (int32_t k = 0; k < bm.Height; k += src.block()) {
     const int32_t n = std::min(src.block(), bm.Height - k);
     ptrdiff_t stride = 0;
-    const uint8_t* rows = src.rows(k, n, &stride);
+    uint8_t* rows = src.rows(k, n, &stride);
+    if (alpha)
+      for (int32_t i = 0; i < n; ++i) alpha->merge(rows + i * stride, src.storage_row(k + i));
     enc.write_rows(rows, stride, n);
     progress_step(k + n, bm.Height);
   }
