@@ -19,6 +19,7 @@
 
 #include "image_io.h"
 #include "streams.h"
+#include "vkkrn_platform.h"
 
 namespace fs = std::filesystem;
 using vkimg::Colour;
@@ -301,6 +302,64 @@ TEST(CliBmp, MasksInsideALongHeaderAndAGapBeforeThePixels) {
   const Image gap = vkimg::decode(file(40, 24, 0, 6, {1, 2, 3, 4, 5, 6, 0, 0}), Format::bmp, "gap.bmp");
   ASSERT_EQ(24, gap.bits);
   EXPECT_EQ((std::vector<uint8_t>{1, 2, 3, 4, 5, 6}), std::vector<uint8_t>(gap.row(0), gap.row(0) + 6));
+}
+
+// BMP is written a band of rows at a time; the file must hold exactly the
+// library's DIB of the whole bitmap behind its file header, for rows stored
+// top first and bottom first (and, whole, transposed), and for depths
+// copied straight, widened, narrowed and converted.  Bands of three rows
+// over eleven end in a short one.
+TEST(CliBmp, BandsWriteTheWholeBitmapsDib) {
+  const struct {
+    int bits, order;
+  } kDepths[] = {{1, 0}, {2, 0}, {8, 0}, {16, 1}, {16, 2}, {24, 1}, {24, 0}, {32, 1}, {48, 1}};
+  const size_t saved_band = vkimg::bmp_band_bytes;
+  std::mt19937 rng(5);
+  for (const auto& d : kDepths)
+    for (int vp : {0, 2, 5}) {
+      const std::string what = std::to_string(d.bits) + " bits, order " + std::to_string(d.order) + ", view " +
+                               std::to_string(vp);
+      std::vector<RGBQUAD> pal(256);
+      for (RGBQUAD& c : pal) c = RGBQUAD{uint8_t(rng()), uint8_t(rng()), uint8_t(rng()), 0};
+      BitmapHandle bm{};
+      ASSERT_EQ(RESULT_OK, V_CreateBitmap(&bm, TYPE_CONVENTIONAL, 13, 11, d.bits, d.order,
+                                          d.bits <= 8 ? pal.data() : nullptr, vp, nullptr, 0)) << what;
+      bm.XResolution = 300;
+      // Random pixels; the bits after the last pixel are zero, as in any bitmap.
+      std::vector<uint8_t> row(bm.BytesPerLine);
+      const size_t used_bits = size_t(bm.Width) * size_t(d.bits);
+      for (uint32_t y = 0; y < uint32_t(bm.Height); ++y) {
+        for (size_t b = 0; b < row.size(); ++b) {
+          const size_t bit = 8 * b;
+          row[b] = bit >= used_bits ? 0 : uint8_t(rng() & (0xFF00u >> std::min<size_t>(8, used_bits - bit)));
+        }
+        V_PutBitmapRow(&bm, row.data(), y, int32_t(row.size()));
+      }
+      VK_HGLOBAL dib = V_ConvertToDIB(&bm);
+      ASSERT_NE(nullptr, dib) << what;
+      const auto* p = static_cast<const uint8_t*>(VKP_GlobalLock(dib));
+      auto le32 = [](const uint8_t* q) { return uint32_t(q[0] | q[1] << 8 | q[2] << 16 | uint32_t(q[3]) << 24); };
+      const uint32_t pixels_at = le32(p) + 4 * le32(p + 32);  // header, palette, then the rows
+      const std::vector<uint8_t> whole(p, p + pixels_at + le32(p + 20));
+      VKP_GlobalUnlock(dib);
+      VKP_GlobalFree(dib);
+
+      vkimg::ImageInfo info;
+      info.width = bm.Width, info.height = bm.Height, info.bits = d.bits, info.order = d.bits <= 8 ? 0 : d.order;
+      vkimg::bmp_band_bytes = 3 * size_t(bm.BytesPerLine);
+      std::vector<uint8_t> file;
+      {
+        vkimg::OutStream out(&file);
+        auto enc = vkimg::open_encoder(out, Format::bmp, info, nullptr);
+        ASSERT_TRUE(enc->write_bitmap(bm, {})) << what;
+      }
+      vkimg::bmp_band_bytes = saved_band;
+      V_FreeBitmap(&bm);
+      ASSERT_EQ(14 + whole.size(), file.size()) << what;
+      EXPECT_TRUE(std::equal(whole.begin(), whole.end(), file.begin() + 14)) << what;
+      EXPECT_EQ(file.size(), le32(&file[2])) << what;
+      EXPECT_EQ(14 + pixels_at, le32(&file[10])) << what;
+    }
 }
 
 // Damaged BMP files: exit 1 with the file named, whatever the header claims.

@@ -6,10 +6,11 @@
 // storage: loading costs the file's size and nothing more, and the library
 // checks every size the DIB claims against the block.  Writing is
 // V_ConvertToDIB (which narrows what a DIB cannot hold) with the file header
-// put in front.
+// put in front, a band of rows at a time.
 #include <algorithm>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "codec_internal.h"
 #include "result_names.h"
@@ -262,27 +263,100 @@ class BmpDecoder final : public Decoder {
   int32_t done_ = 0;
 };
 
-// A whole bitmap as a BMP file: the library's DIB of it behind the file header.
+// A band of a bitmap: a small bitmap like it (depth, order, palette,
+// resolutions, view perspective) holding a run of its storage rows, made
+// again only when the band's height changes.
+class Band {
+ public:
+  explicit Band(BitmapHandle& bm) : bm_(bm), row_(bm.BytesPerLine) {}
+  Band(const Band&) = delete;
+  Band& operator=(const Band&) = delete;
+  ~Band() { drop(); }
+
+  // Storage rows [first, first + count) of the bitmap, as a band.
+  BitmapHandle& take(int32_t first, int32_t count, const std::string& name) {
+    if (count != h_.Height || !made_) {
+      drop();
+      const int32_t r = V_DupBitmapNewDim(&h_, &bm_, bm_.Width, count, bm_.BitsPerPixel, kDup);
+      if (r != RESULT_OK) fail(name, "cannot make a band of " + std::to_string(count) + " rows: " + describe_result(r));
+      made_ = true;
+    }
+    const auto line = static_cast<int32_t>(row_.size());
+    for (int32_t j = 0; j < count; ++j) {
+      if (V_GetBitmapRow(&bm_, row_.data(), static_cast<uint32_t>(first + j), line) != line ||
+          V_PutBitmapRow(&h_, row_.data(), static_cast<uint32_t>(j), line) != line)
+        fail(name, "cannot copy row " + std::to_string(first + j) + " into a band");
+    }
+    return h_;
+  }
+
+ private:
+  static constexpr uint32_t kDup = DUP_ALLOCATE | DUP_OWN_PALETTE;
+  void drop() {
+    if (made_) V_FreeDuplicateBitmap(&h_, kDup);
+    made_ = false;
+  }
+
+  BitmapHandle& bm_;
+  std::vector<uint8_t> row_;
+  BitmapHandle h_{};
+  bool made_ = false;
+};
+
+// A bitmap as a BMP file: the file header, then the library's DIB of it,
+// made a band of rows at a time so that memory stays at a band's size
+// whatever the image's.  A DIB runs bottom-up, so the bands are taken from
+// the bottom of the picture upwards and each band's rows continue the
+// file; the first band's header serves for all, with the full height and
+// image size put in.  Rows stored top first (view perspective 0) hold seen
+// rows [y, y + n) at storage rows [y, y + n); rows stored bottom first (2)
+// at [height - y - n, height - y).  Other view perspectives go whole: the
+// library turns them in a copy, which banding cannot reproduce byte for
+// byte (the row padding it leaves differs), and the program turns its pages
+// upright before saving, so only other callers of the codec get there.
 void write_dib(OutStream& out, BitmapHandle& bm, const Progress& progress) {
   const std::string& name = out.name();
-  Block dib(V_ConvertToDIB(&bm));
-  if (!dib.get()) fail(name, "the library could not make a DIB of the bitmap (out of memory?)");
-  Locked p(dib.get());
-  if (!p.get()) fail(name, "out of memory");
-  const uint8_t* d = p.get();
-  // What the block holds: header, palette of 4-byte entries, rows.
-  const uint64_t at = rd32le(d) + uint64_t{rd32le(d + 32)} * 4;
-  const uint64_t size = at + rd32le(d + 20);
-  if (kFileHeader + size > 0xFFFFFFFFu) fail(name, "image too large for BMP");
-  uint8_t file[kFileHeader] = {'B', 'M'};
-  put32(file + 2, static_cast<uint32_t>(kFileHeader + size));
-  put32(file + 10, static_cast<uint32_t>(kFileHeader + at));
-  out.write(file, kFileHeader);
-  for (uint64_t done = 0; done < size;) {
-    const size_t n = static_cast<size_t>(std::min<uint64_t>(size - done, kStep));
-    out.write(d + done, n);
+  const int32_t height = bm.Height, vp = bm.ViewPerspective;
+  const bool bottom_first = vp == 2;
+  const int32_t rows_per_band =
+      vp != 0 && vp != 2
+          ? height
+          : static_cast<int32_t>(std::clamp<size_t>(bmp_band_bytes / std::max<uint32_t>(bm.BytesPerLine, 1), 1,
+                                                    static_cast<size_t>(height)));
+  Band band(bm);
+  for (int32_t done = 0; done < height;) {
+    const int32_t n = std::min(rows_per_band, height - done);
+    const int32_t seen_first = height - done - n;
+    BitmapHandle& src = n == height ? bm : band.take(bottom_first ? done : seen_first, n, name);
+    Block dib(V_ConvertToDIB(&src));
+    if (!dib.get()) fail(name, "the library could not make a DIB of the bitmap (out of memory?)");
+    Locked p(dib.get());
+    if (!p.get()) fail(name, "out of memory");
+    uint8_t* d = p.get();
+    // What the block holds: header, palette of 4-byte entries, rows.
+    const uint64_t at = rd32le(d) + uint64_t{rd32le(d + 32)} * 4;
+    const uint32_t rows_bytes = rd32le(d + 20);
+    if (done == 0) {
+      // A band's header speaks for the whole picture.
+      const uint64_t image = n == height ? rows_bytes : uint64_t{rows_bytes / static_cast<uint32_t>(n)} * height;
+      if (kFileHeader + at + image > 0xFFFFFFFFu) fail(name, "image too large for BMP");
+      if (n < height) {
+        put32(d + 8, static_cast<uint32_t>(height));
+        put32(d + 20, static_cast<uint32_t>(image));
+      }
+      uint8_t file[kFileHeader] = {'B', 'M'};
+      put32(file + 2, static_cast<uint32_t>(kFileHeader + at + image));
+      put32(file + 10, static_cast<uint32_t>(kFileHeader + at));
+      out.write(file, kFileHeader);
+      out.write(d, static_cast<size_t>(at));
+    }
+    for (uint32_t k = 0; k < rows_bytes;) {
+      const size_t m = std::min<size_t>(rows_bytes - k, kStep);
+      out.write(d + at + k, m);
+      k += static_cast<uint32_t>(m);
+    }
     done += n;
-    if (progress) progress(static_cast<int64_t>(done), static_cast<int64_t>(size));
+    if (progress) progress(done, height);
   }
 }
 

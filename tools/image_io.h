@@ -96,6 +96,9 @@ struct IoError : std::runtime_error {
 // variable so that a harness feeding corrupt files can lower it.
 inline constexpr int kMaxSide = 1 << 18;
 inline uint64_t max_image_bytes = uint64_t(1) << 31;
+// BMP is written a band of rows at a time, each band about this many bytes
+// of the bitmap (at least one row); a test lowers it to cross many bands.
+inline size_t bmp_band_bytes = size_t(2) << 20;
 
 // Format from the file name's extension (case-insensitive); throws IoError
 // for an unknown extension.  Writing goes by the name, reading by content.
