@@ -300,8 +300,36 @@ class Bitmap {
   /// ROTATE_RESIZE: the result holds the whole turned picture, corners
   /// filled with the colour `fill`).  Angles the library does not turn by
   /// fail with RESULT_FAIL.
-  void rotate(int32_t angle, uint32_t fill = 0) { detail::check(turn(angle, fill), "V_RotateBitmap"); }
-  void rotate(int32_t angle, uint32_t fill, std::error_code& ec) noexcept { detail::report(turn(angle, fill), ec); }
+  void rotate(int32_t angle, uint32_t fill = 0) { turn(angle, ROTATE_RESIZE, fill); }
+  void rotate(int32_t angle, uint32_t fill, std::error_code& ec) noexcept { turn(angle, ROTATE_RESIZE, fill, ec); }
+  /// A turn by `angle` hundredths of a degree with ROTATE_RESIZE, ROTATE_LINEAR, ROTATE_SPLINE `flags` (V_RotateBitmap).
+  void turn(int32_t angle, uint32_t flags, uint32_t fill = 0) {
+    detail::check(V_RotateBitmap(&record_, angle, flags, fill), "V_RotateBitmap");
+  }
+  void turn(int32_t angle, uint32_t flags, uint32_t fill, std::error_code& ec) noexcept {
+    detail::report(V_RotateBitmap(&record_, angle, flags, fill), ec);
+  }
+  /// Slanted by `angle` hundredths of a degree: rows slide, or columns when not `horizontal` (V_ShearBitmap).
+  void shear(int32_t angle, bool horizontal = true, uint32_t fill = 0) {
+    detail::check(V_ShearBitmap(&record_, angle, horizontal ? 1 : 0, fill), "V_ShearBitmap");
+  }
+  void shear(int32_t angle, bool horizontal, uint32_t fill, std::error_code& ec) noexcept {
+    detail::report(V_ShearBitmap(&record_, angle, horizontal ? 1 : 0, fill), ec);
+  }
+  /// Resized in place to width x height (0: keep the aspect) by SIZE_* `flags` (V_SizeBitmap).
+  void resize(int32_t width, int32_t height, uint32_t flags = SIZE_NEAREST) {
+    detail::check(V_SizeBitmap(&record_, width, height, flags), "V_SizeBitmap");
+  }
+  void resize(int32_t width, int32_t height, uint32_t flags, std::error_code& ec) noexcept {
+    detail::report(V_SizeBitmap(&record_, width, height, flags), ec);
+  }
+  /// Resized into `destination`, made beforehand at the wanted size and depth, by SIZE_* `flags` (V_ResizeBitmapExt).
+  void resize_into(Bitmap& destination, uint32_t flags = SIZE_NEAREST) const {
+    detail::check(V_ResizeBitmapExt(source(), destination.get(), flags), "V_ResizeBitmapExt");
+  }
+  void resize_into(Bitmap& destination, uint32_t flags, std::error_code& ec) const noexcept {
+    detail::report(V_ResizeBitmapExt(source(), destination.get(), flags), ec);
+  }
   /// The pixels moved so that the bitmap is stored in view perspective
   /// `view` (V_ChangeBitmapViewPerspective in place).
   void set_view_perspective(int32_t view) {
@@ -330,6 +358,48 @@ class Bitmap {
     detail::report(V_TrimBitmap(&record_, left, top, width, height), ec);
   }
 
+  /// A new DIB of header type 0-2 (V_ConvertToDIB2); the caller frees it with VKP_GlobalFree (vkkrn_platform.h).
+  VK_HGLOBAL to_dib(int32_t type = 0) const {
+    VK_HGLOBAL dib = V_ConvertToDIB2(source(), type);
+    if (!dib) throw Error(dib_failure(), "V_ConvertToDIB2");
+    return dib;
+  }
+  /// As above; null on failure, with RESULT_NO_BITMAP (empty) or RESULT_FAIL in `ec` (the call gives no code).
+  VK_HGLOBAL to_dib(int32_t type, std::error_code& ec) const noexcept {
+    VK_HGLOBAL dib = V_ConvertToDIB2(source(), type);
+    detail::report(dib ? int32_t{RESULT_OK} : dib_failure(), ec);
+    return dib;
+  }
+  /// A bitmap that takes the DIB block over (V_ChangeFromDIB); a refused block stays the caller's.
+  static Bitmap from_dib(VK_HGLOBAL dib) {
+    Bitmap out;
+    detail::check(V_ChangeFromDIB(&out.record_, dib), "V_ChangeFromDIB");
+    return out;
+  }
+  static Bitmap from_dib(VK_HGLOBAL dib, std::error_code& ec) noexcept {
+    Bitmap out;
+    detail::report(V_ChangeFromDIB(&out.record_, dib), ec);
+    return out;
+  }
+  /// The alpha channel as a new gray bitmap: 16 bits for 64-bit pixels, else 8 (V_GetBitmapAlpha).
+  Bitmap alpha() const {
+    Bitmap out;
+    detail::check(V_GetBitmapAlpha(source(), &out.record_), "V_GetBitmapAlpha");
+    return out;
+  }
+  Bitmap alpha(std::error_code& ec) const noexcept {
+    Bitmap out;
+    detail::report(V_GetBitmapAlpha(source(), &out.record_), ec);
+    return out;
+  }
+  /// The alpha channel set from a gray (or any) bitmap; a depth made 32 or 64 bits first stays so on failure (V_SetBitmapAlpha).
+  void set_alpha(const Bitmap& alpha) {
+    detail::check(V_SetBitmapAlpha(&record_, alpha.source()), "V_SetBitmapAlpha");
+  }
+  void set_alpha(const Bitmap& alpha, std::error_code& ec) noexcept {
+    detail::report(V_SetBitmapAlpha(&record_, alpha.source()), ec);
+  }
+
  private:
   int32_t create(int32_t width, int32_t height, int32_t bits, int32_t order, int32_t memory_type,
                  const RGBQUAD* palette) noexcept {
@@ -342,7 +412,7 @@ class Bitmap {
   int32_t color_res(int32_t bits, uint32_t flags, int32_t colors) noexcept {
     return V_ColorResBitmap(&record_, &record_, bits, flags, nullptr, nullptr, colors, nullptr, 0);
   }
-  int32_t turn(int32_t angle, uint32_t fill) noexcept { return V_RotateBitmap(&record_, angle, ROTATE_RESIZE, fill); }
+  int32_t dib_failure() const noexcept { return *this ? int32_t{RESULT_FAIL} : int32_t{RESULT_NO_BITMAP}; }
   // The C calls take the source by non-const pointer (row reads move its
   // row cache) but leave what it describes unchanged.
   BitmapHandle* source() const noexcept { return const_cast<BitmapHandle*>(&record_); }

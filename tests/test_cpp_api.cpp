@@ -103,6 +103,24 @@ TEST_F(CppApi, MembersDoWhatTheirCallDoes) {
          *h = out;
          return r;
        }},
+      {"shear vertical", 8, [](vk::Bitmap& b) { b.shear(-2000, false, 0xFF); },
+       [](BitmapHandle* h) { return V_ShearBitmap(h, -2000, 0, 0xFF); }},
+      {"dib", 4, [](vk::Bitmap& b) { b = vk::Bitmap::from_dib(b.to_dib(2)); },
+       [](BitmapHandle* h) {
+         VK_HGLOBAL dib = V_ConvertToDIB2(h, 2);
+         V_FreeBitmap(h);
+         return V_ChangeFromDIB(h, dib);
+       }},
+      {"alpha", 64, [](vk::Bitmap& b) { b = b.alpha(); },
+       [](BitmapHandle* h) {
+         BitmapHandle out{};
+         const int32_t r = V_GetBitmapAlpha(h, &out);
+         V_FreeBitmap(h);
+         *h = out;
+         return r;
+       }},
+      {"set_alpha", 24, [](vk::Bitmap& b) { b.set_alpha(random_bitmap(20, 30, 8, 3)); },
+       [](BitmapHandle* h) { return V_SetBitmapAlpha(h, random_bitmap(20, 30, 8, 3).get()); }},
       {"copy", 16, [](vk::Bitmap& b) { b = b.copy(TYPE_DISK); },
        [](BitmapHandle* h) {
          BitmapHandle out{};
@@ -147,6 +165,8 @@ TEST_F(CppApi, FailuresCarryTheResultCode) {
        [](vk::Bitmap& b, std::error_code& ec) { b.trim(100, 0, 5, 5, ec); }},
       {"copy_rect outside", RESULT_BAD_PARAMETER, [](vk::Bitmap& b) { (void)b.copy_rect(0, -9, 5, 5); },
        [](vk::Bitmap& b, std::error_code& ec) { (void)b.copy_rect(0, -9, 5, 5, ec); }},
+      {"shear 90", RESULT_BAD_PARAMETER, [](vk::Bitmap& b) { b.shear(9000); },
+       [](vk::Bitmap& b, std::error_code& ec) { b.shear(9000, true, 0, ec); }},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -174,6 +194,10 @@ TEST_F(CppApi, FailuresCarryTheResultCode) {
   EXPECT_EQ(ec.value(), RESULT_NO_BITMAP);
   empty.rotate(9000, 0, ec);
   EXPECT_EQ(ec.value(), RESULT_NO_BITMAP);
+  EXPECT_EQ(empty.to_dib(0, ec), nullptr);  // the C call gives only null
+  EXPECT_EQ(ec.value(), RESULT_NO_BITMAP);
+  EXPECT_FALSE(vk::Bitmap::from_dib(nullptr, ec));
+  EXPECT_EQ(ec.value(), RESULT_BAD_PARAMETER);
   vk::Bitmap refused(0, 0, 24, ORDER_BGR, TYPE_CONVENTIONAL, nullptr, ec);
   EXPECT_TRUE(ec);
   EXPECT_FALSE(refused);
