@@ -123,6 +123,7 @@ VK_HGLOBAL to_dib(BitmapHandle* src, int32_t type) {
 
   // Palette depths the DIB cannot hold are widened through index runs.
   const bool widen = t.bits != from->BitsPerPixel;
+  const uint32_t used = uint32_t((uint64_t{width} * uint32_t(t.bits) + 7) / 8);
   Buffer<uint8_t> row, indices;
   if (widen && (!row.allocate(src_bpl) || !indices.allocate(width))) return nullptr;
   const RunCodec& in = run_codec(from->BitsPerPixel, kRgb);
@@ -135,6 +136,9 @@ VK_HGLOBAL to_dib(BitmapHandle* src, int32_t type) {
       uint8_t* dst = rows + uint64_t{i} * dst_bpl;
       if (!widen) {
         if (V_GetBitmapRow(from, dst, y, int32_t(dst_bpl)) != int32_t(dst_bpl)) return nullptr;
+        // A source row's padding may hold whatever an earlier conversion left
+        // there; a DIB handed to other code gets clean rows.
+        std::memset(dst + used, 0, dst_bpl - used);
         continue;
       }
       if (V_GetBitmapRow(from, row.get(), y, int32_t(src_bpl)) != int32_t(src_bpl)) return nullptr;

@@ -349,6 +349,16 @@ TEST_F(DibTest, HeaderTypes) {
   EXPECT_EQ(V_ConvertToDIB(nullptr), nullptr);
   BitmapHandle empty = vkt::init(4, 4, 8);
   EXPECT_EQ(V_ConvertToDIB(&empty), nullptr);
+  // Row padding comes out clean whatever the bitmap's rows hold there.
+  BitmapHandle dirty = make(Store::memory, 5, 2, 24);
+  std::vector<uint8_t> row(dirty.BytesPerLine, 0xA5);
+  for (int32_t y = 0; y < 2; ++y) V_PutBitmapRow(&dirty, row.data(), y, int32_t(row.size()));
+  VK_HGLOBAL padded = V_ConvertToDIB(&dirty);
+  ASSERT_NE(padded, nullptr);
+  const std::vector<uint8_t> pv = bytes_of(padded);
+  for (size_t y = 0; y < 2; ++y) EXPECT_EQ(pv[40 + y * 16 + 15], 0) << y;
+  VKP_GlobalFree(padded);
+  V_FreeBitmap(&dirty);
   // Change frees the source once the block is made.
   VK_HGLOBAL block = V_ChangeToDIB(&b);
   ASSERT_NE(block, nullptr);
