@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,24 @@ namespace vkimg {
 
 // Reads and writes go through buffers of this size; larger requests go
 // straight between the file and the caller's memory.
-inline constexpr size_t kStreamBuffer = size_t(1) << 20;
+inline constexpr size_t kStreamBuffer = size_t(256) << 10;
+
+// Bytes left uninitialised: a page of a fresh buffer is only faulted in
+// when data first reaches it, and never cleared by the program first.
+class RawBuffer {
+ public:
+  void resize(size_t n) {
+    bytes_.reset(new uint8_t[n]);
+    size_ = n;
+  }
+  uint8_t* data() { return bytes_.get(); }
+  const uint8_t* data() const { return bytes_.get(); }
+  size_t size() const { return size_; }
+
+ private:
+  std::unique_ptr<uint8_t[]> bytes_;
+  size_t size_ = 0;
+};
 
 class InStream {
  public:
@@ -47,7 +65,7 @@ class InStream {
   std::string name_;
   int fd_ = -1;
   bool own_fd_ = false;
-  std::vector<uint8_t> buffer_;
+  RawBuffer buffer_;
   const uint8_t* data_ = nullptr;  // buffer_ or the caller's memory
   size_t pos_ = 0, end_ = 0;
   int64_t file_left_ = -1;  // bytes of a regular file not yet in the buffer
@@ -78,7 +96,7 @@ class OutStream {
   int fd_ = -1;
   bool own_fd_ = false, committed_ = false;
   std::vector<uint8_t>* memory_ = nullptr;
-  std::vector<uint8_t> buffer_;
+  RawBuffer buffer_;
   size_t used_ = 0;
 };
 
