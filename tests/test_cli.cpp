@@ -756,6 +756,47 @@ TEST_F(CliProgram, ListKeepsInputsAndNumbersSameNames) {
 // inside the run at the step named.  The output is written under another
 // name and renamed at the end: a cancelled run leaves no file, and an
 // existing one untouched.
+// A lone --reduce to a palette fixed in advance runs row by row as the file
+// is read; its output is byte for byte that of the whole-bitmap path (here
+// forced by a pair of flips after it) for each kind of palette, dithering
+// and source.  Ctrl-C while it runs leaves no output.
+TEST_F(CliProgram, StreamedReduceMatchesTheWholeBitmap) {
+  save("rgb.ppm", random_image(24, vkimg::kOrderRgb, {}, 61, 203, 57));
+  save("gray.pgm", random_image(8, 0, gray_ramp(8), 62, 190, 41));
+  save("pal.png", random_image(8, 0, random_palette(256, 9), 63, 77, 31));
+  save("four.png", random_image(2, 0, random_palette(4, 77), 1));
+  struct Case {
+    const char* input;
+    std::vector<std::string> args;
+    const char* output;
+  };
+  const Case cases[] = {
+      {"rgb.ppm", {"--reduce", "1"}, "o.pbm"},
+      {"rgb.ppm", {"--reduce", "1", "--dither", "ordered"}, "o.pbm"},
+      {"rgb.ppm", {"--reduce", "4", "--palette", "fixed", "--dither", "stucki"}, "o.png"},
+      {"rgb.ppm", {"--reduce", "8", "--palette", "cube", "--dither", "ordered"}, "o.png"},
+      {"rgb.ppm", {"--reduce", "2:gray"}, "o.tif"},
+      {"rgb.ppm", {"--reduce", "2", "--palette", path("four.png"), "--dither", "burkes"}, "o.png"},
+      {"gray.pgm", {"--reduce", "1", "--dither", "clustered"}, "o.pbm"},
+      {"pal.png", {"--reduce", "1"}, "o.png"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> streamed{path(c.input)}, whole{path(c.input)};
+    streamed.insert(streamed.end(), c.args.begin(), c.args.end());
+    whole.insert(whole.end(), c.args.begin(), c.args.end());
+    streamed.push_back(path(std::string("s-") + c.output));
+    whole.insert(whole.end(), {"--flip", "--flip", path(std::string("w-") + c.output)});
+    const Outcome a = run(streamed), b = run(whole);
+    ASSERT_EQ(0, a.status) << c.args[1] << ": " << a.err;
+    ASSERT_EQ(0, b.status) << c.args[1] << ": " << b.err;
+    EXPECT_EQ(vkimg::read_file(path(std::string("w-") + c.output)), vkimg::read_file(path(std::string("s-") + c.output)))
+        << c.input << " --reduce " << c.args[1];
+  }
+  const Outcome r = run({path("rgb.ppm"), "--reduce", "1", path("c.pbm")}, "VKIMG_TEST_INTERRUPT_AT=converting:40");
+  EXPECT_EQ(130, r.status) << r.err;
+  EXPECT_FALSE(fs::exists(path("c.pbm")));
+}
+
 TEST_F(CliProgram, CtrlCCancelsAndExitsWith130LeavingNoOutput) {
   // 3 MB: several blocks of rows for loading and saving.
   save("a.bmp", random_image(24, 1, {}, 8, 1000, 1000));

@@ -44,6 +44,7 @@ namespace {
 // enough to stay in cache and keep Ctrl-C prompt.
 constexpr size_t kBlockBytes = size_t(2) << 20;
 
+// TYPE_USER makes a record with no pixels, as the rows' description.
 Bitmap create_bitmap(const ImageInfo& img, int memory_type) {
   if (img.bits == 3 || img.bits == 5 || img.bits == 6 || img.bits == 7 || img.bits == 12)
     throw LibraryError("unexpected picture depth", RESULT_BAD_BITS_PER_PIXEL);
@@ -401,6 +402,49 @@ Bitmap load_bitmap(const std::string& path, int memory_type) {
   dec->finish();
   progress_end();
   return bm;
+}
+
+Bitmap load_streaming(const std::string& path, int memory_type, RowStage& stage, const std::string& out_path,
+                      Format format, const EncodeOptions& options, std::vector<std::string>* notes) {
+  InStream in(path);
+  progress_begin("loading " + file_label(path));
+  auto dec = open_decoder(in, progress_step);
+  const ImageInfo& info = dec->info();
+  if (dec->whole_image() || has_alpha(info)) {
+    Bitmap bm = read_page(*dec, memory_type);
+    dec->finish();
+    progress_end();
+    return bm;
+  }
+  Bitmap source = create_bitmap(info, TYPE_USER);
+  const ImageInfo result = stage.begin(*source.get());
+  struct Ending {
+    RowStage& stage;
+    ~Ending() { stage.end(); }
+  } ending{stage};
+  progress_begin("converting " + file_label(path) + " into " + file_label(out_path));
+  OutStream out(out_path);
+  auto enc = open_encoder(out, format, result, notes, options);
+  // Blocks just large enough that the input reads straight into them
+  // (see InStream::read) and small enough to stay in cache.
+  const size_t in_line = info.stride(), out_line = result.stride();
+  const int32_t block = static_cast<int32_t>(
+      std::min<size_t>(static_cast<size_t>(info.height), (kStreamBuffer / 2 + in_line - 1) / in_line));
+  RawBuffer in_rows, out_rows;
+  in_rows.resize(static_cast<size_t>(block) * in_line);
+  out_rows.resize(static_cast<size_t>(block) * out_line);
+  for (int32_t k = 0; k < info.height; k += block) {
+    const int32_t n = std::min(block, info.height - k);
+    dec->read_rows(in_rows.data(), static_cast<ptrdiff_t>(in_line), n);
+    for (int32_t i = 0; i < n; ++i) stage.run(in_rows.data() + i * in_line, out_rows.data() + i * out_line);
+    enc->write_rows(out_rows.data(), static_cast<ptrdiff_t>(out_line), n);
+    progress_step(k + n, info.height);
+  }
+  dec->finish();
+  enc->finish();
+  out.commit();
+  progress_end();
+  return {};
 }
 
 std::vector<Bitmap> load_pages(const std::string& path, int memory_type) {

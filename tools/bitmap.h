@@ -50,6 +50,31 @@ Bitmap to_bitmap(const Image& img, int memory_type);
 // LibraryError or Cancelled.
 Bitmap load_bitmap(const std::string& path, int memory_type);
 
+// Work that turns each row of a picture into a row of its result, top row
+// first, needing nothing but the rows before it (dithering to a palette
+// chosen in advance).
+class RowStage {
+ public:
+  virtual ~RowStage() = default;
+  // Told the record that describes the source rows (it has no pixels);
+  // gives the result's layout.
+  virtual ImageInfo begin(BitmapHandle& source) = 0;
+  // One row in the record's layout into one row of the result's.
+  virtual void run(uint8_t* source_row, uint8_t* result_row) = 0;
+  // After the last row, and on every way out once begin succeeded.
+  virtual void end() noexcept {}
+};
+
+// load_bitmap, the stage and save_bitmap in one pass with neither picture
+// ever whole in memory: the rows go from the input through the stage to
+// out_path a block at a time, so there is no picture-sized memory to get,
+// clear and copy.  An input whose rows do not come one by one (interlaced
+// PNG, alpha) is loaded whole instead and returned, the stage unused, for
+// the caller to go on the usual way; after a streamed run the result is an
+// empty Bitmap.  The output must be a format written from rows (not BMP).
+Bitmap load_streaming(const std::string& path, int memory_type, RowStage& stage, const std::string& out_path,
+                      Format format, const EncodeOptions& options, std::vector<std::string>* notes);
+
 // Writes the bitmap's rows to a file ("-": standard output) the same way.
 // The file appears only when complete (see OutStream).  Depths the codecs
 // have no layout for (12-bit gray, order 5) are converted row by row.

@@ -592,6 +592,74 @@ ReduceRequest parse_reduce(const std::string& arg, const Settings& s) {
   return req;
 }
 
+namespace {
+
+// Colour resolution dithers each row with the dithering engine, its state
+// carried from row to row; with a palette fixed in advance that is all it
+// does, so the same engine calls give the same rows with no bitmap.
+class ReduceStage final : public RowStage {
+ public:
+  ReduceStage(ReduceRequest req, std::string arg, int dither)
+      : req_(std::move(req)), arg_(std::move(arg)), dither_(dither) {}
+
+  ImageInfo begin(BitmapHandle& source) override {
+    // The palette is whatever colour resolution gives a one-pixel picture
+    // with the same request: it does not depend on the pixels.
+    Bitmap probe;
+    int32_t r = V_CreateBitmap(probe.get(), TYPE_CONVENTIONAL, 1, 1, 24, ORDER_BGR, nullptr, 0, nullptr, 0);
+    if (probe.allocated()) probe.adopt();
+    check_result(r, "--reduce " + arg_);
+    check_result(V_ColorResBitmap(probe.get(), probe.get(), req_.bits, req_.flags,
+                                  req_.palette.empty() ? nullptr : req_.palette.data(), nullptr, req_.colors, nullptr, 0),
+                 "--reduce " + arg_);
+    const int32_t most = 1 << req_.bits;
+    const int32_t count = probe->ColorCount > 0 && static_cast<int32_t>(probe->ColorCount) < most
+                              ? static_cast<int32_t>(probe->ColorCount) : most;
+    RGBQUAD pal[256] = {};
+    if (V_GetBitmapPaletteEntries(probe.get(), 0, count, pal) != count)
+      throw LibraryError("--reduce " + arg_ + ": the palette cannot be read", RESULT_FAIL);
+
+    source_ = &source;
+    if (dither_ >= 0) source.DitheringMethod = dither_;
+    check_result(V_StartDitheringExt(&source, pal, count, req_.bits, nullptr), "--reduce " + arg_);
+
+    ImageInfo out;
+    out.width = source.Width;
+    out.height = source.Height;
+    out.bits = req_.bits;
+    out.order = kOrderRgb;
+    out.xdpi = source.XResolution;
+    out.ydpi = source.YResolution;
+    for (int32_t i = 0; i < count; ++i) out.palette.push_back(Colour{pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, 0});
+    return out;
+  }
+
+  void run(uint8_t* source_row, uint8_t* result_row) override {
+    check_result(V_DitherLine(source_, source_row, result_row), "--reduce " + arg_);
+  }
+
+  void end() noexcept override {
+    if (source_) V_StopDithering(source_);
+    source_ = nullptr;
+  }
+
+ private:
+  ReduceRequest req_;
+  std::string arg_;
+  int dither_;
+  BitmapHandle* source_ = nullptr;
+};
+
+}  // namespace
+
+std::unique_ptr<RowStage> streaming_stage(const Step& step, const Settings& s) {
+  if (step.option != "--reduce") return nullptr;
+  ReduceRequest req = parse_reduce(step.arg, s);
+  if (req.bits > 8 || (req.flags != RESOLVE_FIXED && req.flags != RESOLVE_CUBE && req.flags != RESOLVE_USER_PALETTE))
+    return nullptr;
+  return std::make_unique<ReduceStage>(std::move(req), step.arg, s.dither);
+}
+
 void check_memory_type(long type, const std::string& what) {
   // The library knows the super-compressed type but keeps no such storage:
   // say so rather than pass on its "could not be obtained".

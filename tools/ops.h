@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -97,6 +98,13 @@ struct ReduceRequest {
   int32_t colors = 0;
 };
 ReduceRequest parse_reduce(const std::string& arg, const Settings& s);
+
+// The step as a RowStage when it can run while the file is read: --reduce
+// to a palette that does not depend on the picture (black and white, the
+// fixed palettes, the colour cube, gray levels, a palette file), with the
+// library's own dithering, row by row, exactly as on a whole bitmap.
+// Null for any other step.
+std::unique_ptr<RowStage> streaming_stage(const Step& step, const Settings& s);
 
 // Refuses memory types the library cannot give, with the reason.
 void check_memory_type(long type, const std::string& what);

@@ -294,9 +294,23 @@ int run_pipeline(Command& cmd) {
   } else {
     output_format(cmd.settings, cmd.output);  // refuse an unknown type before any work
   }
+  // One --reduce to a palette chosen in advance runs as the file is read,
+  // straight into the output, with no picture-sized memory.
+  std::unique_ptr<RowStage> stage;
+  if (cmd.steps.size() == 1 && !cmd.output.empty() && cmd.settings.memory_type == TYPE_CONVENTIONAL &&
+      output_format(cmd.settings, cmd.output) != Format::bmp)
+    stage = streaming_stage(cmd.steps[0], cmd.settings);
   Context ctx{Bitmap{}, input, cmd.settings, &std::cout};
+  std::vector<std::string> notes;
   try {
-    ctx.bitmap = load_bitmap(input, cmd.settings.memory_type);
+    if (stage) {
+      ctx.bitmap = load_streaming(input, cmd.settings.memory_type, *stage, cmd.output,
+                                  output_format(cmd.settings, cmd.output), cmd.settings.encode, &notes);
+      print_notes(notes, cmd.quiet);
+      if (!ctx.bitmap.allocated()) return kExitOk;
+    } else {
+      ctx.bitmap = load_bitmap(input, cmd.settings.memory_type);
+    }
     for (const Step& s : cmd.steps) run_step(ctx, s);
   } catch (const LibraryError& e) {
     throw LibraryError(input + ": " + e.what(), e.code);
