@@ -756,12 +756,14 @@ TEST_F(CliProgram, ListKeepsInputsAndNumbersSameNames) {
 // inside the run at the step named.  The output is written under another
 // name and renamed at the end: a cancelled run leaves no file, and an
 // existing one untouched.
-// A lone --reduce to a palette fixed in advance runs row by row as the file
-// is read; its output is byte for byte that of the whole-bitmap path (here
-// forced by a pair of flips after it) for each kind of palette, dithering
-// and source.  Ctrl-C while it runs leaves no output.
-TEST_F(CliProgram, StreamedReduceMatchesTheWholeBitmap) {
+// A lone --reduce to a palette fixed in advance, or --gray 8, runs row by
+// row as the file is read; its output is byte for byte that of the
+// whole-bitmap path (here forced by a pair of flips after it) for each kind
+// of palette, dithering and source.  Ctrl-C while it runs leaves no output.
+TEST_F(CliProgram, StreamedStepsMatchTheWholeBitmap) {
   save("rgb.ppm", random_image(24, vkimg::kOrderRgb, {}, 61, 203, 57));
+  save("bgr.bmp", random_image(24, vkimg::kOrderBgr, {}, 64, 37, 19));
+  save("deep.png", random_image(48, vkimg::kOrderRgb, {}, 65, 21, 9));
   save("gray.pgm", random_image(8, 0, gray_ramp(8), 62, 190, 41));
   save("pal.png", random_image(8, 0, random_palette(256, 9), 63, 77, 31));
   save("four.png", random_image(2, 0, random_palette(4, 77), 1));
@@ -779,6 +781,9 @@ TEST_F(CliProgram, StreamedReduceMatchesTheWholeBitmap) {
       {"rgb.ppm", {"--reduce", "2", "--palette", path("four.png"), "--dither", "burkes"}, "o.png"},
       {"gray.pgm", {"--reduce", "1", "--dither", "clustered"}, "o.pbm"},
       {"pal.png", {"--reduce", "1"}, "o.png"},
+      {"rgb.ppm", {"--gray", "8"}, "o.pgm"},
+      {"bgr.bmp", {"--gray", "8"}, "o.png"},
+      {"deep.png", {"--gray", "8"}, "o.pgm"},
   };
   for (const Case& c : cases) {
     std::vector<std::string> streamed{path(c.input)}, whole{path(c.input)};
@@ -790,7 +795,7 @@ TEST_F(CliProgram, StreamedReduceMatchesTheWholeBitmap) {
     ASSERT_EQ(0, a.status) << c.args[1] << ": " << a.err;
     ASSERT_EQ(0, b.status) << c.args[1] << ": " << b.err;
     EXPECT_EQ(vkimg::read_file(path(std::string("w-") + c.output)), vkimg::read_file(path(std::string("s-") + c.output)))
-        << c.input << " --reduce " << c.args[1];
+        << c.input << " " << c.args[0] << " " << c.args[1];
   }
   const Outcome r = run({path("rgb.ppm"), "--reduce", "1", path("c.pbm")}, "VKIMG_TEST_INTERRUPT_AT=converting:40");
   EXPECT_EQ(130, r.status) << r.err;

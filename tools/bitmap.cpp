@@ -410,13 +410,13 @@ Bitmap load_streaming(const std::string& path, int memory_type, RowStage& stage,
   progress_begin("loading " + file_label(path));
   auto dec = open_decoder(in, progress_step);
   const ImageInfo& info = dec->info();
-  if (dec->whole_image() || has_alpha(info)) {
+  Bitmap source = create_bitmap(info, TYPE_USER);
+  if (dec->whole_image() || has_alpha(info) || !stage.accepts(*source)) {
     Bitmap bm = read_page(*dec, memory_type);
     dec->finish();
     progress_end();
     return bm;
   }
-  Bitmap source = create_bitmap(info, TYPE_USER);
   const ImageInfo result = stage.begin(*source.get());
   struct Ending {
     RowStage& stage;
@@ -430,9 +430,11 @@ Bitmap load_streaming(const std::string& path, int memory_type, RowStage& stage,
   const size_t in_line = info.stride(), out_line = result.stride();
   const int32_t block = static_cast<int32_t>(
       std::min<size_t>(static_cast<size_t>(info.height), (kStreamBuffer / 2 + in_line - 1) / in_line));
-  RawBuffer in_rows, out_rows;
+  // Result rows start zeroed: a stage writes the pixels, and the bits and
+  // bytes after them stay zero as on a bitmap's rows.
+  RawBuffer in_rows;
   in_rows.resize(static_cast<size_t>(block) * in_line);
-  out_rows.resize(static_cast<size_t>(block) * out_line);
+  std::vector<uint8_t> out_rows(static_cast<size_t>(block) * out_line);
   for (int32_t k = 0; k < info.height; k += block) {
     const int32_t n = std::min(block, info.height - k);
     dec->read_rows(in_rows.data(), static_cast<ptrdiff_t>(in_line), n);

@@ -56,6 +56,9 @@ Bitmap load_bitmap(const std::string& path, int memory_type);
 class RowStage {
  public:
   virtual ~RowStage() = default;
+  // Whether rows of this record can go through the stage (else the picture
+  // is loaded whole and the step runs the usual way).
+  virtual bool accepts(const BitmapHandle&) const { return true; }
   // Told the record that describes the source rows (it has no pixels);
   // gives the result's layout.
   virtual ImageInfo begin(BitmapHandle& source) = 0;
@@ -70,8 +73,8 @@ class RowStage {
 // out_path a block at a time, so there is no picture-sized memory to get,
 // clear and copy.  An input whose rows do not come one by one (interlaced
 // PNG, alpha) is loaded whole instead and returned, the stage unused, for
-// the caller to go on the usual way; after a streamed run the result is an
-// empty Bitmap.  The output must be a format written from rows (not BMP).
+// the caller to go on the usual way, and so is one the stage does not
+// accept; after a streamed run the result is an empty Bitmap.  The output must be a format written from rows (not BMP).
 Bitmap load_streaming(const std::string& path, int memory_type, RowStage& stage, const std::string& out_path,
                       Format format, const EncodeOptions& options, std::vector<std::string>* notes);
 

@@ -650,9 +650,42 @@ class ReduceStage final : public RowStage {
   BitmapHandle* source_ = nullptr;
 };
 
+// Gray of 8 bits from 24-bit colour is the library's gray level of each
+// pixel, which row conversion to depth 0 gives.
+class GrayStage final : public RowStage {
+ public:
+  bool accepts(const BitmapHandle& source) const override {
+    return source.BitsPerPixel == 24 && (source.Order == ORDER_RGB || source.Order == ORDER_BGR);
+  }
+
+  ImageInfo begin(BitmapHandle& source) override {
+    width_ = source.Width;
+    order_ = source.Order;
+    ImageInfo out;
+    out.width = source.Width;
+    out.height = source.Height;
+    out.bits = 8;
+    out.order = kOrderRgb;
+    out.xdpi = source.XResolution;
+    out.ydpi = source.YResolution;
+    for (int i = 0; i < 256; ++i) out.palette.push_back(Colour{uint8_t(i), uint8_t(i), uint8_t(i), 0});
+    return out;
+  }
+
+  void run(uint8_t* source_row, uint8_t* result_row) override {
+    check_result(V_ConvertBufferExt(source_row, width_, 24, 0, order_, ORDER_GRAY, nullptr, nullptr, 0, 0, 0),
+                 "--gray 8");
+    std::memcpy(result_row, source_row, static_cast<size_t>(width_));
+  }
+
+ private:
+  int32_t width_ = 0, order_ = ORDER_RGB;
+};
+
 }  // namespace
 
 std::unique_ptr<RowStage> streaming_stage(const Step& step, const Settings& s) {
+  if (step.option == "--gray") return step.arg == "8" ? std::make_unique<GrayStage>() : nullptr;
   if (step.option != "--reduce") return nullptr;
   ReduceRequest req = parse_reduce(step.arg, s);
   if (req.bits > 8 || (req.flags != RESOLVE_FIXED && req.flags != RESOLVE_CUBE && req.flags != RESOLVE_USER_PALETTE))

@@ -102,8 +102,8 @@ ReduceRequest parse_reduce(const std::string& arg, const Settings& s);
 // The step as a RowStage when it can run while the file is read: --reduce
 // to a palette that does not depend on the picture (black and white, the
 // fixed palettes, the colour cube, gray levels, a palette file), with the
-// library's own dithering, row by row, exactly as on a whole bitmap.
-// Null for any other step.
+// library's own dithering, row by row, exactly as on a whole bitmap; and
+// --gray 8 of 24-bit colour.  Null for any other step.
 std::unique_ptr<RowStage> streaming_stage(const Step& step, const Settings& s);
 
 // Refuses memory types the library cannot give, with the reason.
