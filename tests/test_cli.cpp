@@ -757,7 +757,8 @@ TEST_F(CliProgram, ListKeepsInputsAndNumbersSameNames) {
 // name and renamed at the end: a cancelled run leaves no file, and an
 // existing one untouched.
 // A lone --reduce to a palette fixed in advance, or --gray 8, runs row by
-// row as the file is read; its output is byte for byte that of the
+// row as the file is read, and any other --reduce at the end hands its rows
+// straight to the output; either way the file is byte for byte that of the
 // whole-bitmap path (here forced by a pair of flips after it) for each kind
 // of palette, dithering and source.  Ctrl-C while it runs leaves no output.
 TEST_F(CliProgram, StreamedStepsMatchTheWholeBitmap) {
@@ -784,6 +785,10 @@ TEST_F(CliProgram, StreamedStepsMatchTheWholeBitmap) {
       {"rgb.ppm", {"--gray", "8"}, "o.pgm"},
       {"bgr.bmp", {"--gray", "8"}, "o.png"},
       {"deep.png", {"--gray", "8"}, "o.pgm"},
+      {"rgb.ppm", {"--reduce", "8"}, "o.png"},
+      {"rgb.ppm", {"--reduce", "4", "--palette", "optimised", "--dither", "none"}, "o.tif"},
+      {"deep.png", {"--mirror", "--reduce", "3"}, "o.ppm"},
+      {"rgb.ppm", {"--rotate", "90", "--reduce", "2"}, "o.png"},
   };
   for (const Case& c : cases) {
     std::vector<std::string> streamed{path(c.input)}, whole{path(c.input)};
@@ -802,12 +807,33 @@ TEST_F(CliProgram, StreamedStepsMatchTheWholeBitmap) {
   EXPECT_FALSE(fs::exists(path("c.pbm")));
 }
 
+// --resize sizes: pixels, a share of a side, one share for both, 0 for the
+// aspect ratio.
+TEST_F(CliProgram, ResizeTakesSidesAndShares) {
+  save("a.png", random_image(24, 1, {}, 71, 40, 20));
+  const struct {
+    const char* arg;
+    int w, h;
+  } cases[] = {{"50%", 20, 10}, {"0x10:average", 20, 10}, {"200%x50%:smooth", 80, 10}, {"7x3", 7, 3}};
+  for (const auto& c : cases) {
+    const Outcome r = run({path("a.png"), "--resize", c.arg, path("b.png")});
+    ASSERT_EQ(0, r.status) << c.arg << ": " << r.err;
+    const Image b = load("b.png");
+    EXPECT_EQ(c.w, b.width) << c.arg;
+    EXPECT_EQ(c.h, b.height) << c.arg;
+  }
+  EXPECT_EQ(2, run({path("a.png"), "--resize", "50", path("b.png")}).status);
+}
+
 TEST_F(CliProgram, CtrlCCancelsAndExitsWith130LeavingNoOutput) {
   // 3 MB: several blocks of rows for loading and saving.
   save("a.bmp", random_image(24, 1, {}, 8, 1000, 1000));
   for (const char* at : {"--reduce:50", "--convert:50", "loading:30", "saving:30"}) {
-    const std::string op = std::string(at).rfind("--", 0) == 0 ? std::string(at, std::strchr(at, ':')) : "--gray";
-    const Outcome r = run({path("a.bmp"), op, "8", path("b.png")}, std::string("VKIMG_TEST_INTERRUPT_AT=") + at);
+    // (--gray 16 keeps a whole bitmap to load and save; --gray 8 would stream.)
+    const bool named = std::string(at).rfind("--", 0) == 0;
+    const std::string op = named ? std::string(at, std::strchr(at, ':')) : "--gray";
+    const Outcome r = run({path("a.bmp"), op, named ? "8" : "16", path("b.png")},
+                          std::string("VKIMG_TEST_INTERRUPT_AT=") + at);
     EXPECT_EQ(130, r.status) << at << ": " << r.err;
     EXPECT_NE(std::string::npos, r.err.find("cancelled")) << r.err;
     EXPECT_FALSE(fs::exists(path("b.png"))) << at;

@@ -208,9 +208,9 @@ class AlphaOut {
   bool wide_;
 };
 
-// What the file gets: the bitmap's layout, or the nearest one the codecs have.
-ImageInfo saved_info(BitmapHandle& bm) {
-  if (!(bm.Flags & BITMAP_ALLOCATED)) throw LibraryError("the bitmap has no storage", RESULT_NO_BITMAP);
+// What the file gets: the record's layout, or the nearest one the codecs
+// have (the record need not have storage).
+ImageInfo rows_info(BitmapHandle& bm) {
   const int bits = bm.BitsPerPixel;
   ImageInfo img;
   img.width = bm.Width;
@@ -387,7 +387,8 @@ void write_page(Encoder& enc, BitmapHandle& bm, const ImageInfo& info) {
 }
 
 ImageInfo page_info(BitmapHandle& bm) {
-  ImageInfo info = saved_info(bm);
+  if (!(bm.Flags & BITMAP_ALLOCATED)) throw LibraryError("the bitmap has no storage", RESULT_NO_BITMAP);
+  ImageInfo info = rows_info(bm);
   info.alpha = alpha_used(bm, info);
   return info;
 }
@@ -447,6 +448,28 @@ Bitmap load_streaming(const std::string& path, int memory_type, RowStage& stage,
   out.commit();
   progress_end();
   return {};
+}
+
+FileSink::FileSink(const std::string& path, Format format, const EncodeOptions& options,
+                   std::vector<std::string>* notes)
+    : out_(std::make_unique<OutStream>(path)), format_(format), options_(options), notes_(notes) {}
+
+FileSink::~FileSink() = default;
+
+void FileSink::rows(BitmapHandle& record, const uint8_t* rows, int32_t count) {
+  if (!encoder_) {
+    info_ = rows_info(record);
+    encoder_ = open_encoder(*out_, format_, info_, notes_, options_);
+  }
+  encoder_->write_rows(rows, static_cast<ptrdiff_t>(info_.stride()), count);
+  done_ += count;
+  progress_step(done_, info_.height);
+}
+
+void FileSink::commit() {
+  if (!encoder_ || done_ != info_.height) throw IoError(out_->name() + ": the operation gave no complete picture");
+  encoder_->finish();
+  out_->commit();
 }
 
 std::vector<Bitmap> load_pages(const std::string& path, int memory_type) {

@@ -78,6 +78,29 @@ class RowStage {
 Bitmap load_streaming(const std::string& path, int memory_type, RowStage& stage, const std::string& out_path,
                       Format format, const EncodeOptions& options, std::vector<std::string>* notes);
 
+// A file written from the rows an operation hands over one by one (colour
+// resolution without a destination), top row first: the result is never
+// whole in memory.  The output must be a format written from rows (not
+// BMP); the file appears only at commit().
+class FileSink {
+ public:
+  FileSink(const std::string& path, Format format, const EncodeOptions& options, std::vector<std::string>* notes);
+  ~FileSink();
+  // count rows laid out as `record` describes them (it needs no storage);
+  // the first call opens the encoder with that layout.
+  void rows(BitmapHandle& record, const uint8_t* rows, int32_t count);
+  void commit();
+
+ private:
+  std::unique_ptr<OutStream> out_;
+  Format format_;
+  EncodeOptions options_;
+  std::vector<std::string>* notes_;
+  std::unique_ptr<Encoder> encoder_;
+  ImageInfo info_;
+  int32_t done_ = 0;
+};
+
 // Writes the bitmap's rows to a file ("-": standard output) the same way.
 // The file appears only when complete (see OutStream).  Depths the codecs
 // have no layout for (12-bit gray, order 5) are converted row by row.

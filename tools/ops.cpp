@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <ostream>
 #include <sstream>
 
@@ -485,9 +486,11 @@ void op_trim(Context& ctx, const std::string& arg) {
 void op_resize(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--resize");
   const size_t colon = arg.find(':');
-  const std::string dims = arg.substr(0, colon);
+  std::string dims = arg.substr(0, colon);
+  // One share alone scales both sides ("50%" is "50%x50%").
+  if (dims.find('x') == std::string::npos && !dims.empty() && dims.back() == '%') dims += "x" + dims;
   const size_t x = dims.find('x');
-  if (x == std::string::npos) throw UsageError("--resize takes WxH[:nearest|average|smooth|density]");
+  if (x == std::string::npos) throw UsageError("--resize takes WxH or N%[:nearest|average|smooth|density]");
   // Sides as seen: a transposed view stores the seen width as its height.
   const bool transposed = bm.ViewPerspective == 4 || bm.ViewPerspective == 5 || bm.ViewPerspective >= 7;
   const int32_t seen_w = transposed ? bm.Height : bm.Width, seen_h = transposed ? bm.Width : bm.Height;
@@ -684,6 +687,41 @@ class GrayStage final : public RowStage {
 
 }  // namespace
 
+namespace {
+
+struct SinkCall {
+  FileSink* sink;
+  std::exception_ptr error;
+};
+
+// Nothing may be thrown through the library: a failure is kept for later
+// and stops the operation.
+int32_t VK_CALL to_sink(BitmapHandle* destination, uint8_t* row, int32_t lines, intptr_t user) {
+  auto* call = reinterpret_cast<SinkCall*>(user);
+  try {
+    call->sink->rows(*destination, row, lines);
+    return RESULT_OK;
+  } catch (...) {
+    call->error = std::current_exception();
+    return RESULT_FAIL;
+  }
+}
+
+}  // namespace
+
+bool reduce_to_file(Context& ctx, const std::string& arg, FileSink& sink) {
+  BitmapHandle& bm = need_bitmap(ctx, "--reduce");
+  ReduceRequest req = parse_reduce(arg, ctx.settings);
+  if (req.bits > 8 || bm.ViewPerspective != 0) return false;
+  if (ctx.settings.dither >= 0) bm.DitheringMethod = ctx.settings.dither;
+  SinkCall call{&sink, nullptr};
+  const int32_t r = V_ColorResBitmap(&bm, nullptr, req.bits, req.flags, req.palette.empty() ? nullptr : req.palette.data(),
+                                     nullptr, req.colors, to_sink, reinterpret_cast<intptr_t>(&call));
+  if (call.error) std::rethrow_exception(call.error);
+  check_result(r, "--reduce " + arg);
+  return true;
+}
+
 std::unique_ptr<RowStage> streaming_stage(const Step& step, const Settings& s) {
   if (step.option == "--gray") return step.arg == "8" ? std::make_unique<GrayStage>() : nullptr;
   if (step.option != "--reduce") return nullptr;
@@ -728,7 +766,7 @@ const std::vector<OpInfo>& operations() {
       {"--crop", "X,Y,W,H", "keep the W x H rectangle at X,Y (black where it leaves the image)", op_crop},
       {"--trim", "X,Y,W,H", "keep the part of the rectangle at X,Y that lies inside the image", op_trim},
       {"--resize", "WxH[:METHOD]",
-       "resize to W x H (0 keeps the aspect ratio, N% of the side); METHOD nearest (default), average, smooth "
+       "resize to W x H (0 keeps the aspect ratio, N% of the side; N% alone: both); METHOD nearest (default), average, smooth "
        "or density (1-bit)",
        op_resize},
       {"--view-perspective", "N", "store the rows in orientation N (0-5, 7, 8); the picture stays the same",

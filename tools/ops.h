@@ -106,6 +106,12 @@ ReduceRequest parse_reduce(const std::string& arg, const Settings& s);
 // --gray 8 of 24-bit colour.  Null for any other step.
 std::unique_ptr<RowStage> streaming_stage(const Step& step, const Settings& s);
 
+// --reduce ARG as the pipeline's last step, its rows handed by colour
+// resolution straight to the output as they are made, with no destination
+// bitmap.  False (nothing done) when the request or the bitmap does not
+// allow it: more than 8 bits, or rows not stored top row first.
+bool reduce_to_file(Context& ctx, const std::string& arg, FileSink& sink);
+
 // Refuses memory types the library cannot give, with the reason.
 void check_memory_type(long type, const std::string& what);
 

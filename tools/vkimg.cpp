@@ -311,7 +311,25 @@ int run_pipeline(Command& cmd) {
     } else {
       ctx.bitmap = load_bitmap(input, cmd.settings.memory_type);
     }
-    for (const Step& s : cmd.steps) run_step(ctx, s);
+    // A --reduce at the end hands its rows straight to the output (to a
+    // palette of up to 8 bits): the reduced picture is never whole.
+    const bool last_reduce = !cmd.steps.empty() && cmd.steps.back().option == "--reduce" && !cmd.output.empty() &&
+                             output_format(cmd.settings, cmd.output) != Format::bmp;
+    for (size_t k = 0; k + (last_reduce ? 1 : 0) < cmd.steps.size(); ++k) run_step(ctx, cmd.steps[k]);
+    if (last_reduce) {
+      const Step& s = cmd.steps.back();
+      FileSink sink(cmd.output, output_format(cmd.settings, cmd.output), cmd.settings.encode, &notes);
+      progress_begin(s.text());
+      const bool done = reduce_to_file(ctx, s.arg, sink);
+      progress_end();
+      if (interrupted()) throw Cancelled(s.text() + " cancelled");
+      if (done) {
+        sink.commit();
+        print_notes(notes, cmd.quiet);
+        return kExitOk;
+      }
+      run_step(ctx, s);
+    }
   } catch (const LibraryError& e) {
     throw LibraryError(input + ": " + e.what(), e.code);
   } catch (const UsageError& e) {
