@@ -186,30 +186,6 @@ RefResult engine(const Image& img, int method, const RGBQUAD* pal, int colors, i
   return res;
 }
 
-TEST(Dither, HandComputedNumeratorsForARowOfTen) {
-  // One black entry (a prefix of the 2-entry fixed palette: index always 0),
-  // three pixels of 10.  FS: pending 0, 70/16 = 4, 98/16 = 6 (values 10, 14,
-  // 16); next line col0 = 5*10 + 3*14, col1 = 10 + 5*14 + 3*16, col2 = 14 +
-  // 5*16.  Stucki: 0, 80/42 = 1, 128/42 = 3.  Burkes: 0, 80/32 = 2, 136/32 = 4.
-  struct Case {
-    int method;
-    std::vector<int32_t> next, after;
-  } cases[] = {
-      {DITHER_FLOYD_STEINBERG, {92, 128, 94}, {0, 0, 0}},
-      {DITHER_STUCKI, {150, 180, 168}, {75, 90, 84}},
-      {DITHER_BURKES, {156, 192, 180}, {0, 0, 0}},
-  };
-  const RGBQUAD black = q(0, 0, 0);
-  for (const Case& c : cases) {
-    const RefResult r = engine({{{10, 10, 10}, {10, 10, 10}, {10, 10, 10}}}, c.method, &black, 1, 1);
-    for (int ch = 0; ch < 3; ++ch) {
-      const auto* p = &r.pending[0][size_t(ch * 3) * 3];
-      EXPECT_EQ(std::vector<int32_t>(p, p + 3), c.next) << c.method << " channel " << ch;
-      EXPECT_EQ(std::vector<int32_t>(p + 3, p + 6), c.after) << c.method << " channel " << ch;
-    }
-  }
-}
-
 TEST(Dither, DiffusionKernelsMatchWholeImageReference) {
   const RGBQUAD* fixed8 = V_IntGetFixedPalette(3);
   const RGBQUAD* black_white = V_IntGetFixedPalette(1);

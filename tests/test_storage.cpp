@@ -79,19 +79,15 @@ TEST_F(Storage, MemoryTypesAreNormalisedAndChecked) {
   const Case cases[] = {
       {8, 0, RESULT_BAD_PARAMETER, 0},
       {8, 3, RESULT_BAD_PARAMETER, 0},
-      {8, 5, RESULT_BAD_PARAMETER, 0},
-      {8, 16, RESULT_BAD_PARAMETER, 0},
       {8, 512, RESULT_BAD_PARAMETER, 0},       // the 512 bit drops: type 0
       {8, 513, RESULT_OK, BITMAP_IN_MEMORY},   // ... leaving plain memory
       {8, 1024, RESULT_BAD_PARAMETER, 0},      // the 1024 bit drops: type 0
       {24, 1024, RESULT_FAIL, 0},              // super-compressed is not available
       {24, 1025, RESULT_FAIL, 0},
-      {1, 1025, RESULT_FAIL, 0},
       {8, 1, RESULT_OK, BITMAP_IN_MEMORY},
       {8, 2, RESULT_OK, BITMAP_USER_DATA},
       {8, 4, RESULT_OK, BITMAP_IN_MEMORY},     // small: flat whatever was asked
       {8, 8, RESULT_OK, BITMAP_IN_MEMORY},
-      {8, 9, RESULT_OK, BITMAP_IN_MEMORY},
       {8, 128, RESULT_OK, BITMAP_ON_DISK},
       {8, 256, RESULT_OK, BITMAP_IN_MEMORY},
   };
