@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "image_io.h"
+#include "cli_helpers.h"
 
 namespace fs = std::filesystem;
 using vkimg::Colour;
@@ -33,22 +33,8 @@ namespace {
 
 // ---- picture helpers ----
 
-std::vector<Colour> random_palette(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::vector<Colour> pal(n);
-  for (auto& c : pal) c = Colour{uint8_t(rng()), uint8_t(rng()), uint8_t(rng()), 0};
-  return pal;
-}
-
-std::vector<Colour> gray_ramp(int bits) {
-  const int n = 1 << bits;
-  std::vector<Colour> pal(static_cast<size_t>(n));
-  for (int i = 0; i < n; ++i) {
-    const auto v = uint8_t(i * 255 / (n - 1));
-    pal[size_t(i)] = Colour{v, v, v, 0};
-  }
-  return pal;
-}
+using vkt::gray_colours;
+using vkt::random_colours;
 
 // A picture with every pixel byte random (padding zero); palette pictures
 // get indices below the palette size.  13 pixels wide: rows need padding
@@ -143,9 +129,9 @@ TEST(CliCodec, RoundTripKeepsEveryPixelOfEachDepth) {
   for (const RoundTrip& t : kCases) {
     std::vector<Colour> pal;
     if (t.bits <= 8) {
-      pal = t.palette == RoundTrip::gray         ? gray_ramp(t.bits)
+      pal = t.palette == RoundTrip::gray         ? gray_colours(t.bits)
             : t.palette == RoundTrip::black_white ? std::vector<Colour>{{255, 255, 255, 0}, {0, 0, 0, 0}}
-                                                  : random_palette(size_t(1) << t.bits, seed);
+                                                  : random_colours(size_t(1) << t.bits, seed);
     }
     Image img = random_image(t.bits, t.order, pal, seed++);
     img.xdpi = img.ydpi = 300;
@@ -191,7 +177,7 @@ TEST(CliCodec, NarrowingAndReorderingKeepTheColours) {
   EXPECT_EQ(deep.row(2)[5], b24.row(2)[2]) << "red high byte";
   // 3-, 5-, 6- and 7-bit palette pictures are repacked to a depth the format has.
   for (int bits : {3, 5, 6, 7}) {
-    Image odd = random_image(bits, 0, random_palette(size_t(1) << bits, bits), bits);
+    Image odd = random_image(bits, 0, random_colours(size_t(1) << bits, bits), bits);
     for (Format f : {Format::png, Format::bmp}) {
       const Image r = vkimg::decode(vkimg::encode(odd, f, "x"), f, "x");
       EXPECT_EQ(bits == 3 ? 4 : 8, r.bits);
@@ -222,7 +208,7 @@ TEST(CliCodec, PnmHeadersCommentsAndScaling) {
   EXPECT_EQ(0, bw.palette[1].r);
   // PGM refuses colour; PBM refuses more than one bit.
   EXPECT_THROW(vkimg::encode(random_image(24, 1, {}, 1), Format::pgm, "c.pgm"), IoError);
-  EXPECT_THROW(vkimg::encode(random_image(8, 0, gray_ramp(8), 1), Format::pbm, "c.pbm"), IoError);
+  EXPECT_THROW(vkimg::encode(random_image(8, 0, gray_colours(8), 1), Format::pbm, "c.pbm"), IoError);
 }
 
 TEST(CliCodec, BmpTopDownCoreHeaderAndShortPalette) {
@@ -261,37 +247,19 @@ TEST(CliCodec, TruncatedAndCorruptFilesFailCleanly) {
     Format format;
     Image img;
   } kFiles[] = {
-      {Format::png, random_image(8, 0, random_palette(256, 3), 3)},
+      {Format::png, random_image(8, 0, random_colours(256, 3), 3)},
       {Format::png, random_image(48, 1, {}, 4)},
       {Format::pgm, random_image(16, vkimg::kOrderGray, {}, 5)},
       {Format::ppm, random_image(24, 1, {}, 6)},
       {Format::pbm, random_image(1, 0, {{255, 255, 255, 0}, {0, 0, 0, 0}}, 7)},
-      {Format::bmp, random_image(4, 0, random_palette(16, 8), 8)},
+      {Format::bmp, random_image(4, 0, random_colours(16, 8), 8)},
       {Format::bmp, random_image(32, 1, {}, 9)},
   };
   std::mt19937 rng(42);
   for (const auto& f : kFiles) {
     const auto bytes = vkimg::encode(f.img, f.format, "ok");
-    for (size_t len : {size_t(0), size_t(1), size_t(2), size_t(9), bytes.size() / 2, bytes.size() - 1}) {
-      const std::vector<uint8_t> cut(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(len));
-      try {
-        vkimg::decode(cut, f.format, "cut.file");
-        ADD_FAILURE() << format_name(f.format) << " truncated to " << len << " bytes decoded";
-      } catch (const IoError& e) {
-        EXPECT_EQ(0u, std::string(e.what()).rfind("cut.file: ", 0)) << e.what();
-      }
-    }
-    for (int k = 0; k < 300; ++k) {
-      std::vector<uint8_t> bad = bytes;
-      // Mostly the headers, sometimes anywhere (pixel data, chunk CRCs).
-      const size_t at = rng() % (k % 4 == 0 ? bad.size() : std::min<size_t>(bad.size(), 80));
-      bad[at] = uint8_t(rng());
-      try {
-        vkimg::decode(bad, f.format, "bad.file");
-      } catch (const IoError& e) {
-        EXPECT_EQ(0u, std::string(e.what()).rfind("bad.file: ", 0)) << e.what();
-      }
-    }
+    vkt::expect_damage_fails_cleanly(bytes, f.format, {0, 1, 2, 9, bytes.size() / 2, bytes.size() - 1}, 300, 4, 80,
+                                     rng);
   }
 }
 
@@ -361,30 +329,16 @@ TEST(CliCodec, FormatFollowsTheExtension) {
 
 // ---- the program end to end ----
 
-std::string program() {
-  if (const char* p = std::getenv("VKIMG")) return p;
-  return VKIMG_PATH;
-}
+using vkt::program;
+using vkt::slurp;
 
 struct Outcome {
   int status = -1;
   std::string out, err;
 };
 
-class CliProgram : public ::testing::Test {
+class CliProgram : public vkt::CliDir {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(fs::exists(program())) << program() << " not built";
-    static int counter = 0;
-    dir_ = fs::temp_directory_path() / ("vkimg_test_" + std::to_string(getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(dir_);
-  }
-  void TearDown() override {
-    if (!dir_.empty()) fs::remove_all(dir_);
-  }
-
-  std::string path(const std::string& name) const { return (dir_ / name).string(); }
-
   static std::string quote(const std::string& s) {
     std::string q = "'";
     for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -405,17 +359,8 @@ class CliProgram : public ::testing::Test {
     return r;
   }
 
-  static std::string slurp(const std::string& p) {
-    std::ifstream in(p);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-
   void save(const std::string& name, const Image& img) const { vkimg::write_image(path(name), img); }
   Image load(const std::string& name) const { return vkimg::read_image(path(name)); }
-
-  fs::path dir_;
 };
 
 // Every operation is listed, and every option row's help text starts in one
@@ -537,8 +482,8 @@ TEST_F(CliProgram, RoundTripsThroughTheLibraryKeepEveryPixel) {
     std::vector<Colour> pal;
     if (c.bits <= 8) {
       pal = std::string(c.in).ends_with(".pbm") ? std::vector<Colour>{{255, 255, 255, 0}, {0, 0, 0, 0}}
-            : std::string(c.in).ends_with(".pgm") ? gray_ramp(8)
-                                                  : random_palette(size_t(1) << c.bits, seed);
+            : std::string(c.in).ends_with(".pgm") ? gray_colours(8)
+                                                  : random_colours(size_t(1) << c.bits, seed);
     }
     const Image img = random_image(c.bits, c.order, pal, seed++, 21, 9);
     save(c.in, img);
@@ -602,7 +547,7 @@ TEST_F(CliProgram, AlphaChannelInAndOut) {
   save("a.png", random_image(24, 1, {}, 7, 5, 3));
   Image gray;
   gray.allocate(3, 2, 8, vkimg::kOrderRgb);
-  gray.palette = gray_ramp(8);
+  gray.palette = gray_colours(8);
   for (int i = 0; i < 6; ++i) gray.row(i / 3)[i % 3] = uint8_t(40 * i + 1);
   save("alpha.png", gray);
   Outcome r = run({path("a.png"), "--alpha-in", path("alpha.png"), "--alpha-out", path("out.png"), path("b.png")});
@@ -641,11 +586,11 @@ TEST_F(CliProgram, ReduceWithEachPaletteChoice) {
   ASSERT_EQ(0, r.status) << r.err;
   EXPECT_EQ(4, load("c.bmp").bits);
   // A palette taken from a file is used as given.
-  save("pal.png", random_image(2, 0, random_palette(4, 77), 1));
+  save("pal.png", random_image(2, 0, random_colours(4, 77), 1));
   r = run({path("a.png"), "--reduce", "2", "--palette", path("pal.png"), path("d.png")});
   ASSERT_EQ(0, r.status) << r.err;
   const Image d = load("d.png");
-  const auto want = random_palette(4, 77);
+  const auto want = random_colours(4, 77);
   for (size_t i = 0; i < 4 && i < d.palette.size(); ++i) EXPECT_EQ(want[i].r, d.palette[i].r);
   EXPECT_EQ(2, run({path("a.png"), "--reduce", "4", "--palette", "cube", path("e.png")}).status);
 }
@@ -765,9 +710,9 @@ TEST_F(CliProgram, StreamedStepsMatchTheWholeBitmap) {
   save("rgb.ppm", random_image(24, vkimg::kOrderRgb, {}, 61, 203, 57));
   save("bgr.bmp", random_image(24, vkimg::kOrderBgr, {}, 64, 37, 19));
   save("deep.png", random_image(48, vkimg::kOrderRgb, {}, 65, 21, 9));
-  save("gray.pgm", random_image(8, 0, gray_ramp(8), 62, 190, 41));
-  save("pal.png", random_image(8, 0, random_palette(256, 9), 63, 77, 31));
-  save("four.png", random_image(2, 0, random_palette(4, 77), 1));
+  save("gray.pgm", random_image(8, 0, gray_colours(8), 62, 190, 41));
+  save("pal.png", random_image(8, 0, random_colours(256, 9), 63, 77, 31));
+  save("four.png", random_image(2, 0, random_colours(4, 77), 1));
   struct Case {
     const char* input;
     std::vector<std::string> args;

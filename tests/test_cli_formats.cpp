@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "image_io.h"
+#include "cli_helpers.h"
 #include "streams.h"
 #include "vkkrn_platform.h"
 
@@ -31,10 +31,8 @@ using vkimg::TiffCompression;
 
 namespace {
 
-std::string program() {
-  if (const char* p = std::getenv("VKIMG")) return p;
-  return VKIMG_PATH;
-}
+using vkt::program;
+using vkt::slurp;
 
 // Smooth colours with a little noise: what JPEG is for, and what makes its
 // coder do real work.
@@ -57,22 +55,6 @@ Image palette_image(int bits, std::vector<Colour> pal, int w, int h, uint32_t se
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x) img.set_index(x, y, rng() % img.palette.size());
   return img;
-}
-
-std::vector<Colour> ramp(int bits, bool inverted = false) {
-  std::vector<Colour> p(size_t(1) << bits);
-  for (size_t i = 0; i < p.size(); ++i) {
-    const auto v = uint8_t(i * 255 / (p.size() - 1));
-    p[inverted ? p.size() - 1 - i : i] = Colour{v, v, v, 0};
-  }
-  return p;
-}
-
-std::vector<Colour> colours(size_t n, uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::vector<Colour> p(n);
-  for (auto& c : p) c = Colour{uint8_t(rng()), uint8_t(rng()), uint8_t(rng()), 0};
-  return p;
 }
 
 // The colour of every pixel, whatever the layout (red, green, blue, alpha; 16 bits each).
@@ -99,15 +81,8 @@ std::vector<uint16_t> colours_of(const Image& img) {
   return out;
 }
 
-class CliFormats : public ::testing::Test {
+class CliFormats : public vkt::CliDir {
  protected:
-  void SetUp() override {
-    static int counter = 0;
-    dir_ = fs::temp_directory_path() / ("vkimg_fmt_" + std::to_string(getpid()) + "_" + std::to_string(counter++));
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-  std::string path(const std::string& n) const { return (dir_ / n).string(); }
   // Runs a shell command line; returns its exit status.
   static int sh(const std::string& cmd) {
     const int s = std::system(cmd.c_str());
@@ -115,13 +90,6 @@ class CliFormats : public ::testing::Test {
   }
   std::string vk() const { return "'" + program() + "'"; }
   static bool have(const char* tool) { return sh(std::string("command -v ") + tool + " >/dev/null 2>&1") == 0; }
-  static std::string slurp(const std::string& p) {
-    std::ifstream in(p);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-  fs::path dir_;
 };
 
 // Our encoder at quality Q writes what cjpeg -quality Q writes (after the
@@ -130,7 +98,7 @@ class CliFormats : public ::testing::Test {
 TEST_F(CliFormats, JpegMatchesLibjpegTurboTools) {
   if (!have("cjpeg") || !have("djpeg")) GTEST_SKIP() << "libjpeg-turbo-progs not installed";
   vkimg::write_image(path("a.ppm"), photo(77, 45, 24, vkimg::kOrderRgb, 1));
-  vkimg::write_image(path("g.pgm"), palette_image(8, ramp(8), 50, 31, 2));
+  vkimg::write_image(path("g.pgm"), palette_image(8, vkt::gray_colours(8), 50, 31, 2));
   for (const char* q : {"30", "75", "95"}) {
     for (const char* in : {"a.ppm", "g.pgm"}) {
       const std::string what = std::string(in) + " at quality " + q;
@@ -195,10 +163,10 @@ TEST_F(CliFormats, TiffRoundTripsEachCompressionAndDepth) {
   std::vector<TiffCase> cases;
   cases.push_back({palette_image(1, {{255, 255, 255, 0}, {0, 0, 0, 0}}, 45, 13, 1), "1-bit white-is-zero"});
   cases.push_back({palette_image(1, {{0, 0, 0, 0}, {255, 255, 255, 0}}, 45, 13, 2), "1-bit black-is-zero"});
-  cases.push_back({palette_image(2, colours(4, 3), 23, 9, 3), "2-bit palette"});
-  cases.push_back({palette_image(4, colours(16, 4), 23, 9, 4), "4-bit palette"});
-  cases.push_back({palette_image(8, ramp(8), 23, 9, 5), "8-bit gray"});
-  cases.push_back({palette_image(8, colours(256, 6), 23, 9, 6), "8-bit palette"});
+  cases.push_back({palette_image(2, vkt::random_colours(4, 3), 23, 9, 3), "2-bit palette"});
+  cases.push_back({palette_image(4, vkt::random_colours(16, 4), 23, 9, 4), "4-bit palette"});
+  cases.push_back({palette_image(8, vkt::gray_colours(8), 23, 9, 5), "8-bit gray"});
+  cases.push_back({palette_image(8, vkt::random_colours(256, 6), 23, 9, 6), "8-bit palette"});
   Image g16 = photo(23, 9, 16, vkimg::kOrderGray, 7);
   cases.push_back({g16, "16-bit gray"});
   cases.push_back({photo(23, 9, 24, vkimg::kOrderBgr, 8), "24-bit"});
@@ -257,9 +225,9 @@ TEST_F(CliFormats, BmpDepthsAndAlphaRoundTripThroughTheProgram) {
     Image img;
     const char* args = "";
   } kCases[] = {
-      {"1.bmp", "1b.bmp", palette_image(1, colours(2, 1), 33, 7, 1)},
-      {"4.bmp", "4b.bmp", palette_image(4, colours(16, 2), 31, 7, 2)},
-      {"8.bmp", "8b.bmp", palette_image(8, colours(256, 3), 13, 7, 3)},
+      {"1.bmp", "1b.bmp", palette_image(1, vkt::random_colours(2, 1), 33, 7, 1)},
+      {"4.bmp", "4b.bmp", palette_image(4, vkt::random_colours(16, 2), 31, 7, 2)},
+      {"8.bmp", "8b.bmp", palette_image(8, vkt::random_colours(256, 3), 13, 7, 3)},
       {"16.bmp", "16b.bmp", photo(13, 7, 16, vkimg::kOrderBgr, 4)},
       {"24.bmp", "24b.bmp", photo(13, 7, 24, vkimg::kOrderBgr, 5)},
       {"32.bmp", "32b.bmp", photo(13, 7, 32, vkimg::kOrderBgr, 6)},
@@ -412,25 +380,9 @@ TEST_F(CliFormats, CorruptJpegAndTiffFailNamingTheFile) {
   const std::vector<uint8_t> files[] = {vkimg::encode(a, Format::jpeg, "x"), vkimg::encode(a, Format::tiff, "x"),
                                         vkimg::encode(a, Format::tiff, "x", nullptr, packbits)};
   std::mt19937 rng(7);
-  for (const auto& bytes : files) {
-    for (size_t len : {size_t(3), size_t(4), size_t(10), bytes.size() / 3, bytes.size() / 2, bytes.size() - 2}) {
-      try {
-        vkimg::decode(std::vector<uint8_t>(bytes.begin(), bytes.begin() + ptrdiff_t(len)), Format::png, "cut.file");
-        ADD_FAILURE() << "truncated to " << len << " of " << bytes.size() << " bytes decoded";
-      } catch (const IoError& e) {
-        EXPECT_EQ(0u, std::string(e.what()).rfind("cut.file: ", 0)) << e.what();
-      }
-    }
-    for (int k = 0; k < 200; ++k) {
-      std::vector<uint8_t> bad = bytes;
-      bad[rng() % (k % 2 ? bad.size() : std::min<size_t>(bad.size(), 200))] = uint8_t(rng());
-      try {
-        vkimg::decode(bad, Format::png, "bad.file");
-      } catch (const IoError& e) {
-        EXPECT_EQ(0u, std::string(e.what()).rfind("bad.file: ", 0)) << e.what();
-      }
-    }
-  }
+  for (const auto& bytes : files)
+    vkt::expect_damage_fails_cleanly(bytes, Format::png, {3, 4, 10, bytes.size() / 3, bytes.size() / 2, bytes.size() - 2},
+                                     200, 2, 200, rng);
 }
 
 }  // namespace
