@@ -61,23 +61,21 @@ TEST_F(Gray, PaletteClassification) {
 
 TEST_F(Gray, BitmapClassification) {
   EXPECT_EQ(V_IsGrayScaleBitmap(nullptr), RESULT_BAD_PARAMETER);
-  BitmapHandle b;
-  ASSERT_EQ(V_CreateBitmap(&b, 1, 4, 4, 24, 1, nullptr, 2, nullptr, 0), RESULT_OK);
-  vkt::fill_random(&b, 1);
-  EXPECT_EQ(V_IsGrayScaleBitmap(&b), 0);
-  V_FreeBitmap(&b);
-
-  ASSERT_EQ(V_CreateBitmap(&b, 1, 4, 4, 0, 0, nullptr, 2, nullptr, 0), RESULT_OK);
-  EXPECT_EQ(V_IsGrayScaleBitmap(&b), 1);
-  V_FreeBitmap(&b);
-  ASSERT_EQ(V_CreateBitmap(&b, 1, 4, 4, 8, 0, nullptr, 2, nullptr, 0), RESULT_OK);
-  EXPECT_EQ(V_IsGrayScaleBitmap(&b), 0);  // the fixed colour palette
-  V_FreeBitmap(&b);
   std::vector<RGBQUAD> down;
   for (int i = 15; i >= 0; --i) down.push_back(quad(17 * i, 17 * i, 17 * i));
-  ASSERT_EQ(V_CreateBitmap(&b, 1, 4, 4, 4, 0, down.data(), 2, nullptr, 0), RESULT_OK);
-  EXPECT_EQ(V_IsGrayScaleBitmap(&b), 2);
-  V_FreeBitmap(&b);
+  // Random colour pixels, gray levels, the fixed colour palette, a falling gray ramp.
+  const struct {
+    int32_t bits;
+    const RGBQUAD* pal;
+    int32_t want;
+  } cases[] = {{24, nullptr, 0}, {0, nullptr, 1}, {8, nullptr, 0}, {4, down.data(), 2}};
+  BitmapHandle b;
+  for (const auto& c : cases) {
+    ASSERT_EQ(V_CreateBitmap(&b, 1, 4, 4, c.bits, c.bits == 24, c.pal, 2, nullptr, 0), RESULT_OK);
+    vkt::fill_random(&b, 1);
+    EXPECT_EQ(V_IsGrayScaleBitmap(&b), c.want) << c.bits;
+    V_FreeBitmap(&b);
+  }
 
   // Gray order: gray unless a lookup table in force holds a colour.
   ASSERT_EQ(V_CreateBitmap(&b, 1, 4, 4, 12, 2, nullptr, 2, nullptr, 0), RESULT_OK);
@@ -238,16 +236,6 @@ TEST_F(Gray, NarrowBitRangeIsRescaled) {
 
 // ---- all or nothing ---------------------------------------------------------------------
 
-struct StopAt {
-  int calls = 0;
-  int stop_at = 0;  // 1-based call that answers 0
-};
-
-int32_t VK_CALL stop_callback(int32_t, intptr_t data) {
-  auto* s = reinterpret_cast<StopAt*>(data);
-  return ++s->calls == s->stop_at ? 0 : RESULT_OK;
-}
-
 void make_source(BitmapHandle* b, int32_t memory_type) {
   const std::vector<RGBQUAD> pal = vkt::random_palette(16, 77);
   ASSERT_EQ(V_CreateBitmap(b, memory_type, 19, 12, 4, 0, pal.data(), 2, nullptr, 0), RESULT_OK);
@@ -261,11 +249,11 @@ TEST_F(Gray, StoppedByCallbackLeavesBitmapIntact) {
     const BitmapHandle before = b;
     const std::vector<uint8_t> px = vkt::read_pixels(&b);
     const long live = vk::fault::live_total();
-    StopAt s;
-    s.stop_at = stop;
-    V_SetStatusCallBack(stop_callback, reinterpret_cast<intptr_t>(&s));
-    const int32_t r = V_GrayScaleBitmap(&b, 16);
-    V_SetStatusCallBack(nullptr, 0);
+    int32_t r;
+    {
+      const vkt::CancelAt cancel(stop);
+      r = V_GrayScaleBitmap(&b, 16);
+    }
     if (r == RESULT_OK) {
       EXPECT_GT(stop, 2);  // at least 0 and 100 were reported
       V_FreeBitmap(&b);

@@ -198,10 +198,7 @@ int32_t VK_CALL shear_hook(BitmapHandle* b, int32_t copied) {
 // On success the region is copied onto the result and entry 12 is told; a
 // refusing copy hook leaves the bitmap as it was.
 TEST_F(ShearTest, RegionHooksAfterTheRows) {
-  VK_DISPATCHPROC table[VK_DISPATCH_ENTRIES] = {};
-  table[1] = reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(copy_hook));
-  table[11] = reinterpret_cast<VK_DISPATCHPROC>(reinterpret_cast<void (*)()>(shear_hook));
-  ASSERT_EQ(V_SetDisDispatch(table), RESULT_OK);
+  const Hooks hooks{{1, hook(copy_hook)}, {11, hook(shear_hook)}};
   BitmapHandle b = make(Store::memory, 9, 5, 8);
   g_hooks.clear();
   EXPECT_EQ(V_ShearBitmap(&b, 1000, 0, 0), RESULT_OK);
@@ -213,8 +210,6 @@ TEST_F(ShearTest, RegionHooksAfterTheRows) {
   EXPECT_EQ(V_ShearBitmap(&b, 1000, 1, 0), -7);
   EXPECT_TRUE(snap.unchanged());
   g_copy_result = RESULT_OK;
-  VK_DISPATCHPROC none[VK_DISPATCH_ENTRIES] = {};
-  V_SetDisDispatch(none);
   V_FreeBitmap(&b);
 }
 
@@ -245,24 +240,15 @@ TEST_F(ShearTest, AFailedAllocationLeavesRecordAndPixelsAsTheyWere) {
 }
 
 TEST_F(ShearTest, ACancellingCallbackLeavesRecordAndPixelsAsTheyWere) {
-  struct Stop {
-    int calls, at;
-  };
-  auto stop = [](int32_t, intptr_t data) -> int32_t {
-    Stop* s = reinterpret_cast<Stop*>(data);
-    return ++s->calls == s->at ? 0 : RESULT_OK;
-  };
   for (const Op& op : kOps)
     for (Store s : {Store::memory, Store::tiles, Store::compressed})
       for (int at : {1, 2, 30, 42}) {
         SCOPED_TRACE(std::string(op.name) + " " + name(s) + " stop at call " + std::to_string(at));
         BitmapHandle b = make(s, 33, 40, s == Store::compressed ? 1 : 8);
         const Snapshot snap(&b);
-        Stop st{0, at};
-        V_SetStatusCallBack(stop, reinterpret_cast<intptr_t>(&st));
+        const CancelAt cancel(at);
         const int32_t r = V_ShearBitmap(&b, op.angle, op.horizontal, 0);
-        V_SetStatusCallBack(nullptr, 0);
-        if (st.calls < at) {
+        if (cancel.calls < at) {
           EXPECT_EQ(r, RESULT_OK);  // fewer reports than that
         } else {
           EXPECT_EQ(r, 0);
