@@ -146,6 +146,20 @@ class CancelAt {
   int at_;
 };
 
+// Records the percentages a status callback receives; refuses at one of them.
+// Installed for its lifetime.
+struct StatusRecorder {
+  std::vector<int32_t> seen;
+  int32_t refuse_at = -1;
+  StatusRecorder() { V_SetStatusCallBack(&hook, reinterpret_cast<intptr_t>(this)); }
+  ~StatusRecorder() { V_SetStatusCallBack(nullptr, 0); }
+  static int32_t VK_CALL hook(int32_t percent, intptr_t data) {
+    auto* s = reinterpret_cast<StatusRecorder*>(data);
+    s->seen.push_back(percent);
+    return percent == s->refuse_at ? 77 : RESULT_OK;
+  }
+};
+
 // Names the exports a sweep covers; the coverage check reads these marks
 // from the test sources.
 #define VKT_SWEEPS(...) static_assert(true, "")

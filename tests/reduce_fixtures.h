@@ -88,18 +88,4 @@ class Bitmap {
   bool owned_ = true;
 };
 
-// Records the percentages a status callback receives; refuses at one of them.
-// Installed for its lifetime.
-struct StatusRecorder {
-  std::vector<int32_t> seen;
-  int32_t refuse_at = -1;
-  StatusRecorder() { V_SetStatusCallBack(&hook, reinterpret_cast<intptr_t>(this)); }
-  ~StatusRecorder() { V_SetStatusCallBack(nullptr, 0); }
-  static int32_t VK_CALL hook(int32_t percent, intptr_t data) {
-    auto* s = reinterpret_cast<StatusRecorder*>(data);
-    s->seen.push_back(percent);
-    return percent == s->refuse_at ? 77 : RESULT_OK;
-  }
-};
-
 }  // namespace vkt

@@ -106,26 +106,17 @@ TEST_F(Gray, ArgumentChecks) {
   V_FreeBitmap(&b);
 }
 
-int32_t VK_CALL count_calls(int32_t percent, intptr_t data) {
-  auto* seen = reinterpret_cast<std::vector<int32_t>*>(data);
-  seen->push_back(percent);
-  return RESULT_OK;
-}
-
 TEST_F(Gray, AlreadyGrayIsLeftAlone) {
   BitmapHandle b;
   ASSERT_EQ(V_CreateBitmap(&b, 1, 6, 3, 12, 2, nullptr, 3, nullptr, 0), RESULT_OK);
   vkt::fill_random(&b, 4);
   const BitmapHandle before = b;
   const std::vector<uint8_t> px = vkt::read_pixels(&b);
-  std::vector<int32_t> seen;
-  V_SetStatusCallBack(count_calls, reinterpret_cast<intptr_t>(&seen));
-  const int32_t r = V_GrayScaleBitmap(&b, 12);
-  V_SetStatusCallBack(nullptr, 0);
-  EXPECT_EQ(r, RESULT_OK);
+  vkt::StatusRecorder progress;
+  EXPECT_EQ(V_GrayScaleBitmap(&b, 12), RESULT_OK);
   EXPECT_TRUE(vkt::same_record(before, b));
   EXPECT_EQ(vkt::read_pixels(&b), px);
-  EXPECT_EQ(seen, (std::vector<int32_t>{0, 100}));
+  EXPECT_EQ(progress.seen, (std::vector<int32_t>{0, 100}));
   V_FreeBitmap(&b);
 }
 

@@ -351,27 +351,22 @@ TEST_F(OrientTest, RegionHooksHearOfTurnsAndRectangleCopies) {
   V_FreeBitmap(&b);
 }
 
-int32_t VK_CALL record_progress(int32_t percent, intptr_t data) {
-  reinterpret_cast<std::vector<int32_t>*>(data)->push_back(percent);
-  return RESULT_OK;
-}
-
 TEST_F(OrientTest, ExactTurnsOfTheGeneralTurn) {
   BitmapHandle b = make(Store::memory, 100, 50, 8);
   const Pixels p = pixels_of(&b);
-  std::vector<int32_t> seen;
-  V_SetStatusCallBack(record_progress, reinterpret_cast<intptr_t>(&seen));
-  for (int32_t angle : {0, 36000, -36000}) {
-    seen.clear();
-    ASSERT_EQ(V_IntRotateBitmap(&b, angle, ROTATE_RESIZE, 0, 10, 40), RESULT_OK);
-    EXPECT_EQ(seen, (std::vector<int32_t>{10, 40}));
-    EXPECT_EQ(pixels_of(&b), p);
+  {
+    StatusRecorder progress;
+    for (int32_t angle : {0, 36000, -36000}) {
+      progress.seen.clear();
+      ASSERT_EQ(V_IntRotateBitmap(&b, angle, ROTATE_RESIZE, 0, 10, 40), RESULT_OK);
+      EXPECT_EQ(progress.seen, (std::vector<int32_t>{10, 40}));
+      EXPECT_EQ(pixels_of(&b), p);
+    }
+    progress.seen.clear();
+    ASSERT_EQ(V_RotateBitmap(&b, 9000, ROTATE_RESIZE, 0), RESULT_OK);
+    EXPECT_EQ(progress.seen.front(), 0);
+    EXPECT_EQ(progress.seen.back(), 100);
   }
-  seen.clear();
-  ASSERT_EQ(V_RotateBitmap(&b, 9000, ROTATE_RESIZE, 0), RESULT_OK);
-  EXPECT_EQ(seen.front(), 0);
-  EXPECT_EQ(seen.back(), 100);
-  V_SetStatusCallBack(nullptr, 0);
   EXPECT_EQ(pixels_of(&b), quarter(p, 1));  // +9000 is direction 1
   ASSERT_EQ(V_RotateBitmap(&b, 27000, ROTATE_RESIZE, 0), RESULT_OK);
   EXPECT_EQ(pixels_of(&b), p);

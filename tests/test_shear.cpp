@@ -158,11 +158,6 @@ TEST_F(ShearTest, CompressedRowsShearLikePackedOnes) {
     }
 }
 
-int32_t VK_CALL record_progress(int32_t percent, intptr_t data) {
-  reinterpret_cast<std::vector<int32_t>*>(data)->push_back(percent);
-  return RESULT_OK;
-}
-
 // The quarter turn reports 0 to 20, the folded mirror 5, the rows the rest.
 TEST_F(ShearTest, ProgressIsSplitBetweenThePreparations) {
   struct Case {
@@ -172,9 +167,11 @@ TEST_F(ShearTest, ProgressIsSplitBetweenThePreparations) {
   for (const Case& c : cases) {
     BitmapHandle b = make(Store::memory, 40, 30, 8);
     std::vector<int32_t> seen;
-    V_SetStatusCallBack(record_progress, reinterpret_cast<intptr_t>(&seen));
-    ASSERT_EQ(V_ShearBitmap(&b, c.angle, c.horizontal, 0), RESULT_OK);
-    V_SetStatusCallBack(nullptr, 0);
+    {
+      StatusRecorder progress;
+      ASSERT_EQ(V_ShearBitmap(&b, c.angle, c.horizontal, 0), RESULT_OK);
+      seen = progress.seen;
+    }
     EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
     EXPECT_EQ(seen.front(), c.marks.front());
     EXPECT_EQ(seen.back(), 100);
