@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "color_helpers.h"
 #include "core.h"
 #include "reduce_fixtures.h"
 #include "fault_sweep.h"
@@ -13,7 +14,7 @@ VKT_SWEEPS(V_GetBitmapColorCountExt);
 
 namespace {
 
-RGBQUAD q(uint8_t r, uint8_t g, uint8_t b) { return RGBQUAD{b, g, r, 0}; }
+using vkt::quad;
 bool same(const RGBQUAD& a, const RGBQUAD& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 TEST(ColorCount, DuplicatePaletteEntriesFold) {
@@ -22,22 +23,22 @@ TEST(ColorCount, DuplicatePaletteEntriesFold) {
   vkt::Bitmap b(16, 2, 4);
   EXPECT_EQ(V_GetBitmapColorCountExt(b.get(), nullptr, nullptr), RESULT_BAD_PARAMETER);
   std::vector<RGBQUAD> pal;
-  for (int i = 0; i < 16; ++i) pal.push_back(q(uint8_t(i * 16), 1, 2));
+  for (int i = 0; i < 16; ++i) pal.push_back(quad(uint8_t(i * 16), 1, 2));
   pal[9] = pal[3];
   pal[9].rgbReserved = 5;  // the reserved byte does not make it different
   b.set_palette(pal);
   b.fill_index([](int x, int) { return uint32_t(15 - x); });  // every index used
   ASSERT_EQ(V_GetBitmapColorCountExt(b.get(), &n, nullptr), RESULT_OK);
   EXPECT_EQ(n, 15u);
-  std::vector<RGBQUAD> out(256, q(9, 9, 9));
+  std::vector<RGBQUAD> out(256, quad(9, 9, 9));
   n = 256;
   ASSERT_EQ(V_GetBitmapColorCountExt(b.get(), &n, out.data()), RESULT_OK);
   EXPECT_EQ(n, 15u);
   // First appearance: indices 15..10, then 9 (folded onto entry 3), ...
   EXPECT_TRUE(same(out[0], pal[15]));
-  EXPECT_TRUE(same(out[6], q(48, 1, 2)));  // entry 3's colour, reserved byte 0
+  EXPECT_TRUE(same(out[6], quad(48, 1, 2)));  // entry 3's colour, reserved byte 0
   EXPECT_TRUE(same(out[14], pal[0]));
-  EXPECT_TRUE(same(out[15], q(9, 9, 9)));
+  EXPECT_TRUE(same(out[15], quad(9, 9, 9)));
 }
 
 TEST(ColorCount, CapacityPlusOneMeansMore) {
@@ -46,12 +47,12 @@ TEST(ColorCount, CapacityPlusOneMeansMore) {
   uint32_t n = 0;
   ASSERT_EQ(V_GetBitmapColorCountExt(b.get(), &n, nullptr), RESULT_OK);
   EXPECT_EQ(n, 300u);
-  std::vector<RGBQUAD> out(300, q(1, 2, 3));
+  std::vector<RGBQUAD> out(300, quad(1, 2, 3));
   n = 256;
   ASSERT_EQ(V_GetBitmapColorCountExt(b.get(), &n, out.data()), RESULT_OK);
   EXPECT_EQ(n, 257u);
-  EXPECT_TRUE(same(out[255], q(15, 12, 9)));  // pixel 255 = (x 15, y 12)
-  EXPECT_TRUE(same(out[256], q(1, 2, 3)));    // only 256 written
+  EXPECT_TRUE(same(out[255], quad(15, 12, 9)));  // pixel 255 = (x 15, y 12)
+  EXPECT_TRUE(same(out[256], quad(1, 2, 3)));    // only 256 written
 }
 
 TEST(ColorCount, ChannelOrderOfEachSourceKind) {
@@ -61,13 +62,13 @@ TEST(ColorCount, ChannelOrderOfEachSourceKind) {
     RGBQUAD expect;
   };
   const Case cases[] = {
-      {24, ORDER_BGR, {10, 20, 30}, q(30, 20, 10)},
-      {24, ORDER_RGB, {10, 20, 30}, q(10, 20, 30)},
-      {32, ORDER_BGR, {10, 20, 30, 99}, q(30, 20, 10)},
-      {48, ORDER_BGR, {1, 10, 2, 20, 3, 30}, q(30, 20, 10)},        // high bytes of LE samples
-      {64, ORDER_BGR, {1, 10, 2, 20, 3, 30, 0, 0}, q(10, 20, 30)},  // 64 bits: always as stored
-      {16, ORDER_BGR, {0x00, 0x7C}, q(255, 0, 0)},                  // red in bits 10-14
-      {16, ORDER_RGB, {0x1F, 0x00}, q(255, 0, 0)},                  // red in bits 0-4
+      {24, ORDER_BGR, {10, 20, 30}, quad(30, 20, 10)},
+      {24, ORDER_RGB, {10, 20, 30}, quad(10, 20, 30)},
+      {32, ORDER_BGR, {10, 20, 30, 99}, quad(30, 20, 10)},
+      {48, ORDER_BGR, {1, 10, 2, 20, 3, 30}, quad(30, 20, 10)},        // high bytes of LE samples
+      {64, ORDER_BGR, {1, 10, 2, 20, 3, 30, 0, 0}, quad(10, 20, 30)},  // 64 bits: always as stored
+      {16, ORDER_BGR, {0x00, 0x7C}, quad(255, 0, 0)},                  // red in bits 10-14
+      {16, ORDER_RGB, {0x1F, 0x00}, quad(255, 0, 0)},                  // red in bits 0-4
   };
   for (const Case& c : cases) {
     vkt::Bitmap b(3, 1, c.bits);
@@ -102,7 +103,7 @@ TEST(ColorCount, GraySamplesUseTheBitRange) {
   n = 10;
   ASSERT_EQ(V_GetBitmapColorCountExt(b.get(), &n, out.data()), RESULT_OK);
   EXPECT_EQ(n, 11u);
-  EXPECT_TRUE(same(out[3], q(3, 3, 3)));
+  EXPECT_TRUE(same(out[3], quad(3, 3, 3)));
 }
 
 TEST(ColorCount, ProgressRefusalAndAllocationFailures) {

@@ -8,6 +8,7 @@
 #include <random>
 #include <vector>
 
+#include "color_helpers.h"
 #include "fault.h"
 #include "vkkrn.h"
 #include "fault_sweep.h"
@@ -17,6 +18,7 @@ VKT_SWEEPS(V_CopyGrayParams);
 
 namespace {
 
+using vkt::quad;
 #if defined(__SANITIZE_ADDRESS__)
 constexpr size_t kGuard = 0;  // exact allocation: the sanitizer checks the end
 #elif defined(__has_feature)
@@ -82,14 +84,12 @@ uint32_t pixel(const uint8_t* p, size_t k, int bits) {
   return get_bits(p, k, bits == 0 ? 8 : bits);
 }
 
-RGBQUAD q(int r, int g, int b) { return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), 0}; }
-
 // Palette of `count` distinct colours.
 std::vector<RGBQUAD> distinct_palette(size_t count, uint32_t seed) {
   std::vector<RGBQUAD> p;
   for (size_t i = 0; i < count; ++i) {
     const uint32_t x = uint32_t(i) * 2654435761u + seed;
-    p.push_back(q(int(i), int((x >> 8) & 255), int((x >> 16) & 255)));
+    p.push_back(quad(int(i), int((x >> 8) & 255), int((x >> 16) & 255)));
   }
   return p;
 }
@@ -233,7 +233,7 @@ TEST(Convert, GraySourceRanges) {
   // 12-bit through a source palette (a lookup table of 4096 entries): the
   // masked sample indexes it; with a range, the range's bits do.
   std::vector<RGBQUAD> lut(4096);
-  for (int i = 0; i < 4096; ++i) lut[i] = q(i >> 4, i & 255, (i * 7) & 255);
+  for (int i = 0; i < 4096; ++i) lut[i] = quad(i >> 4, i & 255, (i * 7) & 255);
   uint8_t ix[8] = {0x50, 0x0A, 0};  // pixel 0 = 0xA50
   ASSERT_EQ(conv(ix, 1, 12, 24, ORDER_GRAY, ORDER_BGR, lut.data()), RESULT_OK);
   EXPECT_EQ((std::vector<int>(ix, ix + 3)), (std::vector<int>{(0xA50 * 7) & 255, 0x50, 0xA5}));
@@ -398,7 +398,7 @@ TEST(ConvertRoundTrip, IndicesAtEveryBitOffset) {
       auto w5 = [](int f) { return (f << 3) | (f >> 2); };
       std::vector<RGBQUAD> pal = small;
       if (deep == 16)
-        for (size_t i = 0; i < pal.size(); ++i) pal[i] = q(w5(int(i & 31)), w5(int((i >> 5) & 7)), w5(1));
+        for (size_t i = 0; i < pal.size(); ++i) pal[i] = quad(w5(int(i & 31)), w5(int((i >> 5) & 7)), w5(1));
       for (int width = 1; width <= 70; ++width)
         round_trip({n, 0}, {deep, ORDER_BGR}, pal.data(), nullptr, width, rng, "index-colour");
     }

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "color_helpers.h"
 #include "dither.h"
 #include "fault_sweep.h"
 #include "palette_tables.h"
@@ -20,10 +21,7 @@ VKT_SWEEPS(V_StartDithering, V_StartDitheringExt);
 
 namespace {
 
-RGBQUAD q(int r, int g, int b, int reserved = 0) {
-  return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(reserved)};
-}
-
+using vkt::quad;
 // A record describing source rows; no storage is needed by the engine.
 BitmapHandle source(int width, int bits, int order = ORDER_RGB, int method = DITHER_NONE) {
   BitmapHandle b;
@@ -96,7 +94,7 @@ TEST(Dither, NegativeNumeratorTruncatesTowardZero) {
   // Line 0: 252 -> white, e = -3; line 1 receives 5 * -3 = -15 at column 0,
   // -15 / 16 = 0, so 128 stays 128 and is white (1028 >> 10 = 1).  A floor
   // division would give 127 and black.
-  const RGBQUAD bw[2] = {q(0, 0, 0), q(255, 255, 255)};
+  const RGBQUAD bw[2] = {quad(0, 0, 0), quad(255, 255, 255)};
   auto res = run_rgb({{{252, 252, 252}}, {{128, 128, 128}}}, DITHER_FLOYD_STEINBERG, bw, 2, 1);
   EXPECT_EQ(res[0][0], 1);
   EXPECT_EQ(res[1][0], 1);
@@ -192,8 +190,8 @@ TEST(Dither, DiffusionKernelsMatchWholeImageReference) {
   auto bw_match = [](int r, int g, int b) { return (2 * r + 5 * g + b + 4) >> 10; };
   // Own palette on cell corners with distinct cells: the table answer is the
   // nearest entry of the pixel's cell corner.
-  std::vector<RGBQUAD> own = {q(0, 0, 0), q(248, 248, 248), q(200, 40, 16), q(32, 160, 64), q(64, 96, 224),
-                              q(128, 128, 128), q(240, 200, 0)};
+  std::vector<RGBQUAD> own = {quad(0, 0, 0), quad(248, 248, 248), quad(200, 40, 16), quad(32, 160, 64), quad(64, 96, 224),
+                              quad(128, 128, 128), quad(240, 200, 0)};
   auto fixed_match = [](int r, int g, int b) { return (r >> 7) << 2 | (g >> 7) << 1 | (b >> 7); };
   auto own_match = [&](int r, int g, int b) {
     return int(V_FindPaletteIndex(own.data(), uint32_t(own.size()), r & 248, g & 248, b & 248));
@@ -250,7 +248,7 @@ TEST(Dither, OrderedMatricesHandComputed) {
 
   // Table mode, 1 output bit: offset m - 128 on gray 100 gives
   // 0, 100, 4, 132, 0, 108, 12, 140; corners nearer white only for 132, 140.
-  const RGBQUAD own[2] = {q(0, 0, 0), q(255, 255, 255, 4)};  // reserved bit 2: not fixed, not excluded
+  const RGBQUAD own[2] = {quad(0, 0, 0), quad(255, 255, 255, 4)};  // reserved bit 2: not fixed, not excluded
   BitmapHandle b = source(8, 24, ORDER_RGB, DITHER_ORDERED);
   ASSERT_EQ(V_StartDitheringExt(&b, own, 2, 1, nullptr), RESULT_OK);
   EXPECT_EQ(ctx(b).MatchMode, vk::MATCH_OWN_TABLE);
@@ -281,7 +279,7 @@ TEST(Dither, ConstantImageStaysConstantUnderOrderedDither) {
   // hold, by design of the closed formulas, for the cube (offsets up to
   // +-21 around levels 51 apart, truncating division), the 4-gray, 32-, 128-
   // and 256-entry palettes and the 16-entry compare rule.
-  std::vector<RGBQUAD> spaced = {q(0, 0, 0), q(96, 96, 96), q(200, 16, 16), q(16, 200, 16), q(255, 255, 255)};
+  std::vector<RGBQUAD> spaced = {quad(0, 0, 0), quad(96, 96, 96), quad(200, 16, 16), quad(16, 200, 16), quad(255, 255, 255)};
   struct Case {
     const RGBQUAD* pal;
     int colors, outBits, entry;
@@ -372,8 +370,8 @@ TEST(Dither, FixedFormulasAgreeWithTableMatch) {
 }
 
 TEST(Dither, ReservedEntriesAreNeverProduced) {
-  std::vector<RGBQUAD> pal = {q(0, 0, 0), q(255, 255, 255, 1), q(250, 250, 250), q(255, 0, 0, 2),
-                              q(240, 10, 10),  q(0, 0, 255, 3),       q(10, 10, 240)};
+  std::vector<RGBQUAD> pal = {quad(0, 0, 0), quad(255, 255, 255, 1), quad(250, 250, 250), quad(255, 0, 0, 2),
+                              quad(240, 10, 10),  quad(0, 0, 255, 3),       quad(10, 10, 240)};
   const Image img = random_image(40, 12, 77);
   for (int method = 0; method <= 8; ++method)
     for (const auto& line : run_rgb(img, method, pal.data(), int(pal.size()), 3))
@@ -382,7 +380,7 @@ TEST(Dither, ReservedEntriesAreNeverProduced) {
 
 TEST(Dither, AllEntriesFlaggedFallsBackToWholePalette) {
   // With nothing left to match, every entry is matched, flags ignored.
-  const RGBQUAD pal[3] = {q(0, 0, 0, 2), q(255, 255, 255, 1), q(255, 0, 0, 3)};
+  const RGBQUAD pal[3] = {quad(0, 0, 0, 2), quad(255, 255, 255, 1), quad(255, 0, 0, 3)};
   BitmapHandle b = source(3, 24);
   ASSERT_EQ(V_StartDitheringExt(&b, pal, 3, 2, nullptr), RESULT_OK);
   EXPECT_EQ(ctx(b).MatchListCount, 3u);
@@ -395,7 +393,7 @@ TEST(Dither, AllEntriesFlaggedFallsBackToWholePalette) {
 TEST(Dither, OwnTableIsPreSeededFirstEntryWinsAndSearchesCellCorner) {
   // Entries 0 and 1 share the cell of (100,100,100); entry 0 wins although 1
   // is the exact colour.
-  const RGBQUAD pal[4] = {q(96, 96, 96), q(100, 100, 100), q(40, 40, 40), q(60, 60, 60)};
+  const RGBQUAD pal[4] = {quad(96, 96, 96), quad(100, 100, 100), quad(40, 40, 40), quad(60, 60, 60)};
   BitmapHandle b = source(3, 24);
   ASSERT_EQ(V_StartDitheringExt(&b, pal, 4, 8, nullptr), RESULT_OK);
   const uint32_t cell100 = (12u << 10) | (12u << 5) | 12u;
@@ -410,7 +408,7 @@ TEST(Dither, OwnTableIsPreSeededFirstEntryWinsAndSearchesCellCorner) {
 }
 
 TEST(Dither, UserTableIsSeededFilledInPlaceAndKept) {
-  std::vector<RGBQUAD> pal = {q(0, 0, 0), q(248, 248, 248), q(200, 40, 16), q(32, 160, 64)};
+  std::vector<RGBQUAD> pal = {quad(0, 0, 0), quad(248, 248, 248), quad(200, 40, 16), quad(32, 160, 64)};
   std::vector<uint32_t> table(32768, 0);
   const Image img = random_image(24, 6, 5);
   const auto own = run_rgb(img, DITHER_FLOYD_STEINBERG, pal.data(), 4, 2);
@@ -456,8 +454,8 @@ void put_bits(std::vector<uint8_t>& row, int x, int bits, uint32_t v) {
 void expect_same_as_rgb(BitmapHandle b, std::vector<uint8_t> row, const std::vector<Rgb>& colours,
                         const char* what) {
   SCOPED_TRACE(what);
-  std::vector<RGBQUAD> pal = {q(0, 0, 0), q(248, 248, 248), q(200, 40, 16), q(32, 160, 64), q(64, 96, 224),
-                              q(128, 128, 128)};
+  std::vector<RGBQUAD> pal = {quad(0, 0, 0), quad(248, 248, 248), quad(200, 40, 16), quad(32, 160, 64), quad(64, 96, 224),
+                              quad(128, 128, 128)};
   const int w = int(colours.size());
   b.Width = w;
   b.DitheringMethod = DITHER_FLOYD_STEINBERG;
@@ -475,7 +473,7 @@ TEST(Dither, PaletteSourcesOfEveryDepth) {
   for (int bits = 1; bits <= 8; ++bits) {
     const int n = 1 << bits, w = 11;
     std::vector<RGBQUAD> spal;
-    for (int i = 0; i < n; ++i) spal.push_back(q(int(rng() % 256), int(rng() % 256), int(rng() % 256)));
+    for (int i = 0; i < n; ++i) spal.push_back(quad(int(rng() % 256), int(rng() % 256), int(rng() % 256)));
     BitmapHandle b = source(w, bits);
     b.Flags = PALETTE_IS_TABLE;
     b.Palette = spal.data();
@@ -685,8 +683,8 @@ TEST(Dither, ArgumentChecksAndLifecycle) {
 // (its old state pointer too) and nothing is left behind.
 TEST(Dither, StartFailuresFreeEverythingAndLeaveStateUnchanged) {
   std::vector<RGBQUAD> spal(256);
-  for (int i = 0; i < 256; ++i) spal[size_t(i)] = q(i, 255 - i, i / 2);
-  std::vector<RGBQUAD> dpal = {q(0, 0, 0), q(248, 248, 248), q(200, 40, 16)};
+  for (int i = 0; i < 256; ++i) spal[size_t(i)] = quad(i, 255 - i, i / 2);
+  std::vector<RGBQUAD> dpal = {quad(0, 0, 0), quad(248, 248, 248), quad(200, 40, 16)};
   void* const marker = reinterpret_cast<void*>(uintptr_t(0x1234));
   for (int method : {DITHER_NONE, DITHER_STEVENSON_ARCE}) {
     for (const bool ext : {false, true}) {

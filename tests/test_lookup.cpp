@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "color_helpers.h"
 #include "fault.h"
 #include "lookup.h"
 #include "palette_tables.h"
@@ -19,10 +20,7 @@ VKT_SWEEPS(V_CreateUserMatchTable);
 
 namespace {
 
-RGBQUAD q(int r, int g, int b, int reserved = 0) {
-  return RGBQUAD{uint8_t(b), uint8_t(g), uint8_t(r), uint8_t(reserved)};
-}
-
+using vkt::quad;
 // Straightforward restatement of the search for cross-checking table cells.
 uint32_t brute_nearest(const std::vector<RGBQUAD>& pal, int r, int g, int b) {
   return V_FindPaletteIndex(pal.data(), uint32_t(pal.size()), r, g, b);
@@ -35,21 +33,21 @@ TEST(Lookup, EdgeCases) {
     uint32_t want;
     const char* why;
   } cases[] = {
-      {{q(0, 0, 0), q(255, 255, 255), q(0, 0, 0)}, 0, 0, 0, 0, "black prefers entry 0"},
-      {{q(0, 0, 0), q(255, 255, 255), q(0, 0, 0)}, 255, 255, 255, 1, "white found by the search"},
-      {{q(255, 255, 255), q(128, 128, 128), q(255, 255, 255)}, 255, 255, 255, 2, "white prefers the last entry"},
-      {{q(9, 9, 9), q(5, 5, 5), q(0, 0, 0)}, 0, 0, 0, 2, "black in the last entry"},
-      {{q(255, 255, 255), q(5, 5, 5), q(9, 9, 9)}, 255, 255, 255, 0, "white in entry 0 only"},
-      {{q(10, 0, 0), q(0, 10, 0)}, 5, 5, 0, 0, "tie, later entry has another order code"},
-      {{q(0, 10, 0), q(10, 0, 0)}, 5, 5, 0, 1, "tie, later entry has the target's order code"},
-      {{q(1, 2, 3), q(50, 50, 50), q(50, 50, 50)}, 50, 50, 50, 1, "first exact match stops"},
-      {{q(0, 0, 0, 3), q(200, 0, 0)}, 0, 0, 0, 0, "reserved bytes do not hide black"},
-      {{q(100, 100, 100), q(0, 0, 200)}, 0, 0, 255, 1, "plain nearest"},
+      {{quad(0, 0, 0), quad(255, 255, 255), quad(0, 0, 0)}, 0, 0, 0, 0, "black prefers entry 0"},
+      {{quad(0, 0, 0), quad(255, 255, 255), quad(0, 0, 0)}, 255, 255, 255, 1, "white found by the search"},
+      {{quad(255, 255, 255), quad(128, 128, 128), quad(255, 255, 255)}, 255, 255, 255, 2, "white prefers the last entry"},
+      {{quad(9, 9, 9), quad(5, 5, 5), quad(0, 0, 0)}, 0, 0, 0, 2, "black in the last entry"},
+      {{quad(255, 255, 255), quad(5, 5, 5), quad(9, 9, 9)}, 255, 255, 255, 0, "white in entry 0 only"},
+      {{quad(10, 0, 0), quad(0, 10, 0)}, 5, 5, 0, 0, "tie, later entry has another order code"},
+      {{quad(0, 10, 0), quad(10, 0, 0)}, 5, 5, 0, 1, "tie, later entry has the target's order code"},
+      {{quad(1, 2, 3), quad(50, 50, 50), quad(50, 50, 50)}, 50, 50, 50, 1, "first exact match stops"},
+      {{quad(0, 0, 0, 3), quad(200, 0, 0)}, 0, 0, 0, 0, "reserved bytes do not hide black"},
+      {{quad(100, 100, 100), quad(0, 0, 200)}, 0, 0, 255, 1, "plain nearest"},
   };
   for (const auto& c : cases)
     EXPECT_EQ(V_FindPaletteIndex(c.pal.data(), uint32_t(c.pal.size()), c.r, c.g, c.b), c.want) << c.why;
 
-  const RGBQUAD one = q(1, 1, 1);
+  const RGBQUAD one = quad(1, 1, 1);
   EXPECT_EQ(V_FindPaletteIndex(&one, 0, 1, 1, 1), 0xFFFFFFFFu);
   EXPECT_EQ(V_FindPaletteIndex(&one, 0, 0, 0, 0), 0xFFFFFFFFu);
   EXPECT_EQ(V_FindPaletteIndex(nullptr, 16, 7, 7, 7), 0u);
@@ -57,8 +55,8 @@ TEST(Lookup, EdgeCases) {
 
 TEST(Lookup, UserMatchTableAgreesOnCellCorners) {
   std::vector<RGBQUAD> pal;
-  for (int i = 0; i < 37; ++i) pal.push_back(q((i * 97) & 255, (i * 53 + 11) & 255, (i * 31 + 7) & 255));
-  pal.push_back(q(0, 0, 0));
+  for (int i = 0; i < 37; ++i) pal.push_back(quad((i * 97) & 255, (i * 53 + 11) & 255, (i * 31 + 7) & 255));
+  pal.push_back(quad(0, 0, 0));
   uint32_t* t = V_CreateUserMatchTable(pal.data(), uint32_t(pal.size()));
   ASSERT_NE(t, nullptr);
   for (uint32_t i = 0; i < vk::kColorCells; ++i) {
@@ -103,7 +101,7 @@ TEST(Lookup, PaletteMapRules) {
   EXPECT_EQ(vk::build_palette_map(marked.data(), 256, p8, 256, map), 1);
 
   // Gray destination: the gray formula.
-  const RGBQUAD src[3] = {q(0, 0, 255), q(0, 255, 0), q(255, 0, 0)};
+  const RGBQUAD src[3] = {quad(0, 0, 255), quad(0, 255, 0), quad(255, 0, 0)};
   EXPECT_EQ(vk::build_palette_map(src, 3, nullptr, 0, map), 0);
   EXPECT_EQ(map[0], 32);
   EXPECT_EQ(map[1], 159);
@@ -144,10 +142,10 @@ TEST(FixedPalettes, Tables) {
     EXPECT_EQ(rgb(V_IntGetFixedPalette(c.bits)[c.index]), (std::vector<int>{c.r, c.g, c.b, 0}))
         << c.bits << ":" << c.index;
 
-  std::vector<RGBQUAD> out(256, q(1, 2, 3, 4));
+  std::vector<RGBQUAD> out(256, quad(1, 2, 3, 4));
   EXPECT_EQ(V_GetFixedPalette(out.data(), 0), RESULT_OK);
   for (int i = 0; i < 256; ++i) EXPECT_EQ(rgb(out[i]), (std::vector<int>{i, i, i, 0}));
-  std::fill(out.begin(), out.end(), q(1, 2, 3, 4));
+  std::fill(out.begin(), out.end(), quad(1, 2, 3, 4));
   EXPECT_EQ(V_GetFixedPalette(out.data(), 4), RESULT_OK);
   EXPECT_EQ(std::memcmp(out.data(), V_IntGetFixedPalette(4), 16 * 4), 0);
   EXPECT_EQ(rgb(out[16]), (std::vector<int>{1, 2, 3, 4}));  // nothing past 2^bits written
@@ -169,11 +167,11 @@ TEST(Lookup, PreparedMatcherAgreesWithSearch) {
   palettes.emplace_back(vk::color_cube(), vk::color_cube() + 256);
   for (int n : {1, 3, 5, 17, 100, 255, 256}) {
     std::vector<RGBQUAD> p;
-    for (int i = 0; i < n; ++i) p.push_back(q(rng() & 255, rng() & 255, rng() & 255));
+    for (int i = 0; i < n; ++i) p.push_back(quad(rng() & 255, rng() & 255, rng() & 255));
     palettes.push_back(p);
     // Coarse levels and duplicates make many equal distances.
     std::vector<RGBQUAD> coarse;
-    for (int i = 0; i < n; ++i) coarse.push_back(q((rng() % 3) * 20, (rng() % 3) * 20, (rng() % 3) * 20));
+    for (int i = 0; i < n; ++i) coarse.push_back(quad((rng() % 3) * 20, (rng() % 3) * 20, (rng() % 3) * 20));
     palettes.push_back(coarse);
   }
   for (const auto& p : palettes) {
