@@ -166,8 +166,9 @@ declare -A TARGET=([noop]="<=1.2" [gray]="<=1.2" [bw_ordered]="<=0.2" [bw_fs]="<
 declare -A SLOW=([q256_fs|netpbm]=1 [q256|netpbm]=1 [count|netpbm]=1 [q256_fs|gm]=2 [q256|gm]=2)
 
 bytes=$(( $(head -c 64 "$P" | sed -n 2p | awk '{print $1 * 3 * $2}') ))
-printf '| op | vkimg s | fastest peer | peer s | ratio | target | vkimg peak MB (image %d MB) |\n|---|---|---|---|---|---|---|\n' \
-  $((bytes / 1000000)) > "$work/results/compare.md"
+# Peak memory in MiB, as the picture's size beside it.
+printf '| op | vkimg s | fastest peer | peer s | ratio | target | vkimg peak MiB (picture %d MiB) |\n|---|---|---|---|---|---|---|\n' \
+  $((bytes / 1048576)) > "$work/results/compare.md"
 for op in $OPS; do
   best=""; best_t=""; vk_t=""
   for pr in vkimg $PEERS; do
