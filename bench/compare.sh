@@ -166,10 +166,11 @@ declare -A TARGET=([noop]="<=1.2" [gray]="<=1.2" [bw_ordered]="<=0.2" [bw_fs]="<
 declare -A SLOW=([q256_fs|netpbm]=1 [q256|netpbm]=1 [count|netpbm]=1 [q256_fs|gm]=2 [q256|gm]=2)
 
 bytes=$(( $(head -c 64 "$P" | sed -n 2p | awk '{print $1 * 3 * $2}') ))
-printf '| op | vkimg s | fastest peer | peer s | ratio | target | vkimg peak MB (image %d MB) |\n|---|---|---|---|---|---|---|\n' \
-  $((bytes / 1000000)) > "$work/results/compare.md"
+# Peak memory in MiB, as the picture's size beside it.
+printf '| op | vkimg s | fastest peer | peer s | ratio | target | vkimg peak MiB (picture %d MiB) |\n|---|---|---|---|---|---|---|\n' \
+  $((bytes / 1048576)) > "$work/results/compare.md"
 for op in $OPS; do
-  best=""; best_t=""
+  best=""; best_t=""; vk_t=""
   for pr in vkimg $PEERS; do
     cmd=${C[$op|$pr]-}; [ -n "$cmd" ] || continue
     runs=$RUNS; warm=$WARMUP; [ -n "${SLOW[$op|$pr]-}" ] && { runs=${SLOW[$op|$pr]}; warm=0; }
@@ -186,8 +187,8 @@ for op in $OPS; do
     if [ -z "$best_t" ] || awk "BEGIN{exit !($t < $best_t)}"; then best=$pr; best_t=$t; fi
   done
   peak=$( { /usr/bin/time -f '%M' sh -c "${C[$op|vkimg]}" >/dev/null; } 2>&1 | tail -n 1)
-  ratio=$( [ -n "$best_t" ] && awk "BEGIN{printf \"%.2f\", $vk_t / $best_t}" || echo "-")
-  printf '| %s | %s | %s | %s | %s | %s | %d |\n' "$op" "$vk_t" "${best:--}" "${best_t:--}" "$ratio" \
+  ratio=$( [ -n "$best_t" ] && [ -n "$vk_t" ] && awk "BEGIN{printf \"%.2f\", $vk_t / $best_t}" || echo "-")
+  printf '| %s | %s | %s | %s | %s | %s | %d |\n' "$op" "${vk_t:--}" "${best:--}" "${best_t:--}" "$ratio" \
     "${TARGET[$op]}" $((peak / 1024)) >> "$work/results/compare.md"
 done
 rm -rf "$out"

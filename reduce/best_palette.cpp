@@ -46,19 +46,38 @@ namespace {
 // ---- histogram ------------------------------------------------------------------
 
 constexpr uint32_t kSide = 64;  // cells per channel: the top 6 bits
-constexpr uint32_t kCells = kSide * kSide * kSide;
 // Counts are halved (rounding up) before the total would pass this, so
 // per-cell sums of low bits (<= 3 per pixel) fit 32 bits and the moments
 // below fit 64.
 constexpr uint64_t kTotalLimit = uint64_t{1} << 30;
 constexpr uint32_t kChunk = 1u << 16;  // pixels added between limit checks
 
-inline uint32_t cell_of(uint32_t r, uint32_t g, uint32_t b) { return (r >> 2) << 12 | (g >> 2) << 6 | (b >> 2); }
-
-struct Cell {
-  uint32_t count;
-  uint32_t red, green, blue;  // sums of the channel's low two bits
+// Pixel count and channel sums (8-bit values) of a set of cells.  Totals stay
+// below 2^31 pixels, so sums stay below 2^39.
+struct Moment {
+  uint64_t w, r, g, b;
 };
+inline Moment operator+(const Moment& x, const Moment& y) { return {x.w + y.w, x.r + y.r, x.g + y.g, x.b + y.b}; }
+inline Moment operator-(const Moment& x, const Moment& y) { return {x.w - y.w, x.r - y.r, x.g - y.g, x.b - y.b}; }
+
+// The histogram is counted straight into the cube of cumulative moments
+// the cuts need (index 0 along each axis stays empty), so the two never
+// take memory at the same time.
+constexpr uint32_t kEdge = kSide + 1;
+constexpr uint32_t kCubeCells = kEdge * kEdge * kEdge;
+
+// Cube position of a channel value, per axis: red, green, blue.
+struct CubeSteps {
+  uint32_t step[3][256];
+  constexpr CubeSteps() : step{} {
+    for (uint32_t v = 0; v < 256; ++v) {
+      step[0][v] = ((v >> 2) + 1) * kEdge * kEdge;
+      step[1][v] = ((v >> 2) + 1) * kEdge;
+      step[2][v] = (v >> 2) + 1;
+    }
+  }
+};
+constexpr CubeSteps kCubeSteps;
 
 // The distinct colours seen, while there are at most `limit` of them: the
 // exact-colours shortcut, read from the same converted rows as the
@@ -93,41 +112,45 @@ struct ColourSet {
 };
 
 struct Histogram {
-  Buffer<Cell> cells;
+  // While pixels are counted, cell (r + 1, g + 1, b + 1) holds in w the
+  // pixel count and in r, g, b the sums of the channels' low two bits;
+  // to_moments() then makes the cumulative moments in place.
+  Buffer<Moment> cube;
   uint64_t total = 0;
   ColourSet exact;
 
   bool allocate(uint32_t n) {
     exact.reset(n);
-    return cells.allocate(kCells, true);
+    return cube.allocate(kCubeCells, true);
   }
 
   void halve() {
     total = 0;
-    for (uint32_t i = 0; i < kCells; ++i) {
-      Cell& c = cells[i];
-      c.count = (c.count + 1) >> 1;
-      c.red = (c.red + 1) >> 1;
-      c.green = (c.green + 1) >> 1;
-      c.blue = (c.blue + 1) >> 1;
-      total += c.count;
+    for (uint32_t i = 0; i < kCubeCells; ++i) {
+      Moment& c = cube[i];
+      c.w = (c.w + 1) >> 1;
+      c.r = (c.r + 1) >> 1;
+      c.g = (c.g + 1) >> 1;
+      c.b = (c.b + 1) >> 1;
+      total += c.w;
     }
   }
 
   // A row of 24-bit BGR pixels.
   void add(const uint8_t* p, uint32_t width) {
     if (exact.open) exact.add(p, width);
-    Cell* h = cells.get();
+    Moment* h = cube.get();
+    const CubeSteps& s = kCubeSteps;
     while (width != 0) {
       const uint32_t n = width < kChunk ? width : kChunk;
       if (total + n > kTotalLimit) halve();
       for (uint32_t x = 0; x < n; ++x, p += 3) {
         const uint32_t b = p[0], g = p[1], r = p[2];
-        Cell& c = h[cell_of(r, g, b)];
-        ++c.count;
-        c.red += r & 3;
-        c.green += g & 3;
-        c.blue += b & 3;
+        Moment& c = h[s.step[0][r] + s.step[1][g] + s.step[2][b]];
+        ++c.w;
+        c.r += r & 3;
+        c.g += g & 3;
+        c.b += b & 3;
       }
       total += n;
       width -= n;
@@ -161,14 +184,6 @@ int32_t add_bitmap(Histogram& h, BitmapHandle* b, Progress& progress) {
 
 // ---- variance-minimising cuts ------------------------------------------------------
 
-// Pixel count and channel sums (8-bit values) of a set of cells.  Totals stay
-// below 2^31 pixels, so sums stay below 2^39.
-struct Moment {
-  uint64_t w, r, g, b;
-};
-inline Moment operator+(const Moment& x, const Moment& y) { return {x.w + y.w, x.r + y.r, x.g + y.g, x.b + y.b}; }
-inline Moment operator-(const Moment& x, const Moment& y) { return {x.w - y.w, x.r - y.r, x.g - y.g, x.b - y.b}; }
-
 // 256 x sum^2 / w per channel, as sum x (256 sum / w): below 2^39 x 2^16 per
 // channel.  Cutting a set raises the total score of its parts by exactly
 // the squared error the cut removes.
@@ -176,8 +191,6 @@ inline uint64_t score(const Moment& m) {
   if (m.w == 0) return 0;
   return m.r * ((m.r << 8) / m.w) + m.g * ((m.g << 8) / m.w) + m.b * ((m.b << 8) / m.w);
 }
-
-constexpr uint32_t kEdge = kSide + 1;  // cumulative index 0 stands for "no cell"
 
 // Cumulative moments: at(r, g, b) sums every cell with indices below r, g, b
 // (exclusive), so any box is 8 look-ups.  Differences wrap in unsigned
@@ -229,16 +242,15 @@ void find_cut(const Cube& c, Box& box) {
   box.gain = best > before ? static_cast<int64_t>(best - before) : 0;
 }
 
-// Fills the cumulative moments of the histogram.
-void build_cube(const Histogram& h, Moment* m) {
+// Turns the counted histogram into its cumulative moments, in place.
+void to_moments(Moment* m) {
   for (uint32_t r = 0; r < kSide; ++r)
     for (uint32_t g = 0; g < kSide; ++g)
       for (uint32_t b = 0; b < kSide; ++b) {
-        const Cell& cell = h.cells[(r << 12) | (g << 6) | b];
-        if (cell.count == 0) continue;
-        const uint64_t n = cell.count;
-        m[((r + 1) * kEdge + g + 1) * kEdge + b + 1] =
-            Moment{n, 4 * r * n + cell.red, 4 * g * n + cell.green, 4 * b * n + cell.blue};
+        Moment& cell = m[((r + 1) * kEdge + g + 1) * kEdge + b + 1];
+        if (cell.w == 0) continue;
+        const uint64_t n = cell.w;
+        cell = Moment{n, 4 * r * n + cell.r, 4 * g * n + cell.g, 4 * b * n + cell.b};
       }
   // Running sums along blue, then green, then red.
   for (uint32_t r = 1; r < kEdge; ++r)
@@ -269,12 +281,9 @@ inline int32_t mean16(uint64_t sum, uint64_t w) { return static_cast<int32_t>((s
 
 // Splits the histogram into at most n boxes; out receives their means.
 // Returns the number of boxes, or 0 on allocation failure.
-uint32_t cut_boxes(const Histogram& h, uint32_t n, Colour16* out) {
-  Buffer<Moment> cube(size_t(kEdge) * kEdge * kEdge, true);
+uint32_t cut_boxes(const Cube& c, uint32_t n, Colour16* out) {
   Buffer<Box> boxes(n);
-  if (!cube || !boxes) return 0;
-  build_cube(h, cube.get());
-  const Cube c{cube.get()};
+  if (!boxes) return 0;
   boxes[0] = Box{{0, 0, 0}, {kSide, kSide, kSide}, -1, 0, 0};
   find_cut(c, boxes[0]);
   uint32_t made = 1;
@@ -358,23 +367,29 @@ struct Sums {
 
 // Moves the n free colours (after `fixed` fixed ones in `all`) to the means
 // of their cells.  Returns false on allocation failure.
-bool refine(const Histogram& h, Colour16* all, uint32_t fixed, uint32_t n) {
+bool refine(const Cube& c, Colour16* all, uint32_t fixed, uint32_t n) {
+  // Each cell's own moment, from the cumulative ones.
+  auto cell = [&](uint32_t r, uint32_t g, uint32_t b) {
+    const uint32_t lo[3] = {r, g, b}, hi[3] = {r + 1, g + 1, b + 1};
+    return volume(c, lo, hi);
+  };
   uint32_t occupied = 0;
-  for (uint32_t i = 0; i < kCells; ++i) occupied += h.cells[i].count != 0;
+  for (uint32_t r = 0; r < kSide; ++r)
+    for (uint32_t g = 0; g < kSide; ++g)
+      for (uint32_t b = 0; b < kSide; ++b) occupied += cell(r, g, b).w != 0;
   const uint32_t total = fixed + n;
   Buffer<Point> points(occupied);
   Buffer<Entry> sorted(total);
   Buffer<Sums> sums(total);
   if (!points || !sorted || !sums) return false;
-  for (uint32_t i = 0, k = 0; i < kCells; ++i) {
-    const Cell& cell = h.cells[i];
-    if (cell.count == 0) continue;
-    const uint64_t w = cell.count;
-    const uint32_t r = i >> 12, g = (i >> 6) & 63, b = i & 63;
-    points[k++] = Point{{mean16(4 * r * w + cell.red, w), mean16(4 * g * w + cell.green, w),
-                         mean16(4 * b * w + cell.blue, w)},
-                        cell.count, 0, 0};
-  }
+  uint32_t k = 0;
+  for (uint32_t r = 0; r < kSide; ++r)
+    for (uint32_t g = 0; g < kSide; ++g)
+      for (uint32_t b = 0; b < kSide; ++b) {
+        const Moment m = cell(r, g, b);
+        if (m.w == 0) continue;
+        points[k++] = Point{{mean16(m.r, m.w), mean16(m.g, m.w), mean16(m.b, m.w)}, uint32_t(m.w), 0, 0};
+      }
   for (uint32_t round = 0; round < kRounds; ++round) {
     // Entries by key, then id (insertion sort: a few hundred at most).
     for (uint32_t i = 0; i < total; ++i) {
@@ -460,7 +475,7 @@ int32_t take_exact(const ColourSet& set, const Request& q) {
 
 // Cuts, refines and writes the chosen colours: distinct, not equal to a
 // matchable fixed entry, sorted by red, green, blue.
-int32_t finish(const Histogram& h, const Request& q) {
+int32_t finish(Histogram& h, const Request& q) {
   if (h.exact.open) return take_exact(h.exact, q);
   const uint32_t n = *q.colors;
   Colour16 all[512];
@@ -468,9 +483,11 @@ int32_t finish(const Histogram& h, const Request& q) {
   for (uint32_t i = 0; i < q.fixed_count; ++i)
     if ((q.fixed[i].rgbReserved & 3) == 0)
       all[fixed++] = Colour16{q.fixed[i].rgbRed * 16, q.fixed[i].rgbGreen * 16, q.fixed[i].rgbBlue * 16};
-  const uint32_t boxes = cut_boxes(h, n, all + fixed);
+  to_moments(h.cube.get());
+  const Cube c{h.cube.get()};
+  const uint32_t boxes = cut_boxes(c, n, all + fixed);
   if (boxes == 0) return RESULT_FAIL;
-  if (!refine(h, all, fixed, boxes)) return RESULT_FAIL;
+  if (!refine(c, all, fixed, boxes)) return RESULT_FAIL;
   uint32_t produced = 0;
   for (uint32_t i = fixed; i < fixed + boxes; ++i) {
     const RGBQUAD e{to8(all[i].b), to8(all[i].g), to8(all[i].r), 0};
