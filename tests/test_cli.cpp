@@ -359,6 +359,13 @@ class CliProgram : public vkt::CliDir {
     return r;
   }
 
+  // Runs the program and expects it to succeed.
+  Outcome ok(const std::vector<std::string>& args) const {
+    Outcome r = run(args);
+    EXPECT_EQ(0, r.status) << r.err;
+    return r;
+  }
+
   void save(const std::string& name, const Image& img) const { vkimg::write_image(path(name), img); }
   Image load(const std::string& name) const { return vkimg::read_image(path(name)); }
 };
@@ -495,8 +502,7 @@ TEST_F(CliProgram, RoundTripsThroughTheLibraryKeepEveryPixel) {
 
 TEST_F(CliProgram, InfoAndStorageReport) {
   save("a.png", random_image(24, 1, {}, 3, 16, 8));
-  const Outcome r = run({"info", path("a.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  const Outcome r = ok({"info", path("a.png")});
   EXPECT_NE(std::string::npos, r.out.find("16x8, 24 bits per pixel")) << r.out;
   EXPECT_NE(std::string::npos, r.out.find("storage: memory")) << r.out;
   const Outcome s = run({"storage", "300x200x8"});
@@ -513,26 +519,21 @@ TEST_F(CliProgram, PixelsGrayAndColourCount) {
                             {0, 0, 0},   {10, 20, 30}, {0, 0, 255}, {0, 0, 255}};  // blue, green, red
   for (int i = 0; i < 8; ++i) std::memcpy(img.row(i / 4) + 3 * (i % 4), px[i], 3);
   save("a.png", img);
-  Outcome r = run({path("a.png"), "--get-pixel", "2,0", "--get-pixel", "1,1"});
-  ASSERT_EQ(0, r.status) << r.err;
+  Outcome r = ok({path("a.png"), "--get-pixel", "2,0", "--get-pixel", "1,1"});
   EXPECT_NE(std::string::npos, r.out.find("pixel 2,0: #0000ff")) << r.out;
   EXPECT_NE(std::string::npos, r.out.find("pixel 1,1: #1e140a")) << r.out;
   EXPECT_EQ(2, run({path("a.png"), "--get-pixel", "4,0"}).status);
 
-  r = run({path("a.png"), "--count-colors"});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--count-colors"});
   EXPECT_NE(std::string::npos, r.out.find(": 6 colours")) << r.out;
 
-  r = run({path("a.png"), "--optimised-palette", "16"});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--optimised-palette", "16"});
   EXPECT_NE(std::string::npos, r.out.find("6 colours, exactly")) << r.out;
   EXPECT_NE(std::string::npos, r.out.find("#1e140a")) << r.out;
-  r = run({path("a.png"), "--optimised-palette", "2"});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--optimised-palette", "2"});
   EXPECT_NE(std::string::npos, r.out.find("2 colours, approximating")) << r.out;
 
-  r = run({path("a.png"), "--gray", "8", path("g.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--gray", "8", path("g.png")});
   const Image g = load("g.png");
   ASSERT_EQ(8, g.bits);
   // (5 g + 2 r + b + 4) / 8 on the red pixel: (2 * 255 + 4) / 8 = 64.
@@ -550,8 +551,7 @@ TEST_F(CliProgram, AlphaChannelInAndOut) {
   gray.palette = gray_colours(8);
   for (int i = 0; i < 6; ++i) gray.row(i / 3)[i % 3] = uint8_t(40 * i + 1);
   save("alpha.png", gray);
-  Outcome r = run({path("a.png"), "--alpha-in", path("alpha.png"), "--alpha-out", path("out.png"), path("b.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  Outcome r = ok({path("a.png"), "--alpha-in", path("alpha.png"), "--alpha-out", path("out.png"), path("b.png")});
   const Image b = load("b.png"), out = load("out.png");
   ASSERT_EQ(32, b.bits);
   ASSERT_EQ(8, out.bits);
@@ -568,8 +568,7 @@ TEST_F(CliProgram, AlphaChannelInAndOut) {
 
 TEST_F(CliProgram, PutPixelThenReadBack) {
   save("a.png", random_image(24, 1, {}, 4, 9, 5));
-  const Outcome r = run({path("a.png"), "--put-pixel", "3,4=#102030", "--put-pixel", "0,0=1,2,3", path("b.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  const Outcome r = ok({path("a.png"), "--put-pixel", "3,4=#102030", "--put-pixel", "0,0=1,2,3", path("b.png")});
   const Image b = load("b.png");
   EXPECT_EQ(0x30, b.row(4)[9]);  // blue of pixel 3
   EXPECT_EQ(0x10, b.row(4)[11]);
@@ -579,16 +578,13 @@ TEST_F(CliProgram, PutPixelThenReadBack) {
 
 TEST_F(CliProgram, ReduceWithEachPaletteChoice) {
   save("a.png", random_image(24, 1, {}, 5, 40, 30));
-  Outcome r = run({path("a.png"), "--reduce", "1", "--dither", "fs", "--palette", "fixed", path("b.pbm")});
-  ASSERT_EQ(0, r.status) << r.err;
+  Outcome r = ok({path("a.png"), "--reduce", "1", "--dither", "fs", "--palette", "fixed", path("b.pbm")});
   EXPECT_EQ(40, load("b.pbm").width);
-  r = run({path("a.png"), "--reduce", "4", path("c.bmp")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--reduce", "4", path("c.bmp")});
   EXPECT_EQ(4, load("c.bmp").bits);
   // A palette taken from a file is used as given.
   save("pal.png", random_image(2, 0, random_colours(4, 77), 1));
-  r = run({path("a.png"), "--reduce", "2", "--palette", path("pal.png"), path("d.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--reduce", "2", "--palette", path("pal.png"), path("d.png")});
   const Image d = load("d.png");
   const auto want = random_colours(4, 77);
   for (size_t i = 0; i < 4 && i < d.palette.size(); ++i) EXPECT_EQ(want[i].r, d.palette[i].r);
@@ -634,12 +630,10 @@ TEST_F(CliProgram, DirectoryAsInputNamesIt) {
 TEST_F(CliProgram, CompressedStorageKeepsThePixels) {
   const Image bw = random_image(1, 0, {{255, 255, 255, 0}, {0, 0, 0, 0}}, 12, 70, 9);
   save("a.pbm", bw);
-  Outcome r = run({path("a.pbm"), "--compress", "--info", path("b.pbm")});
-  ASSERT_EQ(0, r.status) << r.err;
+  Outcome r = ok({path("a.pbm"), "--compress", "--info", path("b.pbm")});
   EXPECT_NE(std::string::npos, r.out.find("compressed")) << r.out;
   expect_same(bw, load("b.pbm"), "compressed storage");
-  r = run({path("a.pbm"), "--compress", "--decompress", "--info", path("c.pbm")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.pbm"), "--compress", "--decompress", "--info", path("c.pbm")});
   EXPECT_EQ(std::string::npos, r.out.find("compressed")) << r.out;
   expect_same(bw, load("c.pbm"), "compressed and back");
   save("c.png", random_image(24, 1, {}, 1));
@@ -649,17 +643,14 @@ TEST_F(CliProgram, CompressedStorageKeepsThePixels) {
 TEST_F(CliProgram, ConvertThereAndBack) {
   const Image a = random_image(24, 1, {}, 13, 17, 6);
   save("a.png", a);
-  Outcome r = run({path("a.png"), "--convert", "48", "--convert", "24:rgb", path("b.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  Outcome r = ok({path("a.png"), "--convert", "48", "--convert", "24:rgb", path("b.png")});
   expect_same(a, load("b.png"), "24 -> 48 -> 24 keeps the pixels");
-  r = run({path("a.png"), "--convert", "8:gray", path("c.pgm")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--convert", "8:gray", path("c.pgm")});
   const Image c = load("c.pgm");
   // Gray level (5 g + 2 r + b + 4) / 8 of pixel 0 (stored blue, green, red).
   const uint8_t* p = a.row(0);
   EXPECT_EQ((5 * p[1] + 2 * p[2] + p[0] + 4) / 8, int(c.index_at(0, 0)));
-  r = run({path("a.png"), "--convert", "4", path("d.bmp")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--convert", "4", path("d.bmp")});
   EXPECT_EQ(4, load("d.bmp").bits);
   EXPECT_EQ(2, run({path("a.png"), "--convert", "12:rgb", path("x.png")}).status);
 }
@@ -667,12 +658,10 @@ TEST_F(CliProgram, ConvertThereAndBack) {
 TEST_F(CliProgram, StorageMovesThePixelsAndHeightKeepsTheTopRows) {
   const Image a = random_image(24, 1, {}, 9, 30, 20);
   save("a.png", a);
-  Outcome r = run({path("a.png"), "--storage", "128", "--info", "--storage", "1", path("b.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  Outcome r = ok({path("a.png"), "--storage", "128", "--info", "--storage", "1", path("b.png")});
   EXPECT_NE(std::string::npos, r.out.find("temp file on disk")) << r.out;
   expect_same(a, load("b.png"), "disk storage and back");
-  r = run({path("a.png"), "--height", "5", path("c.png")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({path("a.png"), "--height", "5", path("c.png")});
   const Image c = load("c.png");
   ASSERT_EQ(5, c.height);
   for (int y = 0; y < 5; ++y) EXPECT_EQ(0, std::memcmp(a.row(y), c.row(y), 90)) << "row " << y;
@@ -690,8 +679,7 @@ TEST_F(CliProgram, ListKeepsInputsAndNumbersSameNames) {
   EXPECT_EQ(2, r.status);
   EXPECT_NE(std::string::npos, r.err.find("would overwrite the input")) << r.err;
   EXPECT_EQ(before, vkimg::read_file(path("one/a.png")));
-  r = run({"--list", path("one/a.png"), path("two/a.png"), "--reduce", "8", "-o", path("out")});
-  ASSERT_EQ(0, r.status) << r.err;
+  r = ok({"--list", path("one/a.png"), path("two/a.png"), "--reduce", "8", "-o", path("out")});
   EXPECT_EQ(20, vkimg::read_image(path("out/a.png")).width);
   EXPECT_EQ(12, vkimg::read_image(path("out/a-2.png")).width);
 }
@@ -827,8 +815,7 @@ TEST_F(CliProgram, CtrlCWhileWaitingForInput) {
 }
 
 TEST_F(CliProgram, DemoWritesTheDefaultPictureAndResults) {
-  const Outcome r = run({"--demo", path("demo"), "--demo-size", "48x32"});
-  ASSERT_EQ(0, r.status) << r.err;
+  const Outcome r = ok({"--demo", path("demo"), "--demo-size", "48x32"});
   EXPECT_EQ("", r.err);
   const Image img = vkimg::read_image(path("demo/default.png"));
   EXPECT_EQ(48, img.width);
