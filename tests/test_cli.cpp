@@ -148,15 +148,10 @@ TEST(CliCodec, RoundTripKeepsEveryPixelOfEachDepth) {
 TEST(CliCodec, NarrowingAndReorderingKeepTheColours) {
   // 24-bit RGB order comes back as BGR with the same colours (PPM: as it was).
   Image rgb = random_image(24, vkimg::kOrderRgb, {}, 5);
-  expect_same(rgb, vkimg::decode(vkimg::encode(rgb, Format::ppm, "x"), Format::ppm, "x"), "PPM");
-  EXPECT_EQ(vkimg::kOrderRgb, vkimg::decode(vkimg::encode(rgb, Format::ppm, "x"), Format::ppm, "x").order);
-  for (Format f : {Format::png, Format::bmp}) {
+  for (Format f : {Format::ppm, Format::png, Format::bmp}) {
     const Image back = vkimg::decode(vkimg::encode(rgb, f, "x"), f, "x");
-    ASSERT_EQ(24, back.bits);
-    ASSERT_EQ(vkimg::kOrderBgr, back.order);
-    for (int y = 0; y < rgb.height; ++y)
-      for (int x = 0; x < rgb.width; ++x)
-        for (int c = 0; c < 3; ++c) ASSERT_EQ(rgb.row(y)[3 * x + c], back.row(y)[3 * x + 2 - c]) << format_name(f);
+    expect_same(rgb, back, format_name(f));
+    EXPECT_EQ(f == Format::ppm ? vkimg::kOrderRgb : vkimg::kOrderBgr, back.order) << format_name(f);
   }
   // A 32-bit picture whose fourth byte is zero everywhere is saved without alpha.
   Image x32 = random_image(32, vkimg::kOrderBgr, {}, 6);
