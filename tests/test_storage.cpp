@@ -249,9 +249,7 @@ TEST_F(Storage, TilesFollowTheThresholdsAndTheMemoryStatus) {
       {"mapped as memory", 0, 0, 5, -100, 1u << 30, 4, TYPE_TILED, 0, 5},
       {"mapped none with no memory", 0, 0, 0, -100, 1u << 30, 4, TYPE_TILED, 0, 1},
       {"mapped by percent", 0, 0, -50, -50, 1u << 30, 4, TYPE_TILED, 0, 5},   // (10-5)*50/50 = 5
-      {"mapped by small percent", 0, 0, -50, -20, 1u << 30, 4, TYPE_TILED, 4, 1},  // 5*20/80 = 1
       {"mapped capped by memory", 0, 0, -50, -75, 1u << 30, 4, TYPE_TILED, 0, 5},  // 5*75/25 = 15 > 5
-      {"few fit in memory", 0, 0, -100, 2, 1000, 4, TYPE_TILED, 3, 2},
       {"no tiles: disk", 0, 0, -100, 1, 1u << 30, 8, TYPE_DISK, 0, 0},
   };
   for (const Case& c : cases) {
