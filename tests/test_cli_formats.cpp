@@ -5,15 +5,12 @@
 
 #include <gtest/gtest.h>
 #include <jpeglib.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
