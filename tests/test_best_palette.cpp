@@ -161,6 +161,55 @@ TEST(BestPalette, ExactColoursAtEveryDepth) {
     }
 }
 
+// 1024 grays, stored with 16 bits per channel: 256 levels at 8 bits, which
+// all fit; fewer entries are spread evenly with none wasted.
+TEST(BestPalette, GrayGradientSpreadsEntriesEvenly) {
+  BitmapHandle b{};
+  ASSERT_EQ(V_InitBitmap(&b, 1024, 2, 48), RESULT_OK);
+  ASSERT_EQ(V_AllocateBitmap(&b, TYPE_CONVENTIONAL), RESULT_OK);
+  b.Order = ORDER_BGR;
+  std::vector<uint8_t> row(b.BytesPerLine);
+  for (int x = 0; x < 1024; ++x)
+    for (int k = 0; k < 3; ++k) row[6 * x + 2 * k] = uint8_t(x << 6), row[6 * x + 2 * k + 1] = uint8_t(x >> 2);
+  for (uint32_t y = 0; y < 2; ++y) V_PutBitmapRow(&b, row.data(), y, int32_t(b.BytesPerLine));
+  for (uint32_t n : {256u, 64u, 16u, 2u}) {
+    SCOPED_TRACE(n);
+    const Result r = best(&b, n);
+    ASSERT_EQ(r.code, RESULT_OK);
+    ASSERT_EQ(r.pal.size(), n);
+    EXPECT_EQ(r.needs, n == 256 ? 0 : 1);
+    const int step = 256 / int(n);
+    EXPECT_LE(r.pal[0].rgbRed, step);
+    EXPECT_GE(r.pal[n - 1].rgbRed, 255 - step);
+    for (uint32_t i = 0; i < n; ++i) {
+      EXPECT_EQ(r.pal[i].rgbGreen, r.pal[i].rgbRed);
+      EXPECT_EQ(r.pal[i].rgbBlue, r.pal[i].rgbRed);
+      if (i == 0) continue;
+      const int gap = r.pal[i].rgbRed - r.pal[i - 1].rgbRed;
+      EXPECT_GE(gap, step - (step + 3) / 4) << i;
+      EXPECT_LE(gap, step + (step + 3) / 4) << i;
+    }
+  }
+  V_FreeBitmap(&b);
+}
+
+// A large smooth sky and a small spot of saturated colours: the sky's error
+// outweighs the spot's, so it gets most of the entries.
+TEST(BestPalette, LargeSmoothAreaGetsMoreEntriesThanSmallSpot) {
+  const Image im = make(160, 120, [](int x, int y) {
+    if (x >= 70 && x < 80 && y >= 50 && y < 60) return Rgb{255, uint8_t(x * 25 % 256), uint8_t(y * 40 % 256)};
+    return Rgb{uint8_t(60 + x / 4), uint8_t(120 + y / 3), uint8_t(200 + (x + y) / 10)};
+  });
+  BitmapHandle b = store(im, 24);
+  const Result r = best(&b, 16);
+  ASSERT_EQ(r.code, RESULT_OK);
+  uint32_t sky = 0, spot = 0;
+  for (const RGBQUAD& q : r.pal) (q.rgbRed >= 200 ? spot : sky)++;
+  EXPECT_GE(sky, 12u);
+  EXPECT_GE(spot, 1u);
+  V_FreeBitmap(&b);
+}
+
 // Fixed entries stay and the chosen colours serve the rest: with black kept,
 // the one free entry goes to the light half rather than between the halves.
 TEST(BestPalette, ChosenColoursComplementFixedEntries) {

@@ -94,6 +94,24 @@ TEST(ResizeScanLine, EveryDepthFollowsTheMappingFormulaForwardAndInReverse) {
   }
 }
 
+// The reverse walk grows a row in place: source and destination are one buffer.
+TEST(ResizeScanLine, TheReverseWalkGrowsARowInPlace) {
+  std::mt19937 rng(3);
+  for (int32_t bits : kDepths) {
+    for (int32_t old_w : {1, 7, 33}) {
+      const int32_t new_w = old_w * 3 + 2;
+      std::vector<uint8_t> row(size_t(new_w) * 8 + 8);
+      for (size_t i = 0; i < size_t(old_w) * 8; ++i) row[i] = uint8_t(rng());
+      const std::vector<uint8_t> orig = row;
+      const Walk w{0, old_w / new_w, 0, old_w % new_w, new_w, new_w};
+      V_ReverseGetResizedScanLine(bits, 0, 0, w.step, 0, w.rem, row.data(), row.data(), new_w, new_w, 1);
+      for (int32_t i = 0; i < new_w; ++i)
+        ASSERT_EQ(ref_pixel(row.data(), bits, uint32_t(i)), ref_pixel(orig.data(), bits, uint32_t(mapped(w, i, true))))
+            << bits << " bits, width " << old_w << ", pixel " << i;
+    }
+  }
+}
+
 TEST(ResizeScanLine, UnsupportedDepthsAndBadArgumentsWriteNothing) {
   uint8_t src[16] = {1, 2, 3}, dst[16];
   for (int32_t bits : {0, 9, 10, 11, 13, 17, 33, 65}) {
@@ -252,6 +270,47 @@ TEST_F(Resize, AConstantImageStaysConstantUnderEveryMethodAndDepth) {
         V_FreeBitmap(&b);
       }
   }
+}
+
+TEST_F(Resize, AreaAveragingWeighsInHundredthsOfAPixel) {
+  // 3 pixels to 2: boxes {100 p0 + 50 p1} and {50 p1 + 100 p2}, over 150.
+  BitmapHandle row = from_values(3, 1, 8, {10, 41, 100});
+  ASSERT_EQ(V_SizeBitmap(&row, 2, 1, SIZE_RESAMPLE), RESULT_OK);
+  EXPECT_EQ(pixels_of(&row).v, (std::vector<uint64_t>{20, 80}));  // 3050/150, 12050/150
+  V_FreeBitmap(&row);
+  // 5 x 5 to 2 x 2: weights 100, 100, 50 | 50, 100, 100 along each axis; rows
+  // first (x 20 + y 40 gives 40y + 16 and 40y + 64), then the columns.
+  for (int32_t bits : {8, 16, 24}) {
+    std::vector<uint64_t> v;
+    for (int32_t y = 0; y < 5; ++y)
+      for (int32_t x = 0; x < 5; ++x) {
+        const uint64_t g = uint64_t(x * 20 + y * 40);
+        v.push_back(bits == 24 ? g * 0x010101 : bits == 16 ? g * 257 : g);
+      }
+    BitmapHandle b = from_values(5, 5, bits, v);
+    ASSERT_EQ(V_SizeBitmap(&b, 2, 2, SIZE_RESAMPLE), RESULT_OK);
+    std::vector<uint64_t> want = {48, 96, 144, 192};
+    for (auto& w : want) w = bits == 24 ? w * 0x010101 : bits == 16 ? w * 257 : w;
+    EXPECT_EQ(pixels_of(&b).v, want) << bits << " bits";
+    V_FreeBitmap(&b);
+  }
+}
+
+TEST_F(Resize, TheSplineOfALinearRampIsTheRamp) {
+  // Along x: 12 samples 10 + 20 x to 30 (ratio 0.4; the first sample is
+  // repeated once), and the same down the columns.
+  std::vector<uint64_t> v;
+  for (int32_t y = 0; y < 12; ++y)
+    for (int32_t x = 0; x < 12; ++x) v.push_back(uint64_t(10 + 10 * x + 10 * y));
+  BitmapHandle b = from_values(12, 12, 8, v);
+  ASSERT_EQ(V_SizeBitmap(&b, 30, 30, SIZE_SMOOTH), RESULT_OK);
+  const Pixels p = pixels_of(&b);
+  for (int32_t y = 2; y < 27; ++y)
+    for (int32_t x = 2; x < 27; ++x) {
+      const double want = 10 + 10 * (x - 1) * 0.4 + 10 * (y - 1) * 0.4;
+      ASSERT_NEAR(double(p.at(x, y)), want, 1.0) << x << "," << y;
+    }
+  V_FreeBitmap(&b);
 }
 
 TEST_F(Resize, NearestPicksTheSteppedPixelAndWritesBottomUpBetweenViews0And2) {
