@@ -38,6 +38,33 @@ int32_t storage_row(const BitmapHandle& bm, int32_t y) {
   return bm.ViewPerspective == 2 ? bm.Height - 1 - y : y;
 }
 
+// What the file gets: the record's layout, or the nearest one the codecs
+// have (the record need not have storage).
+ImageInfo rows_info(BitmapHandle& bm) {
+  const int bits = bm.BitsPerPixel;
+  ImageInfo img;
+  img.width = bm.Width;
+  img.height = bm.Height;
+  img.bits = bits == 12 ? 16 : bits;
+  img.order = bm.Order;
+  if (bits == 12) img.order = ORDER_GRAY;
+  if (bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48)) img.order = ORDER_BGR;
+  if (bits == 16 && bm.Order != ORDER_GRAY && bm.Order != ORDER_RGB) img.order = ORDER_BGR;
+  if (bits <= 8) img.order = ORDER_RGB;
+  img.xdpi = bm.XResolution;
+  img.ydpi = bm.YResolution;
+  if (bits <= 8) {
+    std::vector<RGBQUAD> pal(size_t(1) << bits);
+    const int32_t n = bm.Palette ? V_GetBitmapPaletteEntries(&bm, 0, static_cast<int32_t>(pal.size()), pal.data()) : 0;
+    const size_t count = bm.ColorCount && bm.ColorCount < pal.size() ? bm.ColorCount : pal.size();
+    img.palette.resize(n > 0 ? std::min<size_t>(count, static_cast<size_t>(n)) : 0);
+    for (size_t i = 0; i < img.palette.size(); ++i)
+      img.palette[i] = Colour{pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, 0};
+    if (img.palette.empty()) throw LibraryError("the bitmap's palette cannot be read", RESULT_FAIL);
+  }
+  return img;
+}
+
 namespace {
 
 // Rows moved per block: big enough that the per-call costs vanish, small
@@ -208,32 +235,6 @@ class AlphaOut {
   bool wide_;
 };
 
-// What the file gets: the record's layout, or the nearest one the codecs
-// have (the record need not have storage).
-ImageInfo rows_info(BitmapHandle& bm) {
-  const int bits = bm.BitsPerPixel;
-  ImageInfo img;
-  img.width = bm.Width;
-  img.height = bm.Height;
-  img.bits = bits == 12 ? 16 : bits;
-  img.order = bm.Order;
-  if (bits == 12) img.order = ORDER_GRAY;
-  if (bm.Order == ORDER_BGR_ALT && (bits == 24 || bits == 48)) img.order = ORDER_BGR;
-  if (bits == 16 && bm.Order != ORDER_GRAY && bm.Order != ORDER_RGB) img.order = ORDER_BGR;
-  if (bits <= 8) img.order = ORDER_RGB;
-  img.xdpi = bm.XResolution;
-  img.ydpi = bm.YResolution;
-  if (bits <= 8) {
-    std::vector<RGBQUAD> pal(size_t(1) << bits);
-    const int32_t n = bm.Palette ? V_GetBitmapPaletteEntries(&bm, 0, static_cast<int32_t>(pal.size()), pal.data()) : 0;
-    const size_t count = bm.ColorCount && bm.ColorCount < pal.size() ? bm.ColorCount : pal.size();
-    img.palette.resize(n > 0 ? std::min<size_t>(count, static_cast<size_t>(n)) : 0);
-    for (size_t i = 0; i < img.palette.size(); ++i)
-      img.palette[i] = Colour{pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, 0};
-    if (img.palette.empty()) throw LibraryError("the bitmap's palette cannot be read", RESULT_FAIL);
-  }
-  return img;
-}
 
 // Rows of a bitmap in blocks, as the file needs them: straight from the
 // storage when nothing needs converting and no copy is asked for, else

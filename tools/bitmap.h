@@ -113,6 +113,10 @@ std::vector<Bitmap> load_pages(const std::string& path, int memory_type);
 void save_bitmaps(const std::vector<BitmapHandle*>& pages, const std::string& path, Format format,
                   const EncodeOptions& options, std::vector<std::string>* notes);
 
+// What a file gets from rows laid out as `record` describes them: its
+// layout, or the nearest one the codecs have (it needs no storage).
+ImageInfo rows_info(BitmapHandle& record);
+
 // Storage row of the seen row y (view perspectives 0 and 2 only).
 int32_t storage_row(const BitmapHandle& bm, int32_t y);
 

@@ -615,30 +615,25 @@ class ReduceStage final : public RowStage {
     check_result(V_ColorResBitmap(probe.get(), probe.get(), req_.bits, req_.flags,
                                   req_.palette.empty() ? nullptr : req_.palette.data(), nullptr, req_.colors, nullptr, 0),
                  "--reduce " + arg_);
-    const int32_t most = 1 << req_.bits;
-    const int32_t count = probe->ColorCount > 0 && static_cast<int32_t>(probe->ColorCount) < most
-                              ? static_cast<int32_t>(probe->ColorCount) : most;
-    RGBQUAD pal[256] = {};
-    if (V_GetBitmapPaletteEntries(probe.get(), 0, count, pal) != count)
-      throw LibraryError("--reduce " + arg_ + ": the palette cannot be read", RESULT_FAIL);
+    // The result is laid out as the probe is, at the source's size.
+    ImageInfo out = rows_info(*probe.get());
+    out.width = source.Width;
+    out.height = source.Height;
+    out.xdpi = source.XResolution;
+    out.ydpi = source.YResolution;
+    std::vector<RGBQUAD> pal;
+    for (const Colour& c : out.palette) pal.push_back(RGBQUAD{c.b, c.g, c.r, 0});
 
     source_ = &source;
     if (dither_ >= 0) source.DitheringMethod = dither_;
-    check_result(V_StartDitheringExt(&source, pal, count, req_.bits, nullptr), "--reduce " + arg_);
-
-    ImageInfo out;
-    out.width = source.Width;
-    out.height = source.Height;
-    out.bits = req_.bits;
-    out.order = kOrderRgb;
-    out.xdpi = source.XResolution;
-    out.ydpi = source.YResolution;
-    for (int32_t i = 0; i < count; ++i) out.palette.push_back(Colour{pal[i].rgbBlue, pal[i].rgbGreen, pal[i].rgbRed, 0});
+    check_result(V_StartDitheringExt(&source, pal.data(), static_cast<int32_t>(pal.size()), req_.bits, nullptr),
+                 "--reduce " + arg_);
     return out;
   }
 
   void run(uint8_t* source_row, uint8_t* result_row) override {
-    check_result(V_DitherLine(source_, source_row, result_row), "--reduce " + arg_);
+    const int32_t r = V_DitherLine(source_, source_row, result_row);
+    if (r != RESULT_OK) check_result(r, "--reduce " + arg_);
   }
 
   void end() noexcept override {
@@ -676,8 +671,8 @@ class GrayStage final : public RowStage {
   }
 
   void run(uint8_t* source_row, uint8_t* result_row) override {
-    check_result(V_ConvertBufferExt(source_row, width_, 24, 0, order_, ORDER_GRAY, nullptr, nullptr, 0, 0, 0),
-                 "--gray 8");
+    const int32_t r = V_ConvertBufferExt(source_row, width_, 24, 0, order_, ORDER_GRAY, nullptr, nullptr, 0, 0, 0);
+    if (r != RESULT_OK) check_result(r, "--gray 8");
     std::memcpy(result_row, source_row, static_cast<size_t>(width_));
   }
 

@@ -296,9 +296,10 @@ int run_pipeline(Command& cmd) {
   }
   // One --reduce to a palette chosen in advance runs as the file is read,
   // straight into the output, with no picture-sized memory.
+  // Both need an output written from rows (not BMP).
+  const bool row_output = !cmd.output.empty() && output_format(cmd.settings, cmd.output) != Format::bmp;
   std::unique_ptr<RowStage> stage;
-  if (cmd.steps.size() == 1 && !cmd.output.empty() && cmd.settings.memory_type == TYPE_CONVENTIONAL &&
-      output_format(cmd.settings, cmd.output) != Format::bmp)
+  if (cmd.steps.size() == 1 && row_output && cmd.settings.memory_type == TYPE_CONVENTIONAL)
     stage = streaming_stage(cmd.steps[0], cmd.settings);
   Context ctx{Bitmap{}, input, cmd.settings, &std::cout};
   std::vector<std::string> notes;
@@ -313,8 +314,7 @@ int run_pipeline(Command& cmd) {
     }
     // A --reduce at the end hands its rows straight to the output (to a
     // palette of up to 8 bits): the reduced picture is never whole.
-    const bool last_reduce = !cmd.steps.empty() && cmd.steps.back().option == "--reduce" && !cmd.output.empty() &&
-                             output_format(cmd.settings, cmd.output) != Format::bmp;
+    const bool last_reduce = row_output && !cmd.steps.empty() && cmd.steps.back().option == "--reduce";
     for (size_t k = 0; k + (last_reduce ? 1 : 0) < cmd.steps.size(); ++k) run_step(ctx, cmd.steps[k]);
     if (last_reduce) {
       const Step& s = cmd.steps.back();
