@@ -14,7 +14,9 @@
 // rows and divides once per channel per pixel, truncating toward zero.
 #include "dither.h"
 
+#include <array>
 #include <climits>
+#include <cstddef>
 #include <cstring>
 #include <type_traits>
 
@@ -55,7 +57,7 @@ constexpr uint8_t kClusteredMatrix[64] = {
     132, 220, 188, 156, 100, 68,  36,  124,
 };
 
-inline int clamp255(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
+constexpr int clamp255(int v) { return v < 0 ? 0 : (v > 255 ? 255 : v); }
 
 // ---- error-diffusion kernels ---------------------------------------------------
 // F: farthest same-line column reached (x + F); it is also the margin.
@@ -139,6 +141,21 @@ void decode_gray(DitherContext& c, uint8_t* in, int32_t width) {
     }
   }
 }
+
+// Sources whose palette is all grays, for the one-channel kernels: the
+// levels go to RowGray.  An 8-bit source with the plain 0-255 gray palette
+// is its own row of levels.
+void decode_indexed_levels(DitherContext& c, uint8_t* in, int32_t width) {
+  const uint32_t n = uint32_t(width);
+  uint8_t* idx = c.RowWork;
+  c.Codec->decode(in, 0, n, idx, SampleRange{});
+  uint8_t* out = reinterpret_cast<uint8_t*>(c.RowRgb);
+  const RGBQUAD* pal = c.SourcePalette;
+  for (uint32_t i = 0; i < n; ++i) out[i] = pal[idx[i]].rgbRed;
+  c.RowGray = out;
+}
+
+void decode_levels_in_place(DitherContext& c, uint8_t* in, int32_t) { c.RowGray = in; }
 
 void decode_colour(DitherContext& c, uint8_t* in, int32_t width) {
   c.Codec->decode8(in, 0, uint32_t(width), c.RowRgb, SampleRange{});
@@ -537,6 +554,88 @@ void row_fs_black_white(DitherContext& c, uint8_t* out, int32_t width) {
   }
 }
 
+// Stops the compiler from merging a pointer back into the sum it came from,
+// which would put the addition on the path the next pixel waits for.
+template <class T>
+inline void keep_apart(T& value) {
+#if defined(__GNUC__)
+  __asm__("" : "+r"(value));
+#else
+  (void)value;
+#endif
+}
+
+// Error of a gray level u (before clamping) dithered to black or white,
+// and seven times it.  Errors never exceed 127 either way, so u stays within
+// -127 .. 382: the tables cover that with room to spare.
+constexpr int kFsGrayLow = 256, kFsGrayLevels = 768;
+constexpr int fs_gray_error(int i) {
+  const int v = clamp255(i - kFsGrayLow);
+  return v >= 128 ? v - 255 : v;
+}
+template <class T, int Times>
+constexpr std::array<T, kFsGrayLevels> fs_gray_table() {
+  std::array<T, kFsGrayLevels> t{};
+  for (int i = 0; i < kFsGrayLevels; ++i) t[size_t(i)] = T(Times * fs_gray_error(i));
+  return t;
+}
+// Seven times the error is pointer-wide, as the sum it joins.
+constexpr std::array<std::ptrdiff_t, kFsGrayLevels> kFsGrayError7 = fs_gray_table<std::ptrdiff_t, 7>();
+constexpr std::array<int32_t, kFsGrayLevels> kFsGrayError = fs_gray_table<int32_t, 1>();
+
+// The same for a source of grays.  All three channels then carry the same
+// errors, so one is enough: the level is white from 128 up, which is where
+// (2v + 5v + v + 4) >> 10 turns to 1.  The other channels' error rows stay
+// zero; nothing reads them.
+template <bool OneBit>
+void row_fs_black_white_gray(DitherContext& c, uint8_t* out, int32_t width) {
+  int32_t* row = c.ErrorRows[0] + c.Margin;
+  row[-1] = 0;
+  // Pointer-wide so the step's division feeds the table's address directly.
+  std::ptrdiff_t car = row[0];
+  int left = 0, here = 0;
+  row[0] = 0;
+  if (width < 1) return;
+  const uint8_t* src = c.RowGray;
+  const std::ptrdiff_t* error7 = kFsGrayError7.data() + kFsGrayLow;
+  const int32_t* error = kFsGrayError.data() + kFsGrayLow;
+  auto pixel = [&](int32_t x) -> uint32_t {
+    // The level with its pending error is looked up rather than clamped and
+    // compared, and the level's own offset is added before the error is
+    // known: the next pixel waits on a division and one load.
+    const std::ptrdiff_t* error7_here = error7 + src[x];
+    keep_apart(error7_here);
+    const std::ptrdiff_t q = car / KernelFloydSteinberg::D;  // toward zero
+    const int e = error[src[x] + q];
+    row[x - 1] = left + 3 * e;
+    left = here + 5 * e;
+    here = e;
+    car = std::ptrdiff_t(row[x + 1]) + error7_here[q];
+    return src[x] + int(q) >= 128;  // white from 128 up
+  };
+  int32_t x = 0;
+  if constexpr (OneBit) {
+    for (; x + 8 <= width; x += 8) {
+      uint32_t byte = 0;
+      for (int k = 0; k < 8; ++k) byte = byte << 1 | pixel(x + k);
+      *out++ = uint8_t(byte);
+    }
+    if (x < width) {  // the last partial byte keeps its other (low) bits
+      const int n = width - x;
+      uint32_t byte = 0;
+      for (; x < width; ++x) byte = byte << 1 | pixel(x);
+      const uint8_t keep = uint8_t(0xFFu >> n);
+      *out = uint8_t(((byte << (8 - n)) & ~uint32_t(keep)) | (*out & keep));
+    }
+  } else {
+    Packer pk(out, c.OutputBits);
+    for (; x < width; ++x) pk.put(pixel(x));
+    pk.finish();
+  }
+  row[width - 1] = left;
+  row[width] = here;
+}
+
 // ---- picking the row function (once, at start) ---------------------------------------------
 
 struct Plain {
@@ -740,6 +839,19 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
   if (order == ORDER_GRAY && bits != 12 && bits != 16) gray_range(bits, 8, bm->LowBit, bm->HighBit, *c);
 
   c->Row = pick_row(method, mode, c->ColorCount, c->OutputBits);
+  if (bits <= 8 && (c->Row == &row_fs_black_white<true> || c->Row == &row_fs_black_white<false>)) {
+    // A palette of grays needs one error channel, not three.
+    bool grays = true, plain = bits == 8;
+    for (int i = 0; i < 256; ++i) {
+      const RGBQUAD& q = c->SourcePalette[i];
+      grays = grays && q.rgbRed == q.rgbGreen && q.rgbRed == q.rgbBlue;
+      plain = plain && q.rgbRed == i;
+    }
+    if (grays) {
+      c->Decode = plain ? decode_levels_in_place : decode_indexed_levels;
+      c->Row = c->OutputBits == 1 ? &row_fs_black_white_gray<true> : &row_fs_black_white_gray<false>;
+    }
+  }
 
   // Pre-seed: exact palette colours resolve without a search; the first
   // entry that falls in a cell wins.  A caller's table is seeded in place,

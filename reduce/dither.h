@@ -76,6 +76,7 @@ struct DitherContext {
   const RunCodec* Codec;     // the source layout's run codecs
   Rgb8* RowRgb;              // the decoded row, Width pixels
   uint8_t* RowWork;          // indices or gray samples before they become RowRgb
+  const uint8_t* RowGray;    // gray levels of the row, for sources of grays only
   int32_t Stride;            // bytes per pixel of the second colour space's rows
   const uint32_t* GrayLut;   // in force only with BITMAP_GRAY_FLAG
   uint32_t GrayLutLength;

@@ -489,6 +489,63 @@ TEST(Dither, PaletteSourcesOfEveryDepth) {
   }
 }
 
+// Black and white from sources of grays runs on one error channel; it must
+// give what the three channels give on the same pixels as 24-bit colour,
+// line after line.  The last case has one colour among the grays (every
+// fourth pixel), which must keep the three channels.
+TEST(Dither, BlackAndWhiteFromGraysMatchesColour) {
+  const RGBQUAD* bw = V_IntGetFixedPalette(1);
+  std::vector<RGBQUAD> plain, reversed, steps16, one_colour;
+  for (int i = 0; i < 256; ++i) {
+    plain.push_back(quad(i, i, i));
+    reversed.push_back(quad(255 - i, 255 - i, 255 - i));
+  }
+  for (int i = 0; i < 16; ++i) steps16.push_back(quad(i * 17, i * 17, i * 17));
+  one_colour = plain;
+  one_colour[100] = quad(200, 200, 30);
+  struct Case {
+    const char* what;
+    int bits;
+    const std::vector<RGBQUAD>* pal;
+  };
+  for (const Case& k : {Case{"plain", 8, &plain}, Case{"reversed", 8, &reversed}, Case{"16 steps", 4, &steps16},
+                        Case{"one colour", 8, &one_colour}})
+    for (int width : {1, 7, 8, 13, 40}) {
+      SCOPED_TRACE(testing::Message() << k.what << ", width " << width);
+      std::mt19937 rng(77u + unsigned(width));
+      const int n = int(k.pal->size());
+      std::vector<std::vector<uint8_t>> rows;
+      Image img;
+      for (int y = 0; y < 9; ++y) {
+        std::vector<uint8_t> row(size_t((width * k.bits + 7) / 8), 0);
+        std::vector<Rgb> line;
+        for (int x = 0; x < width; ++x) {
+          const uint32_t i = (x + y) % 4 == 0 ? 100u % uint32_t(n) : rng() % uint32_t(n);
+          put_bits(row, x, k.bits, i);
+          const RGBQUAD& q = (*k.pal)[i];
+          line.push_back({q.rgbRed, q.rgbGreen, q.rgbBlue});
+        }
+        rows.push_back(row);
+        img.push_back(line);
+      }
+      for (int outBits : {1, 8}) {
+        BitmapHandle b = source(width, k.bits, ORDER_RGB, DITHER_FLOYD_STEINBERG);
+        b.Flags = PALETTE_IS_TABLE;
+        b.Palette = const_cast<RGBQUAD*>(k.pal->data());
+        b.ColorCount = uint32_t(n);
+        ASSERT_EQ(V_StartDitheringExt(&b, bw, 2, outBits, nullptr), RESULT_OK);
+        std::vector<std::vector<int>> got;
+        for (std::vector<uint8_t>& row : rows) {
+          std::vector<uint8_t> out(size_t(width) + 8, 0);
+          ASSERT_EQ(V_DitherLine(&b, row.data(), out.data()), RESULT_OK);
+          got.push_back(unpack(out, outBits, width));
+        }
+        EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
+        EXPECT_EQ(got, run_rgb(img, DITHER_FLOYD_STEINBERG, bw, 2, outBits)) << outBits << " bits out";
+      }
+    }
+}
+
 TEST(Dither, DirectColourSourcesOfEveryLayout) {
   const std::vector<Rgb> c = {{0, 0, 0}, {255, 255, 255}, {200, 40, 16}, {17, 180, 99}, {64, 96, 224}, {130, 7, 250}};
   auto bytes = [&](int stride, int ro, int go, int bo, bool wide) {
