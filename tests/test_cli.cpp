@@ -586,7 +586,8 @@ TEST_F(CliProgram, ReduceWithEachPaletteChoice) {
 }
 
 // Every gray reduction gives gray entries only; one bit gives black and
-// white unless a palette is named; the default dithering is Floyd-Steinberg.
+// white, from the gray levels, unless a palette is named; the default
+// dithering is Floyd-Steinberg.
 TEST_F(CliProgram, ReduceDefaultsGrayAndOneBit) {
   save("a.png", random_image(24, 1, {}, 21, 33, 17));
   for (const char* arg : {"8:gray", "4:gray", "2:grey", "1:gray"}) {
@@ -600,6 +601,9 @@ TEST_F(CliProgram, ReduceDefaultsGrayAndOneBit) {
   ASSERT_EQ(2u, bw.palette.size());
   EXPECT_EQ(255, bw.palette[0].r ^ bw.palette[1].r);
   EXPECT_EQ(255, bw.palette[0].b ^ bw.palette[1].b);
+  // Error diffusion to black and white dithers the gray levels.
+  ASSERT_EQ(0, run({path("a.png"), "--gray", "8", "--reduce", "1", path("gbw.png")}).status);
+  EXPECT_EQ(vkimg::read_file(path("gbw.png")), vkimg::read_file(path("bw.png")));
   // An asked-for palette is kept at one bit.
   save("pal.png", random_image(1, 0, {{10, 200, 30, 0}, {90, 20, 250, 0}}, 1));
   ASSERT_EQ(0, run({path("a.png"), "--reduce", "1", "--palette", path("pal.png"), path("p.png")}).status);
@@ -703,6 +707,7 @@ TEST_F(CliProgram, StreamedStepsMatchTheWholeBitmap) {
   const Case cases[] = {
       {"rgb.ppm", {"--reduce", "1"}, "o.pbm"},
       {"rgb.ppm", {"--reduce", "1", "--dither", "ordered"}, "o.pbm"},
+      {"bgr.bmp", {"--reduce", "1:gray", "--dither", "sierra"}, "o.pbm"},
       {"rgb.ppm", {"--reduce", "4", "--palette", "fixed", "--dither", "stucki"}, "o.png"},
       {"rgb.ppm", {"--reduce", "8", "--palette", "cube", "--dither", "ordered"}, "o.png"},
       {"rgb.ppm", {"--reduce", "2:gray"}, "o.tif"},

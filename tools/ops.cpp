@@ -321,9 +321,26 @@ void op_put_pixel(Context& ctx, const std::string& arg) {
                "--put-pixel " + arg);
 }
 
+// An 8-bit picture whose palette holds only grays.
+bool gray_levels(BitmapHandle& bm) {
+  if (bm.BitsPerPixel != 8) return false;
+  RGBQUAD pal[256] = {};
+  if (V_GetBitmapPaletteEntries(&bm, 0, 256, pal) <= 0) return false;
+  for (const RGBQUAD& q : pal)
+    if (q.rgbRed != q.rgbGreen || q.rgbRed != q.rgbBlue) return false;
+  return true;
+}
+
+// Black and white starts from the gray levels.
+void gray_for(const ReduceRequest& req, BitmapHandle& bm, const std::string& arg) {
+  if (req.black_and_white && bm.BitsPerPixel != 1 && !gray_levels(bm))
+    check_result(V_GrayScaleBitmap(&bm, 8), "--reduce " + arg);
+}
+
 void op_reduce(Context& ctx, const std::string& arg) {
   BitmapHandle& bm = need_bitmap(ctx, "--reduce");
   ReduceRequest req = parse_reduce(arg, ctx.settings);
+  gray_for(req, bm, arg);
   if (ctx.settings.dither >= 0) bm.DitheringMethod = ctx.settings.dither;
   check_result(V_ColorResBitmap(&bm, &bm, req.bits, req.flags, req.palette.empty() ? nullptr : req.palette.data(),
                                 nullptr, req.colors, nullptr, 0),
@@ -551,6 +568,12 @@ void op_alpha_in(Context& ctx, const std::string& arg) {
 
 }  // namespace
 
+namespace {
+
+bool diffuses(int method) { return method >= DITHER_FLOYD_STEINBERG && method <= DITHER_JARVIS; }
+
+}  // namespace
+
 ReduceRequest parse_reduce(const std::string& arg, const Settings& s) {
   const size_t colon = arg.find(':');
   ReduceRequest req;
@@ -570,13 +593,17 @@ ReduceRequest parse_reduce(const std::string& arg, const Settings& s) {
     req.flags = RESOLVE_USER_PALETTE;
     req.palette = gray_palette(req.bits);
     req.colors = static_cast<int32_t>(req.palette.size());
+    req.black_and_white = bits == 1 && diffuses(s.dither);
     return req;
   }
   // Two arbitrary colours are rarely what one bit is wanted for: black and
   // white unless a palette was asked for.
   const PaletteMode mode = bits == 1 && !s.palette_given ? PaletteMode::fixed : s.palette;
   switch (mode) {
-    case PaletteMode::fixed: req.flags = RESOLVE_FIXED; break;
+    case PaletteMode::fixed:
+      req.flags = RESOLVE_FIXED;
+      req.black_and_white = bits == 1 && diffuses(s.dither);
+      break;
     case PaletteMode::cube:
       if (bits != 8) throw UsageError("--palette cube needs --reduce 8");
       req.flags = RESOLVE_CUBE;
@@ -605,6 +632,11 @@ class ReduceStage final : public RowStage {
   ReduceStage(ReduceRequest req, std::string arg, int dither)
       : req_(std::move(req)), arg_(std::move(arg)), dither_(dither) {}
 
+  // Black and white takes gray levels, or 24-bit colour made gray row by row.
+  bool accepts(const BitmapHandle& source) const override {
+    return !req_.black_and_white || colour24(source) || gray_levels(const_cast<BitmapHandle&>(source));
+  }
+
   ImageInfo begin(BitmapHandle& source) override {
     // The palette is whatever colour resolution gives a one-pixel picture
     // with the same request: it does not depend on the pixels.
@@ -624,14 +656,30 @@ class ReduceStage final : public RowStage {
     std::vector<RGBQUAD> pal;
     for (const Colour& c : out.palette) pal.push_back(RGBQUAD{c.b, c.g, c.r, 0});
 
-    source_ = &source;
-    if (dither_ >= 0) source.DitheringMethod = dither_;
-    check_result(V_StartDitheringExt(&source, pal.data(), static_cast<int32_t>(pal.size()), req_.bits, nullptr),
+    BitmapHandle* dithered = &source;
+    if (req_.black_and_white && colour24(source)) {
+      // The rows become gray levels in place, dithered as an 8-bit gray
+      // picture's (a one-row one: dithering reads no storage).
+      const int32_t g = V_CreateBitmap(gray_.get(), TYPE_CONVENTIONAL, source.Width, 1, 8, ORDER_RGB,
+                                       gray_palette(8).data(), 0, nullptr, 0);
+      if (gray_.allocated()) gray_.adopt();
+      check_result(g, "--reduce " + arg_);
+      gray_order_ = source.Order;
+      dithered = gray_.get();
+    }
+    if (dither_ >= 0) dithered->DitheringMethod = dither_;
+    check_result(V_StartDitheringExt(dithered, pal.data(), static_cast<int32_t>(pal.size()), req_.bits, nullptr),
                  "--reduce " + arg_);
+    source_ = dithered;
     return out;
   }
 
   void run(uint8_t* source_row, uint8_t* result_row) override {
+    if (source_ == gray_.get()) {
+      const int32_t g = V_ConvertBufferExt(source_row, source_->Width, 24, 0, gray_order_, ORDER_GRAY, nullptr,
+                                           nullptr, 0, 0, 0);
+      if (g != RESULT_OK) check_result(g, "--reduce " + arg_);
+    }
     const int32_t r = V_DitherLine(source_, source_row, result_row);
     if (r != RESULT_OK) check_result(r, "--reduce " + arg_);
   }
@@ -646,6 +694,12 @@ class ReduceStage final : public RowStage {
   std::string arg_;
   int dither_;
   BitmapHandle* source_ = nullptr;
+  Bitmap gray_;
+  int32_t gray_order_ = ORDER_RGB;
+
+  static bool colour24(const BitmapHandle& b) {
+    return b.BitsPerPixel == 24 && (b.Order == ORDER_RGB || b.Order == ORDER_BGR);
+  }
 };
 
 // Gray of 8 bits from 24-bit colour is the library's gray level of each
@@ -708,6 +762,7 @@ bool reduce_to_file(Context& ctx, const std::string& arg, FileSink& sink) {
   BitmapHandle& bm = need_bitmap(ctx, "--reduce");
   ReduceRequest req = parse_reduce(arg, ctx.settings);
   if (req.bits > 8 || bm.ViewPerspective != 0) return false;
+  gray_for(req, bm, arg);
   if (ctx.settings.dither >= 0) bm.DitheringMethod = ctx.settings.dither;
   SinkCall call{&sink, nullptr};
   const int32_t r = V_ColorResBitmap(&bm, nullptr, req.bits, req.flags, req.palette.empty() ? nullptr : req.palette.data(),

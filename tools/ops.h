@@ -96,6 +96,10 @@ struct ReduceRequest {
   uint32_t flags = 0;
   std::vector<RGBQUAD> palette;  // empty: the library picks
   int32_t colors = 0;
+  // Black and white by error diffusion: the picture's gray levels are
+  // dithered, as the usual tools do, rather than each colour channel on its
+  // own (the other methods already decide each pixel by its gray level).
+  bool black_and_white = false;
 };
 ReduceRequest parse_reduce(const std::string& arg, const Settings& s);
 
