@@ -107,20 +107,30 @@ void store_index(uint8_t* p, int32_t bits, uint32_t bit, uint32_t index) {
     return 0;
   });
 }
+
+// The colour layouts of one pixel by depth and channel order: a single
+// pixel pays for every step on its way to a layout, so this goes straight
+// from the depth (callers have ruled out the others).
+template <class Fn>
+decltype(auto) with_colour_layout(int32_t bits, bool bgr, Fn&& f) {
+  switch (bits) {
+    case 16: return bgr ? f(Rgb555<true>{}) : f(Rgb555<false>{});
+    case 24: return bgr ? f(Rgb8Bytes<true, 3>{}) : f(Rgb8Bytes<false, 3>{});
+    case 32: return bgr ? f(Rgb8Bytes<true, 4>{}) : f(Rgb8Bytes<false, 4>{});
+    case 48: return bgr ? f(Rgb16Words<true, 6>{}) : f(Rgb16Words<false, 6>{});
+    default: return bgr ? f(Rgb16Words<true, 8>{}) : f(Rgb16Words<false, 8>{});
+  }
+}
+
 Rgb8 stored_colour(const uint8_t* p, int32_t bits, bool bgr) {
-  return with_layout(bits, bgr ? kBgr : kRgb, [&](auto layout) -> Rgb8 {
-    using F = decltype(layout);
-    if constexpr (F::kForm == Form::rgb8 || F::kForm == Form::rgb16) return F::pixel(p, 0);
-    else return Rgb8{};
-  });
+  return with_colour_layout(bits, bgr, [&](auto layout) -> Rgb8 { return decltype(layout)::pixel(p, 0); });
 }
 // 16-bit channels take the byte in both halves.
 void store_colour(uint8_t* p, int32_t bits, bool bgr, Rgb8 c) {
-  with_layout(bits, bgr ? kBgr : kRgb, [&](auto layout) -> int {
+  with_colour_layout(bits, bgr, [&](auto layout) {
     using F = decltype(layout);
     if constexpr (F::kForm == Form::rgb8) F::put(p, 0, c);
-    else if constexpr (F::kForm == Form::rgb16) F::put(p, 0, Rgb16{widen8(c.r), widen8(c.g), widen8(c.b)});
-    return 0;
+    else F::put(p, 0, Rgb16{widen8(c.r), widen8(c.g), widen8(c.b)});
   });
 }
 
@@ -217,8 +227,7 @@ int32_t colour_value(BitmapHandle* b, uint32_t color, uint64_t& value) {
   }
   uint8_t p[8] = {};
   store_colour(p, bits, b->Order == ORDER_BGR || alt, c);
-  value = 0;
-  for (int i = 7; i >= 0; --i) value = (value << 8) | p[i];
+  value = le64(p);
   return RESULT_OK;
 }
 
@@ -253,7 +262,7 @@ int32_t put_pixel_color(BitmapHandle* b, int32_t row, int32_t column, uint32_t c
   else if (bits == 12)
     Gray12::put_at(p, column & 1, static_cast<uint32_t>(value));
   else
-    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(value >> (8 * i));
+    put_le64(p, value);
   const int32_t put = V_PutBitmapRowCol(b, p, r, s.column, s.bytes);
   if (put < 0) return put;
   return put == s.bytes ? RESULT_OK : RESULT_FAIL;

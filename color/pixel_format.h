@@ -10,6 +10,7 @@
 // pixels through it, so a layout or a rule changes in one place.
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -80,6 +81,27 @@ inline void put_le16(uint8_t* p, uint32_t v) {
   } else {
     p[0] = uint8_t(v);
     p[1] = uint8_t(v >> 8);
+  }
+}
+
+// A whole pixel of up to eight bytes as one value, low byte first: one load
+// or store where the host is little-endian.
+inline uint64_t le64(const uint8_t* p) {
+  if constexpr (std::endian::native == std::endian::little) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    return v;
+  } else {
+    uint64_t v = 0;
+    for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
+    return v;
+  }
+}
+inline void put_le64(uint8_t* p, uint64_t v) {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(p, &v, 8);
+  } else {
+    for (int i = 0; i < 8; ++i) p[i] = uint8_t(v >> (8 * i));
   }
 }
 // An 8-bit channel as a 16-bit one (the byte in both halves).
@@ -352,18 +374,20 @@ inline constexpr uint8_t kLayoutOf[15][3] = {
     {7, 7, 7},    {8, 8, 8},    {10, 11, 9},  {12, 13, 12}, {14, 15, 14}, {16, 17, 16}, {18, 19, 18},
 };
 // The table row of a depth; depths outside the table read as 8 bits (callers
-// check depths first).
-inline constexpr int depth_row(int32_t bits) {
-  switch (bits) {
-    case 12: return 9;
-    case 16: return 10;
-    case 24: return 11;
-    case 32: return 12;
-    case 48: return 13;
-    case 64: return 14;
-    default: return bits >= 0 && bits <= 8 ? bits : 8;
-  }
-}
+// check depths first).  Looked up, not switched on: single-pixel calls pay
+// for every branch they take on the way to a layout.
+inline constexpr std::array<uint8_t, 65> kDepthRow = [] {
+  std::array<uint8_t, 65> t{};
+  for (int bits = 0; bits <= 64; ++bits) t[size_t(bits)] = uint8_t(bits <= 8 ? bits : 8);
+  t[12] = 9;
+  t[16] = 10;
+  t[24] = 11;
+  t[32] = 12;
+  t[48] = 13;
+  t[64] = 14;
+  return t;
+}();
+inline constexpr int depth_row(int32_t bits) { return uint32_t(bits) <= 64u ? kDepthRow[size_t(bits)] : 8; }
 inline constexpr int layout_of(int32_t bits, Channels c) { return kLayoutOf[depth_row(bits)][c]; }
 
 // The run codecs of a depth and channel order.
