@@ -157,6 +157,10 @@ void decode_indexed_levels(DitherContext& c, uint8_t* in, int32_t width) {
 
 void decode_levels_in_place(DitherContext& c, uint8_t* in, int32_t) { c.RowGray = in; }
 
+// 24-bit RGB rows already are 8-bit channels in the kernels' order: they
+// read the caller's row itself (they never write it).
+void decode_rgb_in_place(DitherContext& c, uint8_t* in, int32_t) { c.RowRgb = reinterpret_cast<Rgb8*>(in); }
+
 void decode_colour(DitherContext& c, uint8_t* in, int32_t width) {
   c.Codec->decode8(in, 0, uint32_t(width), c.RowRgb, SampleRange{});
 }
@@ -833,7 +837,7 @@ int32_t start_dithering(BitmapHandle* bm, const RGBQUAD* palette, int32_t colors
     c->Decode = decode_order5;
     c->Stride = bits / 8;
   } else {
-    c->Decode = decode_colour;
+    c->Decode = bits == 24 && order == ORDER_RGB ? decode_rgb_in_place : decode_colour;
     c->Codec = &run_codec(bits, order == ORDER_BGR ? kBgr : kRgb);
   }
   if (order == ORDER_GRAY && bits != 12 && bits != 16) gray_range(bits, 8, bm->LowBit, bm->HighBit, *c);

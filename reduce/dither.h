@@ -74,7 +74,7 @@ struct DitherContext {
   // source reading
   DitherDecodeFn Decode;
   const RunCodec* Codec;     // the source layout's run codecs
-  Rgb8* RowRgb;              // the decoded row, Width pixels
+  Rgb8* RowRgb;              // the decoded row, Width pixels (24-bit RGB: the caller's row)
   uint8_t* RowWork;          // indices or gray samples before they become RowRgb
   const uint8_t* RowGray;    // gray levels of the row, for sources of grays only
   int32_t Stride;            // bytes per pixel of the second colour space's rows
