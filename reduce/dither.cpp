@@ -349,6 +349,40 @@ __attribute__((target("avx2"))) int32_t threshold_gray_bytes_avx2(const Rgb8* in
   const __m128i zero = _mm_setzero_si128(), five = _mm_set1_epi16(5), four = _mm_set1_epi16(4);
   const uint8_t* p = &in[0].r;
   int32_t x = 0;
+  {
+    // Thirty-two at a time: the two 128-bit halves take sixteen pixels each,
+    // so the in-lane shuffles stay as they are.  (No lambdas here: they would
+    // not inherit this function's instruction set.)
+    __m256i pick2[3][3];
+    for (int ch = 0; ch < 3; ++ch)
+      for (int v = 0; v < 3; ++v) pick2[ch][v] = _mm256_broadcastsi128_si256(pick[ch][v]);
+    const __m256i m2 = _mm256_broadcastsi128_si256(m1), zero2 = _mm256_setzero_si256(),
+                  five2 = _mm256_set1_epi16(5), four2 = _mm256_set1_epi16(4);
+    for (; x + 32 <= n; x += 32, p += 96) {
+      __m256i src[3];
+      for (int v = 0; v < 3; ++v)
+        src[v] = _mm256_inserti128_si256(
+            _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * v))),
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 48 + 16 * v)), 1);
+      __m256i ch[3];
+      for (int k = 0; k < 3; ++k)
+        ch[k] = _mm256_or_si256(
+            _mm256_or_si256(_mm256_shuffle_epi8(src[0], pick2[k][0]), _mm256_shuffle_epi8(src[1], pick2[k][1])),
+            _mm256_shuffle_epi8(src[2], pick2[k][2]));
+      __m256i levels[2];
+      for (int half = 0; half < 2; ++half) {
+        __m256i w[3];
+        for (int k = 0; k < 3; ++k)
+          w[k] = half ? _mm256_unpackhi_epi8(ch[k], zero2) : _mm256_unpacklo_epi8(ch[k], zero2);
+        const __m256i sum = _mm256_add_epi16(_mm256_add_epi16(_mm256_slli_epi16(w[0], 1), _mm256_mullo_epi16(w[1], five2)),
+                                             _mm256_add_epi16(w[2], four2));
+        levels[half] = _mm256_srli_epi16(sum, 3);
+      }
+      const __m256i gray = _mm256_packus_epi16(levels[0], levels[1]);
+      const uint32_t mask = uint32_t(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_max_epu8(gray, m2), gray)));
+      for (int k = 0; k < 4; ++k) out[(x >> 3) + k] = uint8_t(mask >> (8 * k));
+    }
+  }
   for (; x + 16 <= n; x += 16, p += 48) {
     const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
     const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16));

@@ -259,6 +259,29 @@ TEST(Dither, OrderedMatricesHandComputed) {
   EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
 }
 
+// Black and white by threshold goes 32, then 16, then 8 pixels at a time
+// and packs the rest: every pixel of a long random row against the rule.
+TEST(Dither, OrderedBlackAndWhiteLongRows) {
+  for (int method : {DITHER_ORDERED, DITHER_CLUSTERED}) {
+    const int w = 93;
+    const Image img = random_image(w, 9, 4321u + unsigned(method));
+    BitmapHandle b = source(w, 24, ORDER_RGB, method);
+    ASSERT_EQ(V_StartDithering(&b, nullptr, 2), RESULT_OK);
+    const uint8_t* matrix = ctx(b).Matrix;
+    for (int y = 0; y < int(img.size()); ++y) {
+      std::vector<uint8_t> in = rgb_row(img[size_t(y)]), out(size_t(w + 7) / 8, 0);
+      ASSERT_EQ(V_DitherLine(&b, in.data(), out.data()), RESULT_OK);
+      const std::vector<int> got = unpack(out, 1, w);
+      for (int x = 0; x < w; ++x) {
+        const Rgb& p = img[size_t(y)][size_t(x)];
+        const int level = (2 * p.r + 5 * p.g + p.b + 4) >> 3;
+        ASSERT_EQ(got[size_t(x)], matrix[(y & 7) * 8 + (x & 7)] < level ? 1 : 0) << method << " " << x << "," << y;
+      }
+    }
+    EXPECT_EQ(V_StopDithering(&b), RESULT_OK);
+  }
+}
+
 TEST(Dither, OrderedOffsetsByModeAndOutputBits) {
   struct Case {
     int mode;
