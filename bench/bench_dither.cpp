@@ -2,7 +2,7 @@
 // 4096 x 3072 = 12.6 megapixels) to 8-bit indices, per method, into the
 // fixed 256-entry palette (closed formula) and into an arbitrary 256-entry
 // palette (engine-owned match table, filled lazily during the run), and to
-// black and white.
+// black and white, also from the picture's gray levels.
 #include <benchmark/benchmark.h>
 
 #include <cstring>
@@ -46,23 +46,41 @@ const RGBQUAD* arbitrary_palette() {
   return pal;
 }
 
-void run(benchmark::State& state, const RGBQUAD* palette, int32_t colors = 256) {
-  const std::vector<uint8_t>& img = photo();
+// The same picture as 8-bit gray levels (its green channel).
+const std::vector<uint8_t>& gray_photo() {
+  static const std::vector<uint8_t> img = [] {
+    const std::vector<uint8_t>& rgb = photo();
+    std::vector<uint8_t> v(size_t(kWidth) * kHeight);
+    for (size_t i = 0; i < v.size(); ++i) v[i] = rgb[3 * i + 1];
+    return v;
+  }();
+  return img;
+}
+
+void run(benchmark::State& state, const RGBQUAD* palette, int32_t colors = 256, bool gray = false) {
+  const std::vector<uint8_t>& img = gray ? gray_photo() : photo();
+  const size_t line = gray ? size_t(kWidth) : size_t(kWidth) * 3;
   std::vector<uint8_t> out(kWidth);
+  RGBQUAD levels[256];
+  for (int i = 0; i < 256; ++i) levels[i] = RGBQUAD{uint8_t(i), uint8_t(i), uint8_t(i), 0};
   BitmapHandle b;
   std::memset(&b, 0, sizeof b);
   b.Width = kWidth;
   b.Height = kHeight;
-  b.BitsPerPixel = 24;
+  b.BitsPerPixel = gray ? 8 : 24;
   b.Order = ORDER_RGB;
+  if (gray) {
+    b.Flags = PALETTE_IS_TABLE;
+    b.Palette = levels;
+    b.ColorCount = 256;
+  }
   b.DitheringMethod = int32_t(state.range(0));
   for (auto _ : state) {
     if (V_StartDithering(&b, palette, colors) != RESULT_OK) {
       state.SkipWithError("start failed");
       break;
     }
-    for (int y = 0; y < kHeight; ++y)
-      V_DitherLine(&b, const_cast<uint8_t*>(&img[size_t(y) * kWidth * 3]), out.data());
+    for (int y = 0; y < kHeight; ++y) V_DitherLine(&b, const_cast<uint8_t*>(&img[size_t(y) * line]), out.data());
     V_StopDithering(&b);
     benchmark::DoNotOptimize(out.data());
   }
@@ -74,10 +92,13 @@ void BM_DitherFixed256(benchmark::State& state) { run(state, nullptr); }
 void BM_DitherOwnTable(benchmark::State& state) { run(state, arbitrary_palette()); }
 // Black and white (fixed 2-entry palette, 1-bit rows), the commonest reduction.
 void BM_DitherBlackWhite(benchmark::State& state) { run(state, nullptr, 2); }
+// Black and white from 8-bit gray levels.
+void BM_DitherGrayBlackWhite(benchmark::State& state) { run(state, nullptr, 2, true); }
 
 // Argument: the dithering method 0 (none) .. 8 (clustered).
 BENCHMARK(BM_DitherFixed256)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DitherOwnTable)->DenseRange(0, 8)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DitherBlackWhite)->Arg(DITHER_FLOYD_STEINBERG)->Arg(DITHER_ORDERED)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DitherGrayBlackWhite)->Arg(DITHER_FLOYD_STEINBERG)->Arg(DITHER_ORDERED)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -134,6 +134,17 @@ void xf_rgb8_level(const void* in, void* out, uint32_t n, const Ctx&) {
   for (uint32_t i = 0; i < n; ++i) o[i] = uint8_t(gray_level(a[i].r, a[i].g, a[i].b));
 }
 
+// 24-bit colour straight to gray levels, in place over the whole row: the
+// commonest gray conversion in one pass, with no staging.  Writing level i
+// at byte i never overtakes the pixels still to be read (from byte 3i on).
+template <bool Bgr>
+void rgb24_levels_in_place(uint8_t* buf, size_t w) {
+  for (size_t i = 0; i < w; ++i) {
+    const Rgb8 c = Rgb8Bytes<Bgr, 3>::pixel(buf, i);
+    buf[i] = uint8_t(gray_level(c.r, c.g, c.b));
+  }
+}
+
 // Colour -> gray level -> destination gray word (t16 holds level -> word).
 void xf_rgb8_gray(const void* in, void* out, uint32_t n, const Ctx& c) {
   const Rgb8* a = static_cast<const Rgb8*>(in);
@@ -174,6 +185,7 @@ struct Plan {
   bool nothing = false;     // the row is already in the destination format
   bool alt_in = false;      // 24-bit second colour space -> BGR before converting
   bool alt_out = false;     // BGR -> second colour space after converting
+  void (*whole_row)(uint8_t* buf, size_t w) = nullptr;  // one pass instead of decode, transform, encode
 };
 
 // What a source yields.
@@ -464,7 +476,10 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
     plan.xform = nullptr;  // 16-bit channels to 16-bit channels
   } else {  // rgb8
     switch (dk) {
-      case DstKind::level: plan.xform = xf_rgb8_level; break;
+      case DstKind::level:
+        plan.xform = xf_rgb8_level;
+        if (sb == 24 && !plan.alt_in) plan.whole_row = sbgr ? rgb24_levels_in_place<true> : rgb24_levels_in_place<false>;
+        break;
       case DstKind::index:
         std::memset(cache.key, 0xFF, sizeof cache.key);  // no 24-bit key has the top byte set
         ctx.cache = &cache;
@@ -512,7 +527,9 @@ int32_t convert_buffer(uint8_t* buf, int32_t width, int32_t sb, int32_t db, int3
       plan.encode(buf, start, n, stage_a);
     }
   };
-  if (plan.backwards) {
+  if (plan.whole_row) {
+    plan.whole_row(buf, w);
+  } else if (plan.backwards) {
     for (size_t end = w; end > 0;) {
       const uint32_t n = uint32_t(end < kChunk ? end : kChunk);
       end -= n;
