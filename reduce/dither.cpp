@@ -534,6 +534,31 @@ void row_diffuse(DitherContext& c, uint8_t* out, int32_t width) {
   pk.finish();
 }
 
+// The black-or-white answers of pixel(x), x = 0 .. width - 1, packed eight
+// to a byte (OneBit) or outputBits each.
+template <bool OneBit, class Pixel>
+inline void pack_black_white(uint8_t* out, int32_t width, uint32_t outputBits, Pixel& pixel) {
+  int32_t x = 0;
+  if constexpr (OneBit) {
+    for (; x + 8 <= width; x += 8) {
+      uint32_t byte = 0;
+      for (int k = 0; k < 8; ++k) byte = byte << 1 | pixel(x + k);
+      *out++ = uint8_t(byte);
+    }
+    if (x < width) {  // the last partial byte keeps its other (low) bits
+      const int n = width - x;
+      uint32_t byte = 0;
+      for (; x < width; ++x) byte = byte << 1 | pixel(x);
+      const uint8_t keep = uint8_t(0xFFu >> n);
+      *out = uint8_t(((byte << (8 - n)) & ~uint32_t(keep)) | (*out & keep));
+    }
+  } else {
+    Packer pk(out, outputBits);
+    for (; x < width; ++x) pk.put(pixel(x));
+    pk.finish();
+  }
+}
+
 // Black and white Floyd-Steinberg: every index is 0 (black) or 1 (white).
 // The sums are those of the general row function; the error row's slots
 // roll through registers (`left`: column x - 1, `here`: column x, both still
@@ -567,25 +592,7 @@ void row_fs_black_white(DitherContext& c, uint8_t* out, int32_t width) {
     }
     return white;
   };
-  int32_t x = 0;
-  if constexpr (OneBit) {
-    for (; x + 8 <= width; x += 8) {
-      uint32_t byte = 0;
-      for (int k = 0; k < 8; ++k) byte = byte << 1 | pixel(x + k);
-      *out++ = uint8_t(byte);
-    }
-    if (x < width) {  // the last partial byte keeps its other (low) bits
-      const int n = width - x;
-      uint32_t byte = 0;
-      for (; x < width; ++x) byte = byte << 1 | pixel(x);
-      const uint8_t keep = uint8_t(0xFFu >> n);
-      *out = uint8_t(((byte << (8 - n)) & ~uint32_t(keep)) | (*out & keep));
-    }
-  } else {
-    Packer pk(out, c.OutputBits);
-    for (; x < width; ++x) pk.put(pixel(x));
-    pk.finish();
-  }
+  pack_black_white<OneBit>(out, width, c.OutputBits, pixel);
   for (int ch = 0; ch < 3; ++ch) {
     rows[ch][width - 1] = left[ch];
     rows[ch][width] = here[ch];
@@ -651,25 +658,7 @@ void row_fs_black_white_gray(DitherContext& c, uint8_t* out, int32_t width) {
     car = std::ptrdiff_t(row[x + 1]) + error7_here[q];
     return src[x] + int(q) >= 128;  // white from 128 up
   };
-  int32_t x = 0;
-  if constexpr (OneBit) {
-    for (; x + 8 <= width; x += 8) {
-      uint32_t byte = 0;
-      for (int k = 0; k < 8; ++k) byte = byte << 1 | pixel(x + k);
-      *out++ = uint8_t(byte);
-    }
-    if (x < width) {  // the last partial byte keeps its other (low) bits
-      const int n = width - x;
-      uint32_t byte = 0;
-      for (; x < width; ++x) byte = byte << 1 | pixel(x);
-      const uint8_t keep = uint8_t(0xFFu >> n);
-      *out = uint8_t(((byte << (8 - n)) & ~uint32_t(keep)) | (*out & keep));
-    }
-  } else {
-    Packer pk(out, c.OutputBits);
-    for (; x < width; ++x) pk.put(pixel(x));
-    pk.finish();
-  }
+  pack_black_white<OneBit>(out, width, c.OutputBits, pixel);
   row[width - 1] = left;
   row[width] = here;
 }

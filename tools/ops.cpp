@@ -322,13 +322,12 @@ void op_put_pixel(Context& ctx, const std::string& arg) {
 }
 
 // An 8-bit picture whose palette holds only grays.
-bool gray_levels(BitmapHandle& bm) {
-  if (bm.BitsPerPixel != 8) return false;
-  RGBQUAD pal[256] = {};
-  if (V_GetBitmapPaletteEntries(&bm, 0, 256, pal) <= 0) return false;
-  for (const RGBQUAD& q : pal)
-    if (q.rgbRed != q.rgbGreen || q.rgbRed != q.rgbBlue) return false;
-  return true;
+bool gray_levels(BitmapHandle& bm) { return bm.BitsPerPixel == 8 && rows_info(bm).palette_is_gray(); }
+
+// A row of 24-bit colour made gray levels in place (the first width bytes).
+void row_to_gray_levels(uint8_t* row, int32_t width, int32_t order, const std::string& what) {
+  const int32_t r = V_ConvertBufferExt(row, width, 24, 0, order, ORDER_GRAY, nullptr, nullptr, 0, 0, 0);
+  if (r != RESULT_OK) check_result(r, what);
 }
 
 // Black and white starts from the gray levels.
@@ -566,10 +565,6 @@ void op_alpha_in(Context& ctx, const std::string& arg) {
   check_result(V_SetBitmapAlpha(&bm, alpha.get()), "--alpha-in " + arg);
 }
 
-}  // namespace
-
-namespace {
-
 bool diffuses(int method) { return method >= DITHER_FLOYD_STEINBERG && method <= DITHER_JARVIS; }
 
 }  // namespace
@@ -630,7 +625,7 @@ namespace {
 class ReduceStage final : public RowStage {
  public:
   ReduceStage(ReduceRequest req, std::string arg, int dither)
-      : req_(std::move(req)), arg_(std::move(arg)), dither_(dither) {}
+      : req_(std::move(req)), what_("--reduce " + arg), dither_(dither) {}
 
   // Black and white takes gray levels, or 24-bit colour made gray row by row.
   bool accepts(const BitmapHandle& source) const override {
@@ -643,10 +638,10 @@ class ReduceStage final : public RowStage {
     Bitmap probe;
     int32_t r = V_CreateBitmap(probe.get(), TYPE_CONVENTIONAL, 1, 1, 24, ORDER_BGR, nullptr, 0, nullptr, 0);
     if (probe.allocated()) probe.adopt();
-    check_result(r, "--reduce " + arg_);
+    check_result(r, what_);
     check_result(V_ColorResBitmap(probe.get(), probe.get(), req_.bits, req_.flags,
                                   req_.palette.empty() ? nullptr : req_.palette.data(), nullptr, req_.colors, nullptr, 0),
-                 "--reduce " + arg_);
+                 what_);
     // The result is laid out as the probe is, at the source's size.
     ImageInfo out = rows_info(*probe.get());
     out.width = source.Width;
@@ -663,25 +658,21 @@ class ReduceStage final : public RowStage {
       const int32_t g = V_CreateBitmap(gray_.get(), TYPE_CONVENTIONAL, source.Width, 1, 8, ORDER_RGB,
                                        gray_palette(8).data(), 0, nullptr, 0);
       if (gray_.allocated()) gray_.adopt();
-      check_result(g, "--reduce " + arg_);
+      check_result(g, what_);
       gray_order_ = source.Order;
       dithered = gray_.get();
     }
     if (dither_ >= 0) dithered->DitheringMethod = dither_;
     check_result(V_StartDitheringExt(dithered, pal.data(), static_cast<int32_t>(pal.size()), req_.bits, nullptr),
-                 "--reduce " + arg_);
+                 what_);
     source_ = dithered;
     return out;
   }
 
   void run(uint8_t* source_row, uint8_t* result_row) override {
-    if (source_ == gray_.get()) {
-      const int32_t g = V_ConvertBufferExt(source_row, source_->Width, 24, 0, gray_order_, ORDER_GRAY, nullptr,
-                                           nullptr, 0, 0, 0);
-      if (g != RESULT_OK) check_result(g, "--reduce " + arg_);
-    }
+    if (source_ == gray_.get()) row_to_gray_levels(source_row, source_->Width, gray_order_, what_);
     const int32_t r = V_DitherLine(source_, source_row, result_row);
-    if (r != RESULT_OK) check_result(r, "--reduce " + arg_);
+    if (r != RESULT_OK) check_result(r, what_);
   }
 
   void end() noexcept override {
@@ -691,7 +682,7 @@ class ReduceStage final : public RowStage {
 
  private:
   ReduceRequest req_;
-  std::string arg_;
+  std::string what_;  // for messages
   int dither_;
   BitmapHandle* source_ = nullptr;
   Bitmap gray_;
@@ -725,8 +716,7 @@ class GrayStage final : public RowStage {
   }
 
   void run(uint8_t* source_row, uint8_t* result_row) override {
-    const int32_t r = V_ConvertBufferExt(source_row, width_, 24, 0, order_, ORDER_GRAY, nullptr, nullptr, 0, 0, 0);
-    if (r != RESULT_OK) check_result(r, "--gray 8");
+    row_to_gray_levels(source_row, width_, order_, "--gray 8");
     std::memcpy(result_row, source_row, static_cast<size_t>(width_));
   }
 
