@@ -205,34 +205,6 @@ TEST(CliCodec, PnmHeadersCommentsAndScaling) {
   EXPECT_THROW(vkimg::encode(random_image(8, 0, gray_colours(8), 1), Format::pbm, "c.pbm"), IoError);
 }
 
-TEST(CliCodec, BmpTopDownCoreHeaderAndShortPalette) {
-  // A 2x2 8-bit top-down BMP with a 2-entry palette.
-  std::vector<uint8_t> b = {'B', 'M', 0, 0, 0, 0, 0, 0, 0, 0, 14 + 40 + 8, 0, 0, 0};
-  auto u32 = [&](uint32_t v) {
-    for (int i = 0; i < 4; ++i) b.push_back(uint8_t(v >> (8 * i)));
-  };
-  u32(40);
-  u32(2);
-  u32(uint32_t(-2));
-  b.insert(b.end(), {1, 0, 8, 0});
-  u32(0), u32(0), u32(0), u32(0), u32(2), u32(0);
-  b.insert(b.end(), {10, 20, 30, 0, 40, 50, 60, 0});
-  b.insert(b.end(), {1, 0, 0, 0, 0, 1, 0, 0});
-  const Image img = vkimg::decode(b, Format::bmp, "t.bmp");
-  ASSERT_EQ(2u, img.palette.size());
-  EXPECT_EQ(60, img.palette[1].r);
-  EXPECT_EQ(1u, img.index_at(0, 0)) << "top row first";
-  EXPECT_EQ(1u, img.index_at(1, 1));
-  // The same picture with a 12-byte core header (3-byte palette entries, bottom-up).
-  std::vector<uint8_t> c = {'B', 'M', 0, 0, 0, 0, 0, 0, 0, 0, 14 + 12 + 6, 0, 0, 0, 12, 0, 0, 0, 2, 0, 2, 0, 1, 0, 8, 0};
-  c.insert(c.end(), {10, 20, 30, 40, 50, 60});
-  c.insert(c.end(), {0, 1, 0, 0, 1, 0, 0, 0});
-  const Image core = vkimg::decode(c, Format::bmp, "c.bmp");
-  EXPECT_EQ(1u, core.index_at(0, 0));
-  EXPECT_EQ(1u, core.index_at(1, 1));
-  EXPECT_EQ(40, core.palette[1].b);
-}
-
 // Every truncation and many single-byte corruptions of valid files either
 // decode or fail with an error naming the file; nothing reads outside the
 // buffer (run under the sanitizer build to see that).
